@@ -1,0 +1,57 @@
+#pragma once
+// Claude Code session transcripts (JSON lines below <root>/projects) turned into usage events.
+// Stateless: everything carried between scans is in the checkpoint.
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "core/model/app_settings.hpp"
+#include "core/model/source_checkpoint.hpp"
+#include "core/plans/account_snapshot.hpp"
+#include "core/pricing/price_table.hpp"
+#include "core/sources/file_error.hpp"
+#include "core/sources/ingest_result.hpp"
+
+namespace kestrel::ClaudeParser {
+
+// Bumped when the reading rules change, so that files are read again from their start.
+inline constexpr int64_t parserVersion = 1;
+inline constexpr int64_t checkpointSchemaVersion = 1;
+
+// Every regular "*.jsonl" file below `root`/projects, at any depth (sub-agent transcripts live in
+// nested folders), sorted by path.
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root);
+
+// The component after "projects" with every "-Users-" removed; the parent folder's name when the
+// path has no such component.
+std::string projectKey(const std::filesystem::path& transcript);
+
+// Receives each event as it is read, in file order.
+using EventSink = std::function<void(UsageEvent&&)>;
+
+// Reads the part of `transcript` after the checkpoint (from offset 0 without one) and streams the
+// events to `sink`; the returned result has no events but the new checkpoint and the counts.
+// Fails only when the file cannot be opened or read; malformed lines are skipped and counted.
+std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
+                                              const std::optional<SourceCheckpoint>& checkpoint,
+                                              const AppSettings& settings,
+                                              const PriceTable& prices, const EventSink& sink);
+
+// As above, collecting the events into the result.
+std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
+                                              const std::optional<SourceCheckpoint>& checkpoint,
+                                              const AppSettings& settings,
+                                              const PriceTable& prices);
+
+// The signed-in account from the agent's ~/.claude.json (its "oauthAccount" object); absent when
+// the file or the object is missing. The e-mail address is kept masked only.
+std::optional<AccountSnapshot> accountFromDotJSON(const std::filesystem::path& dotJSON, double now);
+std::optional<AccountSnapshot> account(const nlohmann::json& json, double now);
+
+}  // namespace kestrel::ClaudeParser

@@ -1,0 +1,27 @@
+#pragma once
+// Finding agents' files below a root without trusting the tree: symbolic links to folders are
+// followed once (a loop is cut where it closes), sockets, FIFOs and devices are ignored, and
+// unreadable folders are skipped.
+
+#include <filesystem>
+#include <functional>
+#include <vector>
+
+namespace kestrel {
+
+struct DiscoveryOptions {
+    // Called with each regular file (symbolic links resolved); return true to keep it.
+    std::function<bool(const std::filesystem::path&)> accept;
+    int maxDepth = 32;  // deeper trees are not agents' data
+};
+
+// Regular files below `root` that `options.accept` keeps, sorted by path. The paths are as found
+// below `root` (links are not replaced by their targets). A missing root yields nothing.
+std::vector<std::filesystem::path> discoverFiles(const std::filesystem::path& root,
+                                                 const DiscoveryOptions& options);
+
+// Convenience: every regular file whose name ends with `suffix` (e.g. ".jsonl").
+std::vector<std::filesystem::path> discoverFilesWithSuffix(const std::filesystem::path& root,
+                                                           std::string_view suffix);
+
+}  // namespace kestrel

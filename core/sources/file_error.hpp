@@ -1,0 +1,23 @@
+#pragma once
+// A file that could not be opened or read, named by its path. Readers return it and the scan
+// goes on with the next file.
+
+#include <string>
+
+namespace kestrel {
+
+struct FileError {
+    std::string path;
+    std::string operation;  // "open", "read", "stat", ...
+    int errorNumber = 0;    // errno at the failure
+
+    // "cannot read /x/y.jsonl: Permission denied"
+    std::string description() const;
+
+    bool operator==(const FileError&) const = default;
+};
+
+// Builds a FileError from the current errno.
+FileError fileErrorFromErrno(std::string path, std::string operation);
+
+}  // namespace kestrel
