@@ -1,0 +1,43 @@
+#pragma once
+// What every command gets: its output streams, whether they are terminals, and the home folder
+// and environment the readers use.
+
+#include <filesystem>
+#include <ostream>
+#include <string>
+
+#include "core/model/app_settings.hpp"
+#include "core/sources/agent_catalog.hpp"
+
+namespace kestrel::cli {
+
+struct CommandContext {
+    CommandContext(std::ostream& o, std::ostream& e) : out(o), err(e) {}
+
+    std::ostream& out;
+    std::ostream& err;
+    bool outIsTerminal = false;
+    bool errIsTerminal = false;
+    bool colour = false;  // out is a terminal and NO_COLOR is not set
+    std::filesystem::path home;
+    EnvironmentLookup env;
+    AppSettings settings;
+};
+
+// Draws "Reading transcripts 12/340" on a terminal's error stream, rewritten in place, and clears
+// it when done; does nothing when the stream is not a terminal.
+class ProgressLine {
+public:
+    ProgressLine(std::ostream& err, bool enabled) : err_(err), enabled_(enabled) {}
+    ~ProgressLine() { clear(); }
+    void update(std::size_t done, std::size_t total);
+    void clear();
+
+private:
+    std::ostream& err_;
+    bool enabled_;
+    bool shown_ = false;
+    std::size_t lastDone_ = static_cast<std::size_t>(-1);
+};
+
+}  // namespace kestrel::cli
