@@ -12,8 +12,15 @@ namespace {
 using DirectoryKey = std::pair<dev_t, ino_t>;
 
 struct Walker {
+    explicit Walker(const DiscoveryOptions& o) : options(o) {}
+
     const DiscoveryOptions& options;
-    std::set<DirectoryKey> visited;  // folders already entered: a symlink loop stops here
+    // The folders above the one being walked: a link back to any of them is a loop. Only
+    // ancestors count, so that a folder also reachable through a link keeps its own path.
+    std::set<DirectoryKey> ancestors;
+    // Links can make a tree exponentially larger than what is on disk; past this many
+    // folders the walk stops rather than run for ever.
+    std::size_t folderBudget = 200'000;
     std::vector<std::filesystem::path> found;
 
     void walk(const std::filesystem::path& dir, int depth) {
@@ -33,8 +40,11 @@ struct Walker {
                 continue;  // dangling link, vanished file, no permission
             }
             if (S_ISDIR(st.st_mode)) {
-                if (depth < options.maxDepth && visited.insert({st.st_dev, st.st_ino}).second) {
+                if (depth < options.maxDepth && folderBudget > 0 &&
+                    ancestors.insert({st.st_dev, st.st_ino}).second) {
+                    --folderBudget;
                     walk(path, depth + 1);
+                    ancestors.erase({st.st_dev, st.st_ino});
                 }
             } else if (S_ISREG(st.st_mode)) {
                 if (!options.accept || options.accept(path)) {
@@ -50,12 +60,12 @@ struct Walker {
 
 std::vector<std::filesystem::path> discoverFiles(const std::filesystem::path& root,
                                                  const DiscoveryOptions& options) {
-    Walker walker{options, {}, {}};
+    Walker walker(options);
     struct stat st {};
     if (::stat(root.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
         return {};
     }
-    walker.visited.insert({st.st_dev, st.st_ino});
+    walker.ancestors.insert({st.st_dev, st.st_ino});
     walker.walk(root, 0);
     std::sort(walker.found.begin(), walker.found.end());
     return std::move(walker.found);

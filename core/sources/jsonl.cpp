@@ -116,7 +116,9 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
     end.nextOffset = from;
     for (;;) {
         if (filled == capacity) {
-            const std::size_t grown = capacity * 2;
+            // Never beyond one byte over the limit: a tail that long is dropped below.
+            const std::size_t grown =
+                std::max(capacity + 1, std::min(capacity * 2, maxLineBytes + 1));
             auto bigger = std::make_unique<char[]>(grown + kLinePadding);
             std::memcpy(bigger.get(), buffer.get(), filled);
             std::memset(bigger.get() + grown, 0, kLinePadding);
@@ -141,7 +143,7 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
                 break;
             }
             const std::size_t nlIndex = static_cast<std::size_t>(nl - data);
-            if (discardingFrom) {
+            if (discardingFrom || nlIndex - lineStart > maxLineBytes) {
                 discardingFrom.reset();
                 ++end.oversizedLines;
             } else {

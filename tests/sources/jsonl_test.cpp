@@ -208,6 +208,7 @@ TEST(JsonlReadTest, EdgeCases) {
         {"CR of an unfinished line", "a\r\nb\r", 0, {{"a"}, 3, 3}},
         {"empty lines are delivered", "\n\r\n\n{}\n", 0, {{"", "", "", "{}"}, 7, std::nullopt}},
         {"no line feed at all", "{\"a\":1}", 0, {{}, 0, 0}},
+        {"one-byte unfinished line", "a\nb", 0, {{"a"}, 2, 2}},
         {"no line feed after the offset", "x\n{\"a\":1}", 2, {{}, 2, 2}},
         {"offset at end of file", "a\nb\n", 4, {{}, 4, std::nullopt}},
         {"offset beyond end of file", "a\nb\n", 50, {{}, 50, std::nullopt}},
