@@ -30,11 +30,11 @@ CollectionStats collectClaude(const std::filesystem::path& home, const Environme
         if (progress) {
             progress(i, files.size(), files[i]);
         }
-        auto result = ClaudeParser::ingest(files[i], std::nullopt, settings, prices,
-                                           [&](UsageEvent&& e) {
-                                               ++stats.events;
-                                               sink(std::move(e));
-                                           });
+        auto result =
+            ClaudeParser::ingest(files[i], std::nullopt, settings, prices, [&](UsageEvent&& e) {
+                ++stats.events;
+                sink(std::move(e));
+            });
         if (!result) {
             stats.errors.push_back(result.error());
             continue;

@@ -15,7 +15,7 @@ namespace kestrel::cli {
 
 struct CollectionStats {
     std::vector<std::filesystem::path> roots;  // installed roots that were searched
-    int64_t files = 0;                          // transcripts read
+    int64_t files = 0;                         // transcripts read
     int64_t bytes = 0;
     int64_t lines = 0;
     int64_t events = 0;

@@ -26,10 +26,10 @@ bool isTerminal(const std::ostream& stream, int fd) {
 bool resolveHome(CommandContext& ctx, const std::string& option) {
     const char* kestrelHome = std::getenv("KESTREL_HOME");
     const char* home = std::getenv("HOME");
-    std::string chosen = !option.empty()                          ? option
+    std::string chosen = !option.empty()                       ? option
                          : kestrelHome && *kestrelHome != '\0' ? kestrelHome
-                         : home                                   ? home
-                                                                  : "";
+                         : home                                ? home
+                                                               : "";
     if (chosen.empty()) {
         ctx.err << "kestrel: no home folder: set HOME or pass --home DIR\n";
         return false;
@@ -70,10 +70,11 @@ bool checkSources(CommandContext& ctx, const std::vector<std::string>& sources) 
 }  // namespace
 
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
-    CLI::App app{"Kestrel meters the tokens your AI coding agents use, from the records they "
-                 "keep on this machine.\nWithout a command it summarises the usage found below "
-                 "the home folder.",
-                 "kestrel"};
+    CLI::App app{
+        "Kestrel meters the tokens your AI coding agents use, from the records they "
+        "keep on this machine.\nWithout a command it summarises the usage found below "
+        "the home folder.",
+        "kestrel"};
     app.set_version_flag("--version", kVersion);
     app.require_subcommand(0, 1);
 

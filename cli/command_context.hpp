@@ -27,13 +27,13 @@ struct CommandContext {
 // Draws "Reading transcripts 12/340" on a terminal's error stream, rewritten in place, and clears
 // it when done; does nothing when the stream is not a terminal.
 class ProgressLine {
-public:
+  public:
     ProgressLine(std::ostream& err, bool enabled) : err_(err), enabled_(enabled) {}
     ~ProgressLine() { clear(); }
     void update(std::size_t done, std::size_t total);
     void clear();
 
-private:
+  private:
     std::ostream& err_;
     bool enabled_;
     bool shown_ = false;

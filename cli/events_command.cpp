@@ -32,13 +32,13 @@ void printErrors(CommandContext& ctx, const CollectionStats& stats) {
 }
 
 std::string countsLine(const CollectionStats& stats) {
-    std::string line = fmt::format("{}, {}, {}, {} skipped", counted(stats.files, "file", "files"),
-                                   counted(stats.lines, "line", "lines"),
-                                   counted(stats.events, "event", "events"),
-                                   counted(stats.malformed, "malformed line", "malformed lines"));
+    std::string line =
+        fmt::format("{}, {}, {}, {} skipped", counted(stats.files, "file", "files"),
+                    counted(stats.lines, "line", "lines"), counted(stats.events, "event", "events"),
+                    counted(stats.malformed, "malformed line", "malformed lines"));
     if (!stats.errors.empty()) {
-        line += fmt::format(", {} unreadable",
-                            counted(int64_t(stats.errors.size()), "file", "files"));
+        line +=
+            fmt::format(", {} unreadable", counted(int64_t(stats.errors.size()), "file", "files"));
     }
     return line;
 }
@@ -79,13 +79,11 @@ int runEvents(CommandContext& ctx, bool json) {
     stats = collectClaude(
         ctx.home, ctx.env, ctx.settings,
         [&](UsageEvent&& e) {
-            table.addRow({localTime(e.occurredAt), shortSession(e.sessionID), e.model,
-                          groupedNumber(e.exclusive.inputUncached),
-                          groupedNumber(e.exclusive.cacheRead),
-                          groupedNumber(e.exclusive.cacheWrite),
-                          groupedNumber(e.exclusive.outputVisible),
-                          groupedNumber(e.exclusive.billedTokens()),
-                          e.projectDisplayName.value_or("")});
+            table.addRow(
+                {localTime(e.occurredAt), shortSession(e.sessionID), e.model,
+                 groupedNumber(e.exclusive.inputUncached), groupedNumber(e.exclusive.cacheRead),
+                 groupedNumber(e.exclusive.cacheWrite), groupedNumber(e.exclusive.outputVisible),
+                 groupedNumber(e.exclusive.billedTokens()), e.projectDisplayName.value_or("")});
         },
         onProgress);
     progress.clear();

@@ -4,6 +4,5 @@
 
 int main(int argc, char** argv) {
     std::ios::sync_with_stdio(false);
-    return kestrel::cli::run(std::vector<std::string>(argv + 1, argv + argc), std::cout,
-                             std::cerr);
+    return kestrel::cli::run(std::vector<std::string>(argv + 1, argv + argc), std::cout, std::cerr);
 }

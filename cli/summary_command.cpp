@@ -201,12 +201,11 @@ int runSummary(CommandContext& ctx, bool json) {
         byModelTable.render(ctx.out, ctx.colour);
         ctx.out << '\n';
     }
-    ctx.out << fmt::format("{}, {}, {} for {}, {} skipped\n",
-                           counted(stats.files, "transcript", "transcripts"),
-                           counted(stats.lines, "line", "lines"),
-                           counted(stats.events, "usage line", "usage lines"),
-                           counted(all.requests, "request", "requests"),
-                           counted(stats.malformed, "malformed line", "malformed lines"));
+    ctx.out << fmt::format(
+        "{}, {}, {} for {}, {} skipped\n", counted(stats.files, "transcript", "transcripts"),
+        counted(stats.lines, "line", "lines"), counted(stats.events, "usage line", "usage lines"),
+        counted(all.requests, "request", "requests"),
+        counted(stats.malformed, "malformed line", "malformed lines"));
     ctx.out << "Costs are not shown yet: no price table is loaded.\n";
     return stats.errors.empty() ? kExitOK : kExitPartial;
 }

@@ -35,7 +35,8 @@ std::size_t displayWidth(std::string_view text) {
 std::string groupedNumber(int64_t value) {
     const bool negative = value < 0;
     // Work on the unsigned magnitude so that INT64_MIN does not overflow.
-    uint64_t magnitude = negative ? ~static_cast<uint64_t>(value) + 1 : static_cast<uint64_t>(value);
+    uint64_t magnitude =
+        negative ? ~static_cast<uint64_t>(value) + 1 : static_cast<uint64_t>(value);
     std::string digits = std::to_string(magnitude);
     std::string out;
     for (std::size_t i = 0; i < digits.size(); ++i) {

@@ -16,7 +16,7 @@ struct Column {
 };
 
 class TextTable {
-public:
+  public:
     explicit TextTable(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     // A row with one cell per column (missing cells are blank).
@@ -27,7 +27,7 @@ public:
 
     void render(std::ostream& out, bool colour) const;
 
-private:
+  private:
     std::vector<Column> columns_;
     std::vector<std::vector<std::string>> rows_;
     std::vector<std::size_t> separators_;

@@ -85,13 +85,21 @@ static_assert([] {
 
 }  // namespace
 
-std::span<const AgentSource> allAgentSources() { return kAll; }
+std::span<const AgentSource> allAgentSources() {
+    return kAll;
+}
 
-std::string_view displayName(AgentSource source) { return texts(source).display; }
+std::string_view displayName(AgentSource source) {
+    return texts(source).display;
+}
 
-std::string_view shortLabel(AgentSource source) { return texts(source).shortLabel; }
+std::string_view shortLabel(AgentSource source) {
+    return texts(source).shortLabel;
+}
 
-std::span<const AgentSource> usageSources() { return kUsageSources; }
+std::span<const AgentSource> usageSources() {
+    return kUsageSources;
+}
 
 int64_t usageSemanticsVersion(AgentSource source) {
     switch (source) {

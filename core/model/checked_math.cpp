@@ -7,8 +7,8 @@ namespace kestrel {
 
 void overflowAbort(std::string_view operation, int64_t lhs, int64_t rhs) {
     std::fprintf(stderr, "kestrel: fatal: 64-bit overflow in %.*s (%lld, %lld)\n",
-                 static_cast<int>(operation.size()), operation.data(),
-                 static_cast<long long>(lhs), static_cast<long long>(rhs));
+                 static_cast<int>(operation.size()), operation.data(), static_cast<long long>(lhs),
+                 static_cast<long long>(rhs));
     std::abort();
 }
 

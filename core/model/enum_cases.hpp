@@ -9,8 +9,10 @@
 #include <utility>
 
 // One case whose stored string is its name: KESTREL_ENUM_CASE(SourceStatus, healthy).
-#define KESTREL_ENUM_CASE(E, c) \
-    std::pair<E, std::string_view> { E::c, #c }
+#define KESTREL_ENUM_CASE(E, c)      \
+    std::pair<E, std::string_view> { \
+        E::c, #c                     \
+    }
 
 namespace kestrel {
 

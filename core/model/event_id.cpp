@@ -32,7 +32,9 @@ std::string local(AgentSource source, std::string_view sessionID, std::string_vi
     return join({rawValue(source), sessionID, recordID, model});
 }
 
-std::string claude(std::string_view messageID) { return join({"claude", messageID}); }
+std::string claude(std::string_view messageID) {
+    return join({"claude", messageID});
+}
 
 std::string codex(std::string_view sessionID, std::string_view timestamp,
                   const TokenSnapshot& snapshot) {

@@ -2,11 +2,10 @@
 // JSON helpers for persisted enumerations and optionals: enums as their raw strings, absent
 // optionals as null. An unknown raw string is a decoding error, not a silent default.
 
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
-
-#include <nlohmann/json.hpp>
 
 #include "core/model/enum_cases.hpp"
 

@@ -17,7 +17,9 @@ std::string cwdHash(std::string_view path) {
 
 namespace {
 
-bool isSeparator(char c) { return c == '/' || c == '\\'; }
+bool isSeparator(char c) {
+    return c == '/' || c == '\\';
+}
 
 std::string_view trimTrailingSeparators(std::string_view p) {
     while (p.size() > 1 && isSeparator(p.back())) {

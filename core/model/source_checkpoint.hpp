@@ -2,10 +2,9 @@
 // Where a reader stopped in one file or database, so that the next scan reads only what is new.
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "core/model/agent_source.hpp"
 #include "core/model/tokens.hpp"
@@ -17,8 +16,8 @@ struct SourceCheckpoint {
     std::string stableID;  // identity of the file or database within the source (its path)
     std::string pathHint;  // the path as last seen, for display and re-location
     std::optional<uint64_t> inode;
-    std::optional<int64_t> byteOffset;        // just past the last complete line consumed
-    std::optional<int64_t> partialLineStart;  // where an unterminated last line began
+    std::optional<int64_t> byteOffset;            // just past the last complete line consumed
+    std::optional<int64_t> partialLineStart;      // where an unterminated last line began
     std::optional<std::string> logicalHighWater;  // database sources: last row key consumed
     std::string parserContext;  // opaque bytes owned by the parser that wrote them
     std::optional<TokenSnapshot> lastCumulative;

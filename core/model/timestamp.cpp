@@ -30,7 +30,9 @@ void civilFromDays(int64_t z, int64_t& y, unsigned& m, unsigned& d) {
     y += m <= 2;
 }
 
-bool isLeap(int64_t y) { return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0; }
+bool isLeap(int64_t y) {
+    return (y % 4 == 0 && y % 100 != 0) || y % 400 == 0;
+}
 
 unsigned daysInMonth(int64_t y, unsigned m) {
     static constexpr unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -87,8 +89,8 @@ std::optional<double> parseISO8601(std::string_view text) {
         return std::nullopt;
     }
     if (month < 1 || month > 12 || day < 1 ||
-        static_cast<unsigned>(day) > daysInMonth(year, static_cast<unsigned>(month)) ||
-        hour > 23 || minute > 59 || second > 60) {
+        static_cast<unsigned>(day) > daysInMonth(year, static_cast<unsigned>(month)) || hour > 23 ||
+        minute > 59 || second > 60) {
         return std::nullopt;
     }
     double fraction = 0;
@@ -132,7 +134,8 @@ std::optional<double> parseISO8601(std::string_view text) {
     if (!c.done()) {
         return std::nullopt;
     }
-    const int64_t days = daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
+    const int64_t days =
+        daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
     const int64_t seconds = days * 86400 + hour * 3600 + minute * 60 + second - offsetSeconds;
     return static_cast<double>(seconds) + fraction;
 }

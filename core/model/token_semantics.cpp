@@ -47,8 +47,8 @@ Mapped mapSubset(AgentSource source, int64_t input, int64_t cached, int64_t cach
     const int64_t included = source == AgentSource::codex
                                  ? cached
                                  : checkedAdd(cached, cacheWrite, "subset included cache");
-    const bool consistent = cached >= 0 && cacheWrite >= 0 && reasoning >= 0 &&
-                            input >= included && output >= reasoning;
+    const bool consistent = cached >= 0 && cacheWrite >= 0 && reasoning >= 0 && input >= included &&
+                            output >= reasoning;
     Mapped m{ExclusiveTokens::zero(), false, input, output, total};
     if (consistent) {
         m.exclusive = {std::max<int64_t>(checkedSub(input, included, "subset input"), 0), cached,

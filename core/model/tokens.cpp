@@ -46,12 +46,8 @@ namespace {
 
 template <class J>
 void fill(J& j, const TokenSnapshot& t) {
-    j = J{{"input", t.input},
-                       {"cachedInput", t.cachedInput},
-                       {"cacheCreate", t.cacheCreate},
-                       {"output", t.output},
-                       {"reasoning", t.reasoning},
-                       {"providerTotal", t.providerTotal}};
+    j = J{{"input", t.input},   {"cachedInput", t.cachedInput}, {"cacheCreate", t.cacheCreate},
+          {"output", t.output}, {"reasoning", t.reasoning},     {"providerTotal", t.providerTotal}};
 }
 
 template <class J>
@@ -65,10 +61,18 @@ void fill(J& j, const ExclusiveTokens& t) {
 
 }  // namespace
 
-void to_json(nlohmann::json& j, const TokenSnapshot& t) { fill(j, t); }
-void to_json(nlohmann::ordered_json& j, const TokenSnapshot& t) { fill(j, t); }
-void to_json(nlohmann::json& j, const ExclusiveTokens& t) { fill(j, t); }
-void to_json(nlohmann::ordered_json& j, const ExclusiveTokens& t) { fill(j, t); }
+void to_json(nlohmann::json& j, const TokenSnapshot& t) {
+    fill(j, t);
+}
+void to_json(nlohmann::ordered_json& j, const TokenSnapshot& t) {
+    fill(j, t);
+}
+void to_json(nlohmann::json& j, const ExclusiveTokens& t) {
+    fill(j, t);
+}
+void to_json(nlohmann::ordered_json& j, const ExclusiveTokens& t) {
+    fill(j, t);
+}
 
 void from_json(const nlohmann::json& j, TokenSnapshot& t) {
     t.input = j.value("input", int64_t{0});

@@ -3,11 +3,10 @@
 // are priced and summed (ExclusiveTokens).
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <string_view>
 #include <utility>
 #include <vector>
-
-#include <nlohmann/json_fwd.hpp>
 
 namespace kestrel {
 

@@ -46,9 +46,13 @@ void fill(J& j, const UsageEvent& e) {
 
 }  // namespace
 
-void to_json(nlohmann::json& j, const UsageEvent& e) { fill(j, e); }
+void to_json(nlohmann::json& j, const UsageEvent& e) {
+    fill(j, e);
+}
 
-void to_json(nlohmann::ordered_json& j, const UsageEvent& e) { fill(j, e); }
+void to_json(nlohmann::ordered_json& j, const UsageEvent& e) {
+    fill(j, e);
+}
 
 void from_json(const nlohmann::json& j, UsageEvent& e) {
     e.id = j.at("id").get<std::string>();

@@ -2,10 +2,9 @@
 // One normalised usage record: the unit every reader returns and the ledger stores.
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "core/model/agent_source.hpp"
 #include "core/model/tokens.hpp"
@@ -14,7 +13,7 @@
 namespace kestrel {
 
 struct UsageEvent {
-    std::string id;     // identity and de-duplication key (EventID)
+    std::string id;         // identity and de-duplication key (EventID)
     double occurredAt = 0;  // seconds since the Unix epoch
     std::optional<ObservationTimeQuality> timeQuality;
     std::optional<UsagePrecision> usagePrecision;

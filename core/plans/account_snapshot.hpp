@@ -10,7 +10,14 @@
 
 namespace kestrel {
 
-enum class QuotaWindowKind { session5h, weekly, weeklyModelScoped, monthly, extraCredits, apiPrepaid };
+enum class QuotaWindowKind {
+    session5h,
+    weekly,
+    weeklyModelScoped,
+    monthly,
+    extraCredits,
+    apiPrepaid
+};
 
 enum class QuotaProvenance { localSession, localCache, liveOAuth, liveAPIKey, relay };
 

@@ -80,9 +80,9 @@ std::optional<AgentDataSpec> spec(AgentSource source, const std::filesystem::pat
                                   const EnvironmentLookup& env = emptyEnvironment());
 
 // The roots of `source` that exist on disk.
-std::vector<std::filesystem::path> installedRoots(AgentSource source,
-                                                  const std::filesystem::path& home,
-                                                  const EnvironmentLookup& env = emptyEnvironment());
+std::vector<std::filesystem::path> installedRoots(
+    AgentSource source, const std::filesystem::path& home,
+    const EnvironmentLookup& env = emptyEnvironment());
 
 // Every root of every source, for the file watcher (no duplicates, in source order).
 std::vector<std::string> watchPaths(const std::filesystem::path& home,

@@ -129,8 +129,7 @@ struct ClaudeLineReader::Impl {
     dom::parser parser;
     std::string scratch;  // padded copy when the caller's buffer has no room after the line
 
-    ClaudeLineKind parse(const char* data, std::size_t length, ClaudeRecord& r,
-                         bool& utf8Error) {
+    ClaudeLineKind parse(const char* data, std::size_t length, ClaudeRecord& r, bool& utf8Error) {
         utf8Error = false;
         dom::element doc;
         if (auto err = parser.parse(data, length, false).get(doc); err) {

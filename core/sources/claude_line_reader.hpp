@@ -38,7 +38,7 @@ enum class ClaudeLineKind {
 };
 
 class ClaudeLineReader {
-public:
+  public:
     ClaudeLineReader();
     ~ClaudeLineReader();
     ClaudeLineReader(const ClaudeLineReader&) = delete;
@@ -49,7 +49,7 @@ public:
     // line is repaired rather than rejected.
     ClaudeLineKind read(std::string_view line, std::size_t paddingAfter, ClaudeRecord& record);
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -80,9 +80,11 @@ struct FileFacts {
     double mtime = 0;
     std::string sessionFromName;
     std::string projectKey;
+    std::optional<std::string> lastIdentity;  // the last directory hashed, and its hash
+    std::string lastHash;
 };
 
-UsageEvent makeEvent(const ClaudeRecord& r, const FileFacts& file, const AppSettings& settings) {
+UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& settings) {
     UsageEvent e;
     e.id = EventID::claude(r.messageID);
     if (auto t = parseISO8601(r.timestamp)) {
@@ -101,16 +103,21 @@ UsageEvent makeEvent(const ClaudeRecord& r, const FileFacts& file, const AppSett
     // The real working directory joins this project with other agents' records of it; the
     // folder-derived key is the fallback.
     const std::string& identity = r.cwd.empty() ? file.projectKey : r.cwd;
-    e.cwdHash = Privacy::cwdHash(identity);
+    if (file.lastIdentity != identity) {
+        // Lines of one file nearly always share a directory: hash it once.
+        file.lastIdentity = identity;
+        file.lastHash = Privacy::cwdHash(identity);
+    }
+    e.cwdHash = file.lastHash;
     if (settings.storeProject) {
         e.projectDisplayName = displayLabel(r, file.projectKey);
     }
     e.sessionID = r.sessionID.empty() ? file.sessionFromName : r.sessionID;
-    e.raw = TokenSnapshot{r.inputTokens, r.cacheReadInputTokens, r.cacheCreationInputTokens,
-                          r.outputTokens, 0, 0};
-    const auto mapped = TokenSemantics::map(AgentSource::claude, r.inputTokens,
-                                            r.cacheReadInputTokens, r.cacheCreationInputTokens,
-                                            r.outputTokens, 0, std::nullopt);
+    e.raw = TokenSnapshot{
+        r.inputTokens, r.cacheReadInputTokens, r.cacheCreationInputTokens, r.outputTokens, 0, 0};
+    const auto mapped =
+        TokenSemantics::map(AgentSource::claude, r.inputTokens, r.cacheReadInputTokens,
+                            r.cacheCreationInputTokens, r.outputTokens, 0, std::nullopt);
     e.exclusive = mapped.exclusive;
     e.breakdownTrusted = mapped.trusted;
     e.providerInputTotal = mapped.providerIn;
@@ -129,8 +136,7 @@ UsageEvent makeEvent(const ClaudeRecord& r, const FileFacts& file, const AppSett
 
 bool isEmptyErrorRecord(const ClaudeRecord& r) {
     return (r.isApiErrorMessage || r.model == "<synthetic>") && r.inputTokens == 0 &&
-           r.outputTokens == 0 && r.cacheReadInputTokens == 0 &&
-           r.cacheCreationInputTokens == 0;
+           r.outputTokens == 0 && r.cacheReadInputTokens == 0 && r.cacheCreationInputTokens == 0;
 }
 
 }  // namespace
@@ -152,27 +158,26 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
     IngestResult result;
     ClaudeLineReader reader;
     ClaudeRecord record;
-    auto end = JSONL::forEachCompleteLine(
-        transcript, start, [&](std::string_view line, int64_t) {
-            ++result.stats.lines;
-            switch (reader.read(line, JSONL::kLinePadding, record)) {
-                case ClaudeLineKind::usage:
-                    if (isEmptyErrorRecord(record)) {
-                        ++result.stats.withoutUsage;
-                    } else {
-                        sink(makeEvent(record, facts, settings));
-                    }
-                    break;
-                case ClaudeLineKind::noUsage:
+    auto end = JSONL::forEachCompleteLine(transcript, start, [&](std::string_view line, int64_t) {
+        ++result.stats.lines;
+        switch (reader.read(line, JSONL::kLinePadding, record)) {
+            case ClaudeLineKind::usage:
+                if (isEmptyErrorRecord(record)) {
                     ++result.stats.withoutUsage;
-                    break;
-                case ClaudeLineKind::malformed:
-                    ++result.stats.malformed;
-                    break;
-                case ClaudeLineKind::blank:
-                    break;
-            }
-        });
+                } else {
+                    sink(makeEvent(record, facts, settings));
+                }
+                break;
+            case ClaudeLineKind::noUsage:
+                ++result.stats.withoutUsage;
+                break;
+            case ClaudeLineKind::malformed:
+                ++result.stats.malformed;
+                break;
+            case ClaudeLineKind::blank:
+                break;
+        }
+    });
     if (!end) {
         return std::unexpected(end.error());
     }

@@ -6,10 +6,9 @@
 #include <expected>
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
@@ -40,8 +39,8 @@ using EventSink = std::function<void(UsageEvent&&)>;
 // Fails only when the file cannot be opened or read; malformed lines are skipped and counted.
 std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
                                               const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings,
-                                              const PriceTable& prices, const EventSink& sink);
+                                              const AppSettings& settings, const PriceTable& prices,
+                                              const EventSink& sink);
 
 // As above, collecting the events into the result.
 std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,

@@ -29,8 +29,7 @@ struct Walker {
         if (ec) {
             return;  // unreadable folders are skipped; the scan goes on
         }
-        for (const auto end = std::filesystem::directory_iterator(); it != end;
-             it.increment(ec)) {
+        for (const auto end = std::filesystem::directory_iterator(); it != end; it.increment(ec)) {
             if (ec) {
                 return;
             }

@@ -14,7 +14,7 @@ namespace {
 
 // Owns a file descriptor opened read-only; agents' files are never written.
 class ReadOnlyFile {
-public:
+  public:
     static std::expected<ReadOnlyFile, FileError> open(const std::filesystem::path& path) {
         // O_NONBLOCK so that a FIFO cannot block the open; it is rejected right after.
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
@@ -73,7 +73,7 @@ public:
         return true;
     }
 
-private:
+  private:
     explicit ReadOnlyFile(int fd) : fd_(fd) {}
     int fd_;
     int64_t size_ = 0;
@@ -103,7 +103,7 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
     // buffer holds [bufferBase, bufferBase + filled) of the file, plus padding that is never
     // counted as data. It only grows when one line is longer than the whole buffer.
     std::size_t capacity = chunkSize;
-    auto buffer = std::make_unique<char[]>(capacity + kLinePadding);
+    auto buffer = std::make_unique_for_overwrite<char[]>(capacity + kLinePadding);
     std::memset(buffer.get() + capacity, 0, kLinePadding);
     std::size_t filled = 0;
     int64_t bufferBase = from;
@@ -119,7 +119,7 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
             // Never beyond one byte over the limit: a tail that long is dropped below.
             const std::size_t grown =
                 std::max(capacity + 1, std::min(capacity * 2, maxLineBytes + 1));
-            auto bigger = std::make_unique<char[]>(grown + kLinePadding);
+            auto bigger = std::make_unique_for_overwrite<char[]>(grown + kLinePadding);
             std::memcpy(bigger.get(), buffer.get(), filled);
             std::memset(bigger.get() + grown, 0, kLinePadding);
             buffer = std::move(bigger);
@@ -181,9 +181,8 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
 
 std::expected<Slice, FileError> readCompleteLines(const std::filesystem::path& path, int64_t from) {
     Slice slice;
-    auto end = forEachCompleteLine(path, from, [&](std::string_view line, int64_t) {
-        slice.lines.emplace_back(line);
-    });
+    auto end = forEachCompleteLine(
+        path, from, [&](std::string_view line, int64_t) { slice.lines.emplace_back(line); });
     if (!end) {
         return std::unexpected(end.error());
     }

@@ -18,8 +18,8 @@
 namespace kestrel::JSONL {
 
 struct Slice {
-    std::vector<std::string> lines;      // complete lines in file order, without terminators
-    int64_t nextOffset = 0;              // just past the last line feed consumed
+    std::vector<std::string> lines;       // complete lines in file order, without terminators
+    int64_t nextOffset = 0;               // just past the last line feed consumed
     std::optional<int64_t> partialStart;  // where an unterminated trailing line begins
 
     bool operator==(const Slice&) const = default;

@@ -30,8 +30,8 @@ Run kestrel(std::vector<std::string> args) {
 std::string line(const std::string& id, const std::string& model, int64_t input, int64_t output) {
     return R"({"type":"assistant","sessionId":"s","cwd":"/w/app","timestamp":"2026-01-02T03:04:05Z",)"
            R"("message":{"id":")" +
-           id + R"(","model":")" + model + R"(","usage":{"input_tokens":)" +
-           std::to_string(input) + R"(,"output_tokens":)" + std::to_string(output) + "}}}\n";
+           id + R"(","model":")" + model + R"(","usage":{"input_tokens":)" + std::to_string(input) +
+           R"(,"output_tokens":)" + std::to_string(output) + "}}}\n";
 }
 
 // A home with two transcripts: a message written on two lines (placeholder, then final), one
@@ -39,7 +39,9 @@ std::string line(const std::string& id, const std::string& model, int64_t input,
 void writeHome(const TempDir& home) {
     home.write(".claude/projects/-w-app/a.jsonl",
                line("m1", "opus", 10, 1) + line("m1", "opus", 10, 500) +
-                   R"({"type":"user","message":{"content":"hi"}})" "\n" + "{broken\n");
+                   R"({"type":"user","message":{"content":"hi"}})"
+                   "\n" +
+                   "{broken\n");
     home.write(".claude/projects/-w-app/b.jsonl",
                line("m1", "opus", 10, 500) + line("m2", "haiku", 3, 7));
 }

@@ -117,10 +117,10 @@ TEST(ClaudeIngest, ClassifiesEveryLineShape) {
         {"blank line", "   ", 0, 0, 0},
         {"not JSON", "usage assistant {", 0, 1, 0},
         {"array", R"([{"type":"assistant","usage":{}}])", 0, 1, 0},
-        {"cut line", R"({"type":"assistant","message":{"id":"m","usage":{"input_tokens":1})", 0,
-         1, 0},
-        {"usage not an object",
-         R"({"type":"assistant","message":{"id":"m3","usage":"assistant"}})", 0, 0, 1},
+        {"cut line", R"({"type":"assistant","message":{"id":"m","usage":{"input_tokens":1})", 0, 1,
+         0},
+        {"usage not an object", R"({"type":"assistant","message":{"id":"m3","usage":"assistant"}})",
+         0, 0, 1},
         {"assistant without id",
          R"({"type":"assistant","message":{"model":"m","usage":{"output_tokens":3}}})", 0, 1, 0},
         {"API error line",
@@ -160,11 +160,11 @@ TEST(ClaudeIngest, AbsentCountsAreZeroAndFloatSpellingsCount) {
 
 TEST(ClaudeIngest, FallsBackForMissingTimeSessionAndDirectory) {
     TempDir dir;
-    const auto file = dir.write(
-        "projects/-home-u-tool/abc-123.jsonl",
-        R"({"type":"assistant","timestamp":"yesterday","message":{"id":"m","model":"x",)"
-        R"("usage":{"output_tokens":3}}})"
-        "\n");
+    const auto file =
+        dir.write("projects/-home-u-tool/abc-123.jsonl",
+                  R"({"type":"assistant","timestamp":"yesterday","message":{"id":"m","model":"x",)"
+                  R"("usage":{"output_tokens":3}}})"
+                  "\n");
     struct stat st {};
     ASSERT_EQ(::stat(file.c_str(), &st), 0);
     const auto result = ingestFile(file);
@@ -194,9 +194,9 @@ TEST(ClaudeIngest, ProjectNamesOnlyWhenAllowed) {
 // Each line is its own event with one shared identity; the ledger keeps the last one.
 TEST(ClaudeIngest, PlaceholderLinesShareOneIdentityInFileOrder) {
     TempDir dir;
-    const auto file = dir.write("projects/p/s.jsonl", assistantLine("msg_X", 1) +
-                                                          assistantLine("msg_X", 12) +
-                                                          assistantLine("msg_X", 480));
+    const auto file =
+        dir.write("projects/p/s.jsonl", assistantLine("msg_X", 1) + assistantLine("msg_X", 12) +
+                                            assistantLine("msg_X", 480));
     const auto result = ingestFile(file);
     ASSERT_EQ(result.events.size(), 3u);
     for (const auto& e : result.events) {
@@ -300,8 +300,7 @@ TEST(ClaudeAccount, FromFileIsAbsentWhenMissingOrBroken) {
     TempDir dir;
     EXPECT_FALSE(ClaudeParser::accountFromDotJSON(dir / ".claude.json", 0));
     EXPECT_FALSE(ClaudeParser::accountFromDotJSON(dir.write(".claude.json", "{oauth"), 0));
-    const auto file =
-        dir.write(".claude.json", R"({"oauthAccount":{"emailAddress":"bo@x.io"}})");
+    const auto file = dir.write(".claude.json", R"({"oauthAccount":{"emailAddress":"bo@x.io"}})");
     const auto snapshot = ClaudeParser::accountFromDotJSON(file, 5);
     ASSERT_TRUE(snapshot.has_value());
     EXPECT_EQ(snapshot->identity.emailMasked, "b***@x.io");

@@ -25,7 +25,9 @@ class FileDiscoveryTest : public ::testing::Test {
   protected:
     fs::path root() const { return dir_ / "root"; }
 
-    fs::path file(const fs::path& relative) { return dir_.write(fs::path("root") / relative, "{}\n"); }
+    fs::path file(const fs::path& relative) {
+        return dir_.write(fs::path("root") / relative, "{}\n");
+    }
 
     // `relative` (below root) becomes a symbolic link to `target`, as written.
     fs::path link(const fs::path& relative, const fs::path& target) {
@@ -80,10 +82,10 @@ TEST_F(FileDiscoveryTest, MissingOrNonFolderRootYieldsNothing) {
 TEST_F(FileDiscoveryTest, SymlinkLoopsTerminate) {
     const auto a = file("d/a.jsonl");
     const auto b = file("d/e/b.jsonl");
-    link("d/up", "..");            // back to root
-    link("d/e/self", ".");         // to itself
-    link("d/e/grand", "../..");    // to root again, from deeper
-    link("top", "root");           // unresolvable relative name: dangling
+    link("d/up", "..");          // back to root
+    link("d/e/self", ".");       // to itself
+    link("d/e/grand", "../..");  // to root again, from deeper
+    link("top", "root");         // unresolvable relative name: dangling
     EXPECT_EQ(jsonl(), (Paths{a, b}));
 }
 
@@ -95,7 +97,8 @@ TEST_F(FileDiscoveryTest, FollowsLinksOutsideRootAndIgnoresDanglingOnes) {
     link("linked.jsonl", dir_ / "single.jsonl");
     link("dangling.jsonl", dir_ / "gone.jsonl");
     link("dangling-dir", dir_ / "gone");
-    EXPECT_EQ(jsonl(), (Paths{root() / "linked.jsonl", inside, root() / "shared/projects/p.jsonl"}));
+    EXPECT_EQ(jsonl(),
+              (Paths{root() / "linked.jsonl", inside, root() / "shared/projects/p.jsonl"}));
 }
 
 // A folder reachable both directly and through a link must not be reported under one path or

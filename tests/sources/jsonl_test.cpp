@@ -66,11 +66,14 @@ Read referenceRead(std::string_view content, int64_t from, std::size_t maxLine =
     return out;
 }
 
-Read streamRead(const fs::path& path, int64_t from, std::size_t maxLine = JSONL::kDefaultMaxLineBytes) {
+Read streamRead(const fs::path& path, int64_t from,
+                std::size_t maxLine = JSONL::kDefaultMaxLineBytes) {
     Read out;
     auto end = JSONL::forEachCompleteLine(
         path, from,
-        [&](std::string_view line, int64_t offset) { out.lines.push_back({std::string(line), offset}); },
+        [&](std::string_view line, int64_t offset) {
+            out.lines.push_back({std::string(line), offset});
+        },
         kChunk, maxLine);
     if (!end) {
         ADD_FAILURE() << "unexpected error: " << end.error().description();
@@ -106,10 +109,23 @@ std::string randomContent(std::mt19937_64& rng, int lineCount, bool terminateLas
     for (int i = 0; i < lineCount; ++i) {
         std::size_t length = 0;
         switch (kind(rng)) {
-            case 0: case 1: length = rng() % 3; break;
-            case 2: case 3: case 4: case 5: length = 1 + rng() % 200; break;
-            case 6: case 7: length = kChunk - 100 + rng() % 200; break;
-            default: length = rng() % (3 * kChunk + 100); break;
+            case 0:
+            case 1:
+                length = rng() % 3;
+                break;
+            case 2:
+            case 3:
+            case 4:
+            case 5:
+                length = 1 + rng() % 200;
+                break;
+            case 6:
+            case 7:
+                length = kChunk - 100 + rng() % 200;
+                break;
+            default:
+                length = rng() % (3 * kChunk + 100);
+                break;
         }
         for (std::size_t k = 0; k < length; ++k) {
             char c = static_cast<char>(byte(rng));
@@ -127,7 +143,8 @@ TEST(JsonlStreamTest, AgreesWithWholeFileSplitFromEveryKindOfOffset) {
     for (uint64_t seed = 1; seed <= 25; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937_64 rng(seed);
-        const std::string content = randomContent(rng, 10 + static_cast<int>(rng() % 60), seed % 2 == 0);
+        const std::string content =
+            randomContent(rng, 10 + static_cast<int>(rng() % 60), seed % 2 == 0);
         TempDir dir;
         const auto path = dir.write("log.jsonl", content);
 
@@ -159,12 +176,14 @@ TEST(JsonlStreamTest, GrowingFileDeliversEveryLineExactlyOnce) {
         int64_t offset = 0;
         std::size_t written = 0;
         while (written < content.size()) {
-            const std::size_t piece = std::min<std::size_t>(content.size() - written, 1 + rng() % (2 * kChunk));
+            const std::size_t piece =
+                std::min<std::size_t>(content.size() - written, 1 + rng() % (2 * kChunk));
             dir.append("log.jsonl", std::string_view(content).substr(written, piece));
             written += piece;
 
             const Read got = streamRead(path, offset);
-            expectSameRead(got, referenceRead(std::string_view(content).substr(0, written), offset));
+            expectSameRead(got,
+                           referenceRead(std::string_view(content).substr(0, written), offset));
             delivered.insert(delivered.end(), got.lines.begin(), got.lines.end());
             offset = got.nextOffset;
         }
@@ -288,7 +307,8 @@ TEST(JsonlReadTest, UnopenableFilesAreErrorsNamingThePath) {
     fs::create_directory(dir / "folder.jsonl");
     auto folder = JSONL::readCompleteLines(dir / "folder.jsonl", 0);
     ASSERT_FALSE(folder);
-    EXPECT_NE(folder.error().description().find((dir / "folder.jsonl").string()), std::string::npos);
+    EXPECT_NE(folder.error().description().find((dir / "folder.jsonl").string()),
+              std::string::npos);
 }
 
 TEST(JsonlReadTest, UnreadableFileIsAnError) {
@@ -309,7 +329,8 @@ TEST(JsonlReadTest, FifoIsRejectedWithoutBlocking) {
     const auto fifo = dir / "pipe.jsonl";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
 
-    auto pending = std::async(std::launch::async, [&] { return JSONL::readCompleteLines(fifo, 0); });
+    auto pending =
+        std::async(std::launch::async, [&] { return JSONL::readCompleteLines(fifo, 0); });
     if (pending.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
         ADD_FAILURE() << "reading a FIFO blocked";
         // Release the reader: a writer that opens and closes gives it end of file.
@@ -397,8 +418,9 @@ TEST(JsonlFingerprintTest, ChangesWithCoveredBytesOnly) {
         bool covered;
     };
     // Head window [0, 4096), tail window [5904, 10000); between and after them is not sampled.
-    for (const Case c : {Case{0, true}, Case{4095, true}, Case{5904, true}, Case{9999, true},
-                         Case{4096, false}, Case{5903, false}, Case{10000, false}, Case{11999, false}}) {
+    for (const Case c :
+         {Case{0, true}, Case{4095, true}, Case{5904, true}, Case{9999, true}, Case{4096, false},
+          Case{5903, false}, Case{10000, false}, Case{11999, false}}) {
         SCOPED_TRACE("byte " + std::to_string(c.position));
         std::string changed = original;
         changed[c.position] = static_cast<char>(changed[c.position] ^ 0x20);

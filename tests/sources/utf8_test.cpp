@@ -54,7 +54,10 @@ TEST(Utf8Test, MalformedBytesAreReplacedOneForOne) {
     const std::string r = kReplacement;
     const std::vector<Case> cases = {
         {"overlong NUL", "\xC0\x80", repeat(r, 2)},
-        {"overlong two-byte", "a\xC1\xBF" "b", "a" + repeat(r, 2) + "b"},
+        {"overlong two-byte",
+         "a\xC1\xBF"
+         "b",
+         "a" + repeat(r, 2) + "b"},
         {"overlong three-byte", "\xE0\x80\x80", repeat(r, 3)},
         {"overlong three-byte near the edge", "\xE0\x9F\xBF", repeat(r, 3)},
         {"overlong four-byte", "\xF0\x8F\xBF\xBF", repeat(r, 4)},
@@ -91,8 +94,8 @@ std::string asciiOnly(const std::string& s) {
 // Random bytes mixed with real characters: the repair is always valid, leaves valid input as it
 // is, and keeps every ASCII byte in order (so JSON structure is never disturbed).
 TEST(Utf8Test, RepairOfArbitraryBytes) {
-    const std::vector<std::string> pieces = {"{", "\"", ":", "\xC3\xA9", "\xE2\x82\xAC",
-                                             "\xF0\x9D\x84\x9E", "\xED\xA0\x80", "\xC0"};
+    const std::vector<std::string> pieces = {
+        "{", "\"", ":", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9D\x84\x9E", "\xED\xA0\x80", "\xC0"};
     std::mt19937_64 rng(42);
     for (int round = 0; round < 2000; ++round) {
         std::string input;

@@ -14,7 +14,7 @@
 namespace kestrel::test_support {
 
 class TempDir {
-public:
+  public:
     TempDir() {
         static std::atomic<unsigned> counter{0};
         const auto base = std::filesystem::temp_directory_path();
@@ -49,7 +49,7 @@ public:
         return put(relative, bytes, std::ios::app);
     }
 
-private:
+  private:
     std::filesystem::path put(const std::filesystem::path& relative, std::string_view bytes,
                               std::ios::openmode mode) const {
         const auto target = path_ / relative;
