@@ -8,7 +8,7 @@ deps:
 
 build: deps
 	@cmake --preset release >/dev/null
-	@cmake --build --preset release
+	@cmake --build --preset release --target kestrel
 
 build-ci: deps
 	@cmake --preset ci >/dev/null
@@ -20,7 +20,9 @@ run: build
 test: build-ci
 	@ctest --preset ci
 
-bench: build
+bench: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release --target kestrel-bench-claude
 	@./build/release/bench/kestrel-bench-claude $(ARGS)
 
 format:
