@@ -7,19 +7,11 @@
 
 #include "cli/claude_collection.hpp"
 #include "cli/cli.hpp"
+#include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
 
 namespace kestrel::cli {
 namespace {
-
-std::string localTime(double t) {
-    const std::time_t secs = static_cast<std::time_t>(t);
-    std::tm tm{};
-    localtime_r(&secs, &tm);
-    char buf[32];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
-    return buf;
-}
 
 std::string shortSession(const std::string& session) {
     return session.size() > 8 ? session.substr(0, 8) : session;
@@ -80,7 +72,7 @@ int runEvents(CommandContext& ctx, bool json) {
         ctx.home, ctx.env, ctx.settings,
         [&](UsageEvent&& e) {
             table.addRow(
-                {localTime(e.occurredAt), shortSession(e.sessionID), e.model,
+                {formatLocal(e.occurredAt, "%Y-%m-%d %H:%M:%S"), shortSession(e.sessionID), e.model,
                  groupedNumber(e.exclusive.inputUncached), groupedNumber(e.exclusive.cacheRead),
                  groupedNumber(e.exclusive.cacheWrite), groupedNumber(e.exclusive.outputVisible),
                  groupedNumber(e.exclusive.billedTokens()), e.projectDisplayName.value_or("")});

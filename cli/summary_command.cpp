@@ -10,6 +10,7 @@
 
 #include "cli/claude_collection.hpp"
 #include "cli/cli.hpp"
+#include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
 
 namespace kestrel::cli {
@@ -61,27 +62,6 @@ std::vector<Column> totalsColumns(std::string first) {
             {"Cache write", Align::right},
             {"Output", Align::right},
             {"Total tokens", Align::right}};
-}
-
-// Local midnight `daysBack` days before today.
-double localMidnight(std::time_t now, int daysBack) {
-    std::tm tm{};
-    localtime_r(&now, &tm);
-    tm.tm_hour = 0;
-    tm.tm_min = 0;
-    tm.tm_sec = 0;
-    tm.tm_mday -= daysBack;
-    tm.tm_isdst = -1;
-    return static_cast<double>(std::mktime(&tm));
-}
-
-std::string localDate(double t) {
-    const std::time_t secs = static_cast<std::time_t>(t);
-    std::tm tm{};
-    localtime_r(&secs, &tm);
-    char buf[16];
-    std::strftime(buf, sizeof buf, "%Y-%m-%d", &tm);
-    return buf;
 }
 
 }  // namespace
@@ -179,7 +159,8 @@ int runSummary(CommandContext& ctx, bool json) {
     }
     ctx.out << bold("Claude Code usage") << " below " << ctx.home.string() << '\n';
     if (all.requests > 0) {
-        ctx.out << "From " << localDate(first) << " to " << localDate(last) << "\n";
+        ctx.out << "From " << formatLocal(first, "%Y-%m-%d") << " to "
+                << formatLocal(last, "%Y-%m-%d") << "\n";
     }
     ctx.out << '\n';
 
