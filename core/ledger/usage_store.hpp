@@ -1,0 +1,106 @@
+#pragma once
+// The one owner of the ledger database (usage.sqlite): it opens and migrates the file, and every
+// read and write of the ledger, checkpoints, settings and price overrides goes through it.
+// Shared by all threads: one full-mutex connection, compound operations under `lock_`.
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/ledger/ledger_records.hpp"
+#include "core/ledger/store_error.hpp"
+#include "core/model/source_checkpoint.hpp"
+#include "core/model/usage_event.hpp"
+#include "core/sources/agent_catalog.hpp"
+
+namespace kestrel {
+
+struct PriceRow;
+struct PriceTable;
+struct RepriceOutcome;
+
+class UsageStore {
+public:
+    static constexpr const char* kFileName = "usage.sqlite";
+    static constexpr int kBusyTimeoutMs = 5000;
+    static constexpr int64_t kSchemaVersion = 4;
+
+    // Opens or creates `directory`/usage.sqlite (creating the directory) and migrates it.
+    // Throws StoreError(open) or StoreError(migrate).
+    explicit UsageStore(const std::filesystem::path& directory);
+    ~UsageStore();
+    UsageStore(const UsageStore&) = delete;
+    UsageStore& operator=(const UsageStore&) = delete;
+
+    // The default support directory: $KESTREL_SUPPORT_DIR, else $XDG_DATA_HOME/kestrel, else
+    // ~/.local/share/kestrel (~/Library/Application Support/Kestrel on macOS).
+    static std::filesystem::path supportDirectoryURL(const EnvironmentLookup& env,
+                                                     const std::filesystem::path& home);
+
+    const std::filesystem::path& databasePath() const { return path_; }
+
+    // Closes the connection; every later operation throws StoreError(open).
+    void close();
+    bool isOpen() const;
+
+    // --- Ledger commit --------------------------------------------------------------------
+
+    // One scan step in one transaction: legacy event rows and file checkpoints (tables `events`
+    // and `checkpoints`) and the formal batch. With `replacingSource` the batch is a full rescan
+    // of that source and ledger events it no longer proves are removed. The outcome is absent
+    // when no batch was given. Throws LedgerStoreError(invalidBatch) before writing anything, or
+    // StoreError(sql) with everything rolled back.
+    std::optional<LedgerIngestOutcome> ingest(const std::vector<UsageEvent>& legacyEvents,
+                                              const std::vector<SourceCheckpoint>& checkpoints,
+                                              std::optional<AgentSource> replacingSource,
+                                              const std::optional<UsageBatch>& formalBatch);
+
+    // Commits `batch` alone as a full rescan of `source`.
+    LedgerIngestOutcome replaceLedgerSource(AgentSource source, const UsageBatch& batch);
+
+    // Recomputes the cost of every stored observation and its ledger event; returns how many
+    // observations were repriced.
+    int64_t repriceLedger(const PriceTable& prices, BillingMode billing);
+
+    // Reprices only when the stored price fingerprint differs from the current one.
+    RepriceOutcome repriceIfFingerprintChanged(const PriceTable& prices, BillingMode billing);
+
+    // --- File checkpoints (table `checkpoints`) ----------------------------------------------
+
+    std::vector<SourceCheckpoint> checkpoints(AgentSource source);
+
+    // --- Settings (table `settings`) ----------------------------------------------------------
+
+    std::optional<std::string> setting(const std::string& key);
+    void setSetting(const std::string& key, const std::string& value);
+
+    // --- Price overrides (table `price_overrides`, keyed by match) ---------------------------
+
+    std::vector<PriceRow> priceOverrides();
+    void savePriceOverride(const PriceRow& row);
+    bool deletePriceOverride(const std::string& match);  // false when nothing matched
+    bool hasPriceOverride(const std::string& match);
+
+    // --- For the statement helpers of other store files and for tests -----------------------
+
+    // The open connection; throws StoreError(open) when closed. Callers hold lock() for any
+    // compound operation.
+    sqlite3* connection() const;
+    std::recursive_mutex& lock() { return lock_; }
+
+private:
+    void migrate();
+
+    std::filesystem::path path_;
+    sqlite3* db_ = nullptr;
+    mutable std::recursive_mutex lock_;   // the connection, compound operations, migrations
+    std::mutex repricingLock_;            // two repricings never interleave
+    std::mutex sessionMaterialLock_;      // the cached session salt and checkpoint key
+};
+
+}  // namespace kestrel

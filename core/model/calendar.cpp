@@ -1,0 +1,80 @@
+#include "core/model/calendar.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+
+#include "core/model/timestamp.hpp"
+
+namespace kestrel {
+
+Calendar Calendar::current() { return Calendar{}; }
+
+Calendar Calendar::utc() { return fixedOffset(0); }
+
+Calendar Calendar::fixedOffset(int secondsEastOfUTC) {
+    Calendar c;
+    c.kind_ = Kind::fixed;
+    c.offset_ = secondsEastOfUTC;
+    return c;
+}
+
+Calendar::Parts Calendar::parts(double t) const {
+    std::tm tm{};
+    if (kind_ == Kind::local) {
+        const std::time_t secs = static_cast<std::time_t>(std::floor(t));
+        localtime_r(&secs, &tm);
+    } else {
+        const std::time_t secs = static_cast<std::time_t>(std::floor(t)) + offset_;
+        gmtime_r(&secs, &tm);
+    }
+    return {tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+            tm.tm_min,         tm.tm_sec,     tm.tm_wday};
+}
+
+std::string Calendar::dayKey(double t) const {
+    const Parts p = parts(t);
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%04d-%02d-%02d", p.year, p.month, p.day);
+    return buf;
+}
+
+namespace {
+
+// The instant of a local or offset wall-clock time; mktime normalises out-of-range days.
+double instantOf(int year, int month, int day, bool local, int offset) {
+    std::tm tm{};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = month - 1;
+    tm.tm_mday = day;
+    tm.tm_isdst = -1;
+    if (local) {
+        return static_cast<double>(std::mktime(&tm));
+    }
+    return static_cast<double>(timegm(&tm)) - offset;
+}
+
+}  // namespace
+
+double Calendar::startOfDay(double t) const {
+    const Parts p = parts(t);
+    return instantOf(p.year, p.month, p.day, kind_ == Kind::local, offset_);
+}
+
+double Calendar::addingDays(double dayStart, int days) const {
+    const Parts p = parts(dayStart);
+    return instantOf(p.year, p.month, p.day + days, kind_ == Kind::local, offset_);
+}
+
+std::optional<double> Calendar::startOfDay(const std::string& dayKey) const {
+    // Reuse the strict date check of the timestamp parser.
+    if (dayKey.size() != 10 || !parseISO8601(dayKey + "T00:00:00Z")) {
+        return std::nullopt;
+    }
+    const int year = std::stoi(dayKey.substr(0, 4));
+    const int month = std::stoi(dayKey.substr(5, 2));
+    const int day = std::stoi(dayKey.substr(8, 2));
+    return instantOf(year, month, day, kind_ == Kind::local, offset_);
+}
+
+}  // namespace kestrel
