@@ -6,16 +6,12 @@
 
 namespace kestrel::cli {
 
-CollectionStats collectClaude(const std::filesystem::path& home, const EnvironmentLookup& env,
-                              const AppSettings& settings, const ClaudeParser::EventSink& sink,
-                              const ProgressCallback& progress) {
-    CollectionStats stats;
-    stats.roots = AgentCatalog::installedRoots(AgentSource::claude, home, env);
-
+std::vector<std::filesystem::path> discoverClaudeTranscripts(
+    const std::vector<std::filesystem::path>& roots) {
     // ~/.claude and ~/.config/claude may be one folder through a link: read each file once.
     std::set<std::pair<dev_t, ino_t>> seen;
     std::vector<std::filesystem::path> files;
-    for (const auto& root : stats.roots) {
+    for (const auto& root : roots) {
         for (auto& file : ClaudeParser::discover(root)) {
             struct stat st {};
             if (::stat(file.c_str(), &st) == 0 && !seen.insert({st.st_dev, st.st_ino}).second) {
@@ -24,8 +20,18 @@ CollectionStats collectClaude(const std::filesystem::path& home, const Environme
             files.push_back(std::move(file));
         }
     }
+    return files;
+}
 
-    const auto prices = PriceTable::empty();
+CollectionStats collectClaude(const std::filesystem::path& home, const EnvironmentLookup& env,
+                              const AppSettings& settings, const ClaudeParser::EventSink& sink,
+                              const ProgressCallback& progress) {
+    CollectionStats stats;
+    stats.roots = AgentCatalog::installedRoots(AgentSource::claude, home, env);
+
+    const auto files = discoverClaudeTranscripts(stats.roots);
+
+    const auto& prices = PriceTable::bundled();
     for (std::size_t i = 0; i < files.size(); ++i) {
         if (progress) {
             progress(i, files.size(), files[i]);

@@ -28,6 +28,10 @@ struct CollectionStats {
 using ProgressCallback =
     std::function<void(std::size_t done, std::size_t total, const std::filesystem::path& file)>;
 
+// The transcripts below `roots`, each file once even when two roots lead to it.
+std::vector<std::filesystem::path> discoverClaudeTranscripts(
+    const std::vector<std::filesystem::path>& roots);
+
 CollectionStats collectClaude(const std::filesystem::path& home, const EnvironmentLookup& env,
                               const AppSettings& settings, const ClaudeParser::EventSink& sink,
                               const ProgressCallback& progress = {});

@@ -7,7 +7,10 @@
 #include <iostream>
 
 #include "cli/events_command.hpp"
+#include "cli/prices_command.hpp"
+#include "cli/scan_command.hpp"
 #include "cli/summary_command.hpp"
+#include "core/ledger/usage_store.hpp"
 #include "core/model/agent_source.hpp"
 
 namespace kestrel::cli {
@@ -20,16 +23,18 @@ bool isTerminal(const std::ostream& stream, int fd) {
     return standard && ::isatty(fd) == 1;
 }
 
-// Resolves the home folder to read: --home, else $KESTREL_HOME, else $HOME. Agents' own
-// variables (CLAUDE_CONFIG_DIR, ...) are honoured only for the real home, so that a run on a
-// demo or test folder never reads the user's data.
+std::optional<std::string> nonEmptyEnv(const char* name) {
+    const char* value = std::getenv(name);
+    return value && *value != '\0' ? std::optional<std::string>(value) : std::nullopt;
+}
+
+// The home folder to read: --home, else $KESTREL_HOME, else $HOME. Agents' own variables
+// (CLAUDE_CONFIG_DIR, ...) are honoured only for the real home, so that a run on a demo or test
+// folder never reads the user's data.
 bool resolveHome(CommandContext& ctx, const std::string& option) {
-    const char* kestrelHome = std::getenv("KESTREL_HOME");
-    const char* home = std::getenv("HOME");
-    std::string chosen = !option.empty()                       ? option
-                         : kestrelHome && *kestrelHome != '\0' ? kestrelHome
-                         : home                                ? home
-                                                               : "";
+    const auto realHome = nonEmptyEnv("HOME");
+    const std::string chosen =
+        !option.empty() ? option : nonEmptyEnv("KESTREL_HOME").value_or(realHome.value_or(""));
     if (chosen.empty()) {
         ctx.err << "kestrel: no home folder: set HOME or pass --home DIR\n";
         return false;
@@ -40,9 +45,22 @@ bool resolveHome(CommandContext& ctx, const std::string& option) {
         return false;
     }
     ctx.home = std::filesystem::absolute(chosen, ec).lexically_normal();
-    const bool realHome = home && chosen == home;
-    ctx.env = realHome ? processEnvironment() : emptyEnvironment();
+    ctx.env = realHome && chosen == *realHome ? processEnvironment() : emptyEnvironment();
     return true;
+}
+
+// The ledger's folder: --support-dir, else $KESTREL_SUPPORT_DIR, else the platform default.
+void resolveSupportDir(CommandContext& ctx, const std::string& option) {
+    std::filesystem::path dir;
+    if (!option.empty()) {
+        dir = option;
+    } else {
+        const auto home = nonEmptyEnv("HOME");
+        dir = UsageStore::supportDirectoryURL(processEnvironment(),
+                                              home ? std::filesystem::path(*home) : ctx.home);
+    }
+    std::error_code ec;
+    ctx.supportDir = std::filesystem::absolute(dir, ec).lexically_normal();
 }
 
 // Only Claude Code transcripts can be read so far; other known sources get a clear answer.
@@ -70,31 +88,78 @@ bool checkSources(CommandContext& ctx, const std::vector<std::string>& sources) 
 }  // namespace
 
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
+    return run(args, out, err, std::cin);
+}
+
+int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err,
+        std::istream& in) {
     CLI::App app{
-        "Kestrel meters the tokens your AI coding agents use, from the records they "
-        "keep on this machine.\nWithout a command it summarises the usage found below "
-        "the home folder.",
+        "Kestrel meters the tokens your AI coding agents use, from the records they keep on "
+        "this machine.\nWithout a command it summarises the usage found below the home folder.",
         "kestrel"};
     app.set_version_flag("--version", kVersion);
     app.require_subcommand(0, 1);
+    // Global options may follow the command too: `kestrel scan --home DIR`.
+    app.fallthrough();
 
-    std::string home;
+    std::string home, supportDir;
     bool json = false;
-    const char* homeHelp =
-        "Home folder whose agents' records are read (default: $KESTREL_HOME, else $HOME)";
-    app.add_option("--home", home, homeHelp)->type_name("DIR");
+    app.add_option("--home", home,
+                   "Home folder whose agents' records are read (default: $KESTREL_HOME, else "
+                   "$HOME)")
+        ->type_name("DIR");
+    app.add_option("--support-dir", supportDir,
+                   "Folder of Kestrel's ledger (default: $KESTREL_SUPPORT_DIR, else "
+                   "~/.local/share/kestrel)")
+        ->type_name("DIR");
     app.add_flag("--json", json, "Print JSON for scripts instead of tables");
 
-    auto* events = app.add_subcommand(
-        "events", "Print every usage event found in the agents' records, read from the start");
-    std::string eventsHome;
-    bool eventsJSON = false;
     std::vector<std::string> sources;
-    events->add_option("--home", eventsHome, homeHelp)->type_name("DIR");
+    auto* events = app.add_subcommand(
+        "events", "Print every usage event in the agents' records, read from their start");
     events->add_option("--source", sources, "Only this source (repeatable); for now: claude")
         ->type_name("SOURCE");
-    events->add_flag("--json", eventsJSON,
-                     "One JSON object per event and line; the counts go to stderr");
+
+    ScanOptions scan;
+    auto* scanCommand = app.add_subcommand(
+        "scan", "Read what is new in the agents' records into the ledger");
+    scanCommand->add_option("--source", scan.sources, "Only this source (repeatable)")
+        ->type_name("SOURCE");
+    scanCommand->add_flag("--force", scan.force,
+                          "Read every file again from its start and drop the usage whose records "
+                          "are gone");
+    scanCommand->add_flag("--yes,-y", scan.yes, "Do not ask before --force");
+
+    auto* prices = app.add_subcommand("prices", "List the prices in force today");
+    prices->require_subcommand(0, 1);
+    PriceOverrideOptions priceSet;
+    auto* set = prices->add_subcommand("set", "Add or replace a price override, then reprice");
+    set->add_option("MATCH", priceSet.match,
+                    "Model pattern: applies to every model whose name contains it")
+        ->required();
+    set->add_option("--input", priceSet.input, "USD per million uncached input tokens")
+        ->required();
+    set->add_option("--output", priceSet.output, "USD per million output tokens")->required();
+    set->add_option("--cache-read", priceSet.cacheRead,
+                    "USD per million cache-read tokens (default: the input price)");
+    set->add_option("--cache-write", priceSet.cacheWrite,
+                    "USD per million cache-write tokens (default: the input price)");
+    set->add_option("--reasoning", priceSet.reasoning,
+                    "USD per million reasoning tokens (default: the output price)");
+    set->add_option("--from", priceSet.from,
+                    "First day in force, YYYY-MM-DD (default: that of the row it replaces)");
+    set->add_option("--to", priceSet.to, "First day no longer in force, YYYY-MM-DD");
+    set->add_option("--long-threshold", priceSet.longThreshold,
+                    "Prompt size above which the --long-* prices apply");
+    set->add_option("--long-input", priceSet.longInput, "Long-context input price");
+    set->add_option("--long-output", priceSet.longOutput, "Long-context output price");
+    std::string removeMatch;
+    auto* remove = prices->add_subcommand("rm", "Remove a price override, then reprice");
+    remove->add_option("MATCH", removeMatch, "The override's model pattern")->required();
+
+    for (auto* command : {events, scanCommand, prices, set, remove}) {
+        command->fallthrough();
+    }
 
     try {
         app.parse(std::vector<std::string>(args.rbegin(), args.rend()));
@@ -115,18 +180,26 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     CommandContext ctx{out, err};
     ctx.outIsTerminal = isTerminal(out, STDOUT_FILENO);
     ctx.errIsTerminal = isTerminal(err, STDERR_FILENO);
-    const char* noColor = std::getenv("NO_COLOR");
-    ctx.colour = ctx.outIsTerminal && !(noColor && *noColor != '\0');
-
-    if (events->parsed()) {
-        if (!resolveHome(ctx, eventsHome.empty() ? home : eventsHome) ||
-            !checkSources(ctx, sources)) {
-            return kExitUsage;
-        }
-        return runEvents(ctx, eventsJSON || json);
-    }
+    ctx.colour = ctx.outIsTerminal && !nonEmptyEnv("NO_COLOR");
     if (!resolveHome(ctx, home)) {
         return kExitUsage;
+    }
+    resolveSupportDir(ctx, supportDir);
+
+    if (events->parsed()) {
+        return checkSources(ctx, sources) ? runEvents(ctx, json) : kExitUsage;
+    }
+    if (scanCommand->parsed()) {
+        return checkSources(ctx, scan.sources) ? runScan(ctx, scan, json, in) : kExitUsage;
+    }
+    if (set->parsed()) {
+        return runPricesSet(ctx, priceSet);
+    }
+    if (remove->parsed()) {
+        return runPricesRemove(ctx, removeMatch);
+    }
+    if (prices->parsed()) {
+        return runPrices(ctx, json);
     }
     return runSummary(ctx, json);
 }

@@ -20,6 +20,7 @@ struct CommandContext {
     bool errIsTerminal = false;
     bool colour = false;  // out is a terminal and NO_COLOR is not set
     std::filesystem::path home;
+    std::filesystem::path supportDir;  // where the ledger lives
     EnvironmentLookup env;
     AppSettings settings;
 };

@@ -12,6 +12,8 @@
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
+#include "core/model/checked_math.hpp"
+#include "core/pricing/money_format.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -22,15 +24,23 @@ struct Request {
     uint32_t model = 0;
     double time = 0;
     ExclusiveTokens tokens;
+    std::optional<int64_t> costMicros;
 };
 
 struct Totals {
     int64_t requests = 0;
     ExclusiveTokens tokens;
+    int64_t costMicros = 0;  // of the priced requests
+    int64_t unpriced = 0;
 
-    void add(const ExclusiveTokens& t) {
+    void add(const Request& r) {
         ++requests;
-        tokens += t;
+        tokens += r.tokens;
+        if (r.costMicros) {
+            costMicros = checkedAdd(costMicros, *r.costMicros, "summary cost");
+        } else {
+            ++unpriced;
+        }
     }
 };
 
@@ -41,7 +51,9 @@ nlohmann::ordered_json totalsJSON(const Totals& t) {
             {"cacheWrite", t.tokens.cacheWrite},
             {"outputVisible", t.tokens.outputVisible},
             {"reasoning", t.tokens.reasoning},
-            {"totalTokens", t.tokens.billedTokens()}};
+            {"totalTokens", t.tokens.billedTokens()},
+            {"costUSDMicros", t.costMicros},
+            {"unpricedRequests", t.unpriced}};
 }
 
 std::vector<std::string> totalsCells(std::string label, const Totals& t) {
@@ -51,7 +63,8 @@ std::vector<std::string> totalsCells(std::string label, const Totals& t) {
             groupedNumber(t.tokens.cacheRead),
             groupedNumber(t.tokens.cacheWrite),
             groupedNumber(t.tokens.outputVisible),
-            groupedNumber(t.tokens.billedTokens())};
+            groupedNumber(t.tokens.billedTokens()),
+            formatUSD(t.costMicros, "en_US") + (t.unpriced > 0 ? "*" : "")};
 }
 
 std::vector<Column> totalsColumns(std::string first) {
@@ -61,7 +74,8 @@ std::vector<Column> totalsColumns(std::string first) {
             {"Cache read", Align::right},
             {"Cache write", Align::right},
             {"Output", Align::right},
-            {"Total tokens", Align::right}};
+            {"Total tokens", Align::right},
+            {"Cost", Align::right}};
 }
 
 }  // namespace
@@ -80,7 +94,8 @@ int runSummary(CommandContext& ctx, bool json) {
                 models.push_back(e.model);
             }
             // A later line of the same message replaces the earlier placeholder counts.
-            requests[e.id] = Request{it->second, e.occurredAt, e.exclusive};
+            requests[e.id] = Request{it->second, e.occurredAt, e.exclusive,
+                                     e.estimatedCostUSDMicros};
         },
         [&](std::size_t done, std::size_t total, const std::filesystem::path&) {
             progress.update(done, total);
@@ -98,16 +113,16 @@ int runSummary(CommandContext& ctx, bool json) {
     std::vector<Totals> byModel(models.size());
     double first = 0, last = 0;
     for (const auto& [id, r] : requests) {
-        all.add(r.tokens);
-        byModel[r.model].add(r.tokens);
+        all.add(r);
+        byModel[r.model].add(r);
         if (r.time >= today) {
-            todayTotals.add(r.tokens);
+            todayTotals.add(r);
         }
         if (r.time >= week) {
-            weekTotals.add(r.tokens);
+            weekTotals.add(r);
         }
         if (r.time >= month) {
-            monthTotals.add(r.tokens);
+            monthTotals.add(r);
         }
         first = all.requests == 1 ? r.time : std::min(first, r.time);
         last = all.requests == 1 ? r.time : std::max(last, r.time);
@@ -187,7 +202,9 @@ int runSummary(CommandContext& ctx, bool json) {
         counted(stats.lines, "line", "lines"), counted(stats.events, "usage line", "usage lines"),
         counted(all.requests, "request", "requests"),
         counted(stats.malformed, "malformed line", "malformed lines"));
-    ctx.out << "Costs are not shown yet: no price table is loaded.\n";
+    ctx.out << "Costs are list prices of the models' APIs"
+            << (all.unpriced > 0 ? "; * some requests have no price (see kestrel prices)" : "")
+            << ".\n";
     return stats.errors.empty() ? kExitOK : kExitPartial;
 }
 

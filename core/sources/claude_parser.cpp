@@ -84,7 +84,8 @@ struct FileFacts {
     std::string lastHash;
 };
 
-UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& settings) {
+UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& settings,
+                     const PriceTable& prices) {
     UsageEvent e;
     e.id = EventID::claude(r.messageID);
     if (auto t = parseISO8601(r.timestamp)) {
@@ -124,14 +125,11 @@ UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& 
     e.providerOutputTotal = mapped.providerOut;
     e.providerTotal = mapped.providerTotal;
     e.usageSemanticsVersion = usageSemanticsVersion(AgentSource::claude);
-    // Unpriced until the price table has rows; the vendor figure waits in rawExtras.
-    e.estimatedCostUSDMicros = std::nullopt;
-    e.costCompleteness = CostCompleteness::none;
-    e.costSource = CostSource::unknown;
     e.billingMode = settings.billingMode;
+    // Carries the agent's own cost figure, which pricing prefers over the table.
     e.rawExtras = extrasOf(r);
     e.promptTokens = TokenSemantics::promptTokens(e.exclusive);
-    return e;
+    return prices.applied(std::move(e), settings.billingMode);
 }
 
 bool isEmptyErrorRecord(const ClaudeRecord& r) {
@@ -143,8 +141,8 @@ bool isEmptyErrorRecord(const ClaudeRecord& r) {
 
 std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
                                               const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable&,
-                                              const EventSink& sink) {
+                                              const AppSettings& settings,
+                                              const PriceTable& prices, const EventSink& sink) {
     const int64_t start = checkpoint && checkpoint->byteOffset ? *checkpoint->byteOffset : 0;
 
     FileFacts facts;
@@ -165,7 +163,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
                 if (isEmptyErrorRecord(record)) {
                     ++result.stats.withoutUsage;
                 } else {
-                    sink(makeEvent(record, facts, settings));
+                    sink(makeEvent(record, facts, settings, prices));
                 }
                 break;
             case ClaudeLineKind::noUsage:

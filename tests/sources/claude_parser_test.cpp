@@ -89,8 +89,10 @@ TEST(ClaudeIngest, BuildsTheEventFromAnAssistantLine) {
     EXPECT_EQ(e.providerTotal, 314);
     EXPECT_TRUE(e.breakdownTrusted);
     EXPECT_EQ(e.promptTokens, 46204);
-    EXPECT_FALSE(e.estimatedCostUSDMicros.has_value());
-    EXPECT_EQ(e.costCompleteness, CostCompleteness::none);
+    // The agent's own figure wins over the price table.
+    EXPECT_EQ(e.estimatedCostUSDMicros, 12'300);
+    EXPECT_EQ(e.costSource, CostSource::vendorReported);
+    EXPECT_EQ(e.costCompleteness, CostCompleteness::complete);
     ASSERT_TRUE(e.rawExtras.has_value());
     const auto extras = nlohmann::json::parse(*e.rawExtras);
     EXPECT_DOUBLE_EQ(extras.at("costUSD").get<double>(), 0.0123);
@@ -182,12 +184,13 @@ TEST(ClaudeIngest, ProjectNamesOnlyWhenAllowed) {
     const auto file = dir.write("projects/p/s.jsonl", assistantLine("m", 1));
     AppSettings settings;
     settings.storeProject = false;
-    settings.billingMode = BillingMode::tokensOnly;
+    settings.billingMode = BillingMode::localZero;
     const auto result = ingestFile(file, std::nullopt, settings);
     ASSERT_EQ(result.events.size(), 1u);
     EXPECT_FALSE(result.events[0].projectDisplayName.has_value());
     EXPECT_TRUE(result.events[0].cwdHash.has_value());
-    EXPECT_EQ(result.events[0].billingMode, BillingMode::tokensOnly);
+    EXPECT_EQ(result.events[0].billingMode, BillingMode::localZero);
+    EXPECT_EQ(result.events[0].estimatedCostUSDMicros, 0);
 }
 
 // Older agent versions wrote placeholder output counts on all but the last line of a message.

@@ -1,0 +1,363 @@
+#include "core/ledger/ledger_schema.hpp"
+
+namespace kestrel::ledger_schema {
+
+const std::string_view kBaseScript = R"sql(
+CREATE TABLE IF NOT EXISTS events (
+  id TEXT PRIMARY KEY,
+  occurred_at REAL NOT NULL,
+  source TEXT NOT NULL,
+  json TEXT NOT NULL
+);
+CREATE INDEX IF NOT EXISTS idx_events_time ON events(occurred_at);
+CREATE INDEX IF NOT EXISTS idx_events_source_time ON events(source, occurred_at);
+CREATE TABLE IF NOT EXISTS checkpoints (
+  source TEXT NOT NULL,
+  stable_id TEXT NOT NULL,
+  json TEXT NOT NULL,
+  PRIMARY KEY(source, stable_id)
+);
+CREATE TABLE IF NOT EXISTS quota (
+  source TEXT PRIMARY KEY,
+  json TEXT NOT NULL,
+  fetched_at REAL NOT NULL
+);
+CREATE TABLE IF NOT EXISTS settings (
+  key TEXT PRIMARY KEY,
+  value TEXT NOT NULL
+);
+CREATE TABLE IF NOT EXISTS price_overrides (
+  match TEXT PRIMARY KEY,
+  json TEXT NOT NULL
+);
+)sql";
+
+const std::string_view kVersion1Script = R"sql(
+CREATE TABLE IF NOT EXISTS quota_accounts (
+  account_id TEXT PRIMARY KEY,
+  kind TEXT NOT NULL,
+  json TEXT NOT NULL,
+  fetched_at REAL NOT NULL
+);
+CREATE TABLE IF NOT EXISTS plan_accounts (
+  account_id TEXT PRIMARY KEY,
+  json TEXT NOT NULL,
+  updated_at REAL NOT NULL
+);
+)sql";
+
+const std::string_view kCopyQuotaIntoAccounts =
+    "INSERT OR IGNORE INTO quota_accounts(account_id, kind, json, fetched_at)\n"
+    "  SELECT 'source:' || source, 'source', json, fetched_at FROM quota;";
+
+std::string sourceRenameScript(std::string_view oldKey, std::string_view newKey) {
+    // The keys are fixed identifiers of ours (no quotes), so they can sit in the text as
+    // literals. json_set is guarded because one malformed legacy row must not block the rename
+    // of all the others.
+    const std::string o = "'" + std::string(oldKey) + "'";
+    const std::string n = "'" + std::string(newKey) + "'";
+    const std::string prefixLength = std::to_string(oldKey.size() + 1);
+    const std::string oldPrefix = "'" + std::string(oldKey) + ":'";
+    const auto setJSON = [&](const char* path) {
+        return "CASE WHEN json_valid(json) THEN json_set(json, '" + std::string(path) + "', " + n +
+               ") ELSE json END";
+    };
+
+    std::string s;
+    s += "UPDATE OR IGNORE events SET\n  id = CASE WHEN substr(id, 1, " + prefixLength +
+         ") = " + oldPrefix + " THEN " + n + " || substr(id, " + prefixLength +
+         ") ELSE id END,\n  source = " + n + ",\n  json = " + setJSON("$.source") +
+         "\nWHERE source = " + o + ";\n";
+    s += "DELETE FROM events WHERE source = " + o + ";\n";
+    // The stored checkpoint names its source too; left old, it would no longer decode.
+    s += "UPDATE OR IGNORE checkpoints SET source = " + n + ", json = " + setJSON("$.source") +
+         "\nWHERE source = " + o + ";\n";
+    s += "DELETE FROM checkpoints WHERE source = " + o + ";\n";
+    s += "UPDATE OR IGNORE quota SET source = " + n + ", json = " + setJSON("$.identity.source") +
+         "\nWHERE source = " + o + ";\n";
+    s += "DELETE FROM quota WHERE source = " + o + ";\n";
+    s += "UPDATE OR IGNORE quota_accounts SET account_id = 'source:' || " + n +
+         ", json = " + setJSON("$.identity.source") + "\nWHERE account_id = 'source:' || " + o +
+         ";\n";
+    s += "DELETE FROM quota_accounts WHERE account_id = 'source:' || " + o + ";\n";
+    return s;
+}
+
+const std::string_view kLedgerScript = R"sql(
+CREATE TABLE IF NOT EXISTS integration_instances (
+  id TEXT PRIMARY KEY,
+  plugin_id TEXT NOT NULL,
+  enabled_capabilities TEXT NOT NULL,
+  granted_permissions TEXT NOT NULL,
+  health_state TEXT NOT NULL,
+  hook_health TEXT,
+  diagnostic_code TEXT,
+  last_scan_at REAL,
+  installed_root_count INTEGER,
+  accepted_observation_count INTEGER,
+  rejected_observation_count INTEGER,
+  conflict_count INTEGER,
+  coverage_issue_count INTEGER,
+  archived_at REAL,
+  created_at REAL NOT NULL,
+  updated_at REAL NOT NULL
+);
+CREATE INDEX IF NOT EXISTS idx_integration_instances_plugin_active
+  ON integration_instances(plugin_id, archived_at);
+
+CREATE TABLE IF NOT EXISTS subscription_accounts (
+  id TEXT PRIMARY KEY,
+  provider TEXT NOT NULL,
+  family TEXT,
+  region TEXT,
+  display_label TEXT,
+  identity_fingerprint TEXT,
+  credential_handle TEXT,
+  state TEXT NOT NULL,
+  created_at REAL NOT NULL,
+  last_seen_at REAL NOT NULL,
+  archived_at REAL
+);
+CREATE INDEX IF NOT EXISTS idx_subscription_accounts_provider_state
+  ON subscription_accounts(provider, state);
+CREATE UNIQUE INDEX IF NOT EXISTS idx_subscription_accounts_fingerprint
+  ON subscription_accounts(provider, identity_fingerprint)
+  WHERE identity_fingerprint IS NOT NULL;
+
+CREATE TABLE IF NOT EXISTS account_bindings (
+  id TEXT PRIMARY KEY,
+  integration_instance_id TEXT NOT NULL REFERENCES integration_instances(id),
+  account_id TEXT NOT NULL REFERENCES subscription_accounts(id),
+  binding_key TEXT NOT NULL,
+  state TEXT NOT NULL,
+  first_seen_at REAL NOT NULL,
+  last_seen_at REAL NOT NULL,
+  archived_at REAL
+);
+CREATE UNIQUE INDEX IF NOT EXISTS idx_account_bindings_active_identity
+  ON account_bindings(integration_instance_id, account_id, binding_key)
+  WHERE archived_at IS NULL;
+CREATE INDEX IF NOT EXISTS idx_account_bindings_account
+  ON account_bindings(account_id, state);
+
+CREATE TABLE IF NOT EXISTS quota_snapshots (
+  id TEXT PRIMARY KEY,
+  account_id TEXT NOT NULL REFERENCES subscription_accounts(id),
+  window_kind TEXT NOT NULL,
+  captured_at REAL NOT NULL,
+  used_value REAL,
+  limit_value REAL,
+  used_percent REAL,
+  resets_at REAL,
+  remaining_label TEXT,
+  currency TEXT,
+  provenance TEXT NOT NULL,
+  is_stale INTEGER NOT NULL CHECK(is_stale IN (0,1))
+);
+CREATE INDEX IF NOT EXISTS idx_quota_snapshots_account_time
+  ON quota_snapshots(account_id, captured_at DESC);
+
+CREATE TABLE IF NOT EXISTS ingest_runs (
+  id TEXT PRIMARY KEY,
+  integration_instance_id TEXT REFERENCES integration_instances(id),
+  adapter_id TEXT NOT NULL,
+  source TEXT NOT NULL,
+  started_at REAL NOT NULL,
+  completed_at REAL,
+  status TEXT NOT NULL,
+  observation_count INTEGER NOT NULL DEFAULT 0,
+  ledger_event_count INTEGER NOT NULL DEFAULT 0,
+  issue_count INTEGER NOT NULL DEFAULT 0,
+  error_code TEXT
+);
+CREATE INDEX IF NOT EXISTS idx_ingest_runs_source_time ON ingest_runs(source, started_at DESC);
+CREATE INDEX IF NOT EXISTS idx_ingest_runs_status ON ingest_runs(status, started_at DESC);
+
+CREATE TABLE IF NOT EXISTS usage_observations (
+  id TEXT PRIMARY KEY,
+  run_id TEXT NOT NULL REFERENCES ingest_runs(id),
+  integration_instance_id TEXT REFERENCES integration_instances(id),
+  account_id TEXT REFERENCES subscription_accounts(id),
+  source TEXT NOT NULL,
+  provider TEXT NOT NULL,
+  model TEXT NOT NULL,
+  occurred_at REAL,
+  observed_at REAL NOT NULL,
+  time_quality TEXT NOT NULL,
+  precision TEXT NOT NULL,
+  session_key TEXT,
+  project_display_name TEXT,
+  evidence_fingerprint TEXT,
+  input_uncached INTEGER,
+  cache_read INTEGER,
+  cache_write INTEGER,
+  output_visible INTEGER,
+  reasoning INTEGER,
+  provider_input_total INTEGER,
+  provider_output_total INTEGER,
+  provider_total INTEGER,
+  breakdown_trusted INTEGER NOT NULL CHECK(breakdown_trusted IN (0,1)),
+  usage_semantics_version INTEGER NOT NULL,
+  cost_usd_micros INTEGER,
+  cost_completeness TEXT NOT NULL,
+  cost_source TEXT NOT NULL,
+  price_version INTEGER,
+  fx_version INTEGER,
+  billing_mode TEXT NOT NULL,
+  granularity TEXT NOT NULL DEFAULT 'unknown'
+);
+CREATE INDEX IF NOT EXISTS idx_usage_observations_source_time
+  ON usage_observations(source, occurred_at);
+CREATE INDEX IF NOT EXISTS idx_usage_observations_run ON usage_observations(run_id);
+CREATE INDEX IF NOT EXISTS idx_usage_observations_account_time
+  ON usage_observations(account_id, occurred_at);
+
+CREATE TABLE IF NOT EXISTS ledger_events (
+  id TEXT PRIMARY KEY,
+  observation_id TEXT NOT NULL UNIQUE REFERENCES usage_observations(id) ON DELETE CASCADE,
+  integration_instance_id TEXT REFERENCES integration_instances(id),
+  account_id TEXT REFERENCES subscription_accounts(id),
+  occurred_at REAL NOT NULL,
+  source TEXT NOT NULL,
+  provider TEXT NOT NULL,
+  model TEXT NOT NULL,
+  session_key TEXT,
+  project_display_name TEXT,
+  input_uncached INTEGER,
+  cache_read INTEGER,
+  cache_write INTEGER,
+  output_visible INTEGER,
+  reasoning INTEGER,
+  provider_input_total INTEGER,
+  provider_output_total INTEGER,
+  provider_total INTEGER,
+  usage_semantics_version INTEGER NOT NULL,
+  created_at REAL NOT NULL,
+  updated_at REAL NOT NULL
+);
+CREATE INDEX IF NOT EXISTS idx_ledger_events_time_id ON ledger_events(occurred_at, id);
+CREATE INDEX IF NOT EXISTS idx_ledger_events_source_time ON ledger_events(source, occurred_at);
+CREATE INDEX IF NOT EXISTS idx_ledger_events_account_time
+  ON ledger_events(account_id, occurred_at);
+CREATE INDEX IF NOT EXISTS idx_ledger_events_instance_time
+  ON ledger_events(integration_instance_id, occurred_at);
+
+CREATE TABLE IF NOT EXISTS ledger_costs (
+  ledger_event_id TEXT PRIMARY KEY REFERENCES ledger_events(id) ON DELETE CASCADE,
+  amount_usd_micros INTEGER,
+  completeness TEXT NOT NULL,
+  cost_source TEXT NOT NULL,
+  price_version INTEGER,
+  fx_version INTEGER,
+  billing_mode TEXT NOT NULL,
+  updated_at REAL NOT NULL
+);
+CREATE INDEX IF NOT EXISTS idx_ledger_costs_known_amount
+  ON ledger_costs(amount_usd_micros)
+  WHERE amount_usd_micros IS NOT NULL;
+
+CREATE TABLE IF NOT EXISTS adapter_checkpoints (
+  instance_key TEXT NOT NULL,
+  integration_instance_id TEXT REFERENCES integration_instances(id),
+  adapter_id TEXT NOT NULL,
+  opaque_cursor TEXT,
+  parser_version INTEGER NOT NULL,
+  updated_at REAL NOT NULL,
+  PRIMARY KEY(instance_key, adapter_id)
+);
+CREATE INDEX IF NOT EXISTS idx_adapter_checkpoints_updated
+  ON adapter_checkpoints(updated_at DESC);
+
+CREATE TABLE IF NOT EXISTS coverage_issues (
+  id TEXT PRIMARY KEY,
+  run_id TEXT REFERENCES ingest_runs(id) ON DELETE CASCADE,
+  observation_id TEXT REFERENCES usage_observations(id) ON DELETE CASCADE,
+  integration_instance_id TEXT REFERENCES integration_instances(id),
+  source TEXT,
+  code TEXT NOT NULL,
+  severity TEXT NOT NULL,
+  origin TEXT NOT NULL,
+  diagnostic_code TEXT,
+  detected_at REAL NOT NULL,
+  resolved_at REAL
+);
+CREATE INDEX IF NOT EXISTS idx_coverage_issues_open
+  ON coverage_issues(resolved_at, severity, detected_at DESC);
+CREATE INDEX IF NOT EXISTS idx_coverage_issues_observation ON coverage_issues(observation_id);
+CREATE INDEX IF NOT EXISTS idx_coverage_issues_run ON coverage_issues(run_id);
+)sql";
+
+const std::string_view kAddGranularityColumn =
+    "ALTER TABLE usage_observations ADD COLUMN granularity TEXT NOT NULL DEFAULT 'unknown';";
+
+const std::string_view kAccountBindingsIndexRepair =
+    "DROP INDEX IF EXISTS idx_account_bindings_identity;\n"
+    "CREATE UNIQUE INDEX IF NOT EXISTS idx_account_bindings_active_identity\n"
+    "  ON account_bindings(integration_instance_id, account_id, binding_key)\n"
+    "  WHERE archived_at IS NULL;";
+
+const std::string_view kRemovedSubscriptionAccountsScript = R"sql(
+CREATE TABLE IF NOT EXISTS removed_subscription_accounts (
+  account_id TEXT PRIMARY KEY,
+  removed_at REAL NOT NULL,
+  display_label TEXT NOT NULL
+);
+)sql";
+
+const std::string_view kVersion4Script = R"sql(
+CREATE TABLE IF NOT EXISTS quota_accounts (
+  account_id TEXT PRIMARY KEY,
+  kind TEXT NOT NULL,
+  json TEXT NOT NULL,
+  fetched_at REAL NOT NULL
+);
+CREATE TABLE IF NOT EXISTS plan_accounts (
+  account_id TEXT PRIMARY KEY,
+  json TEXT NOT NULL,
+  updated_at REAL NOT NULL
+);
+CREATE TABLE IF NOT EXISTS plan_discovery_candidates (
+  candidate_id TEXT PRIMARY KEY,
+  revision TEXT NOT NULL,
+  binding_key TEXT NOT NULL,
+  family TEXT NOT NULL,
+  region TEXT NOT NULL,
+  endpoint_base_url TEXT,
+  tool_id TEXT NOT NULL,
+  source_display_name TEXT NOT NULL,
+  source_entry_id TEXT NOT NULL,
+  is_current INTEGER NOT NULL CHECK(is_current IN (0,1)),
+  credential_origin TEXT,
+  credential_locator TEXT,
+  credential_fingerprint TEXT,
+  credential_resolution TEXT NOT NULL,
+  scan_generation INTEGER NOT NULL,
+  decision TEXT NOT NULL,
+  validation_state TEXT NOT NULL,
+  validation_report_json TEXT,
+  proposed_account_id TEXT NOT NULL,
+  adapter_version TEXT NOT NULL,
+  first_seen_at REAL NOT NULL,
+  last_seen_at REAL NOT NULL,
+  decided_at REAL,
+  is_present INTEGER NOT NULL DEFAULT 1 CHECK(is_present IN (0,1))
+);
+CREATE INDEX IF NOT EXISTS idx_plan_candidates_pending
+  ON plan_discovery_candidates(decision, is_present, scan_generation);
+CREATE INDEX IF NOT EXISTS idx_plan_candidates_account
+  ON plan_discovery_candidates(proposed_account_id, decision);
+)sql";
+
+const std::string_view kAccountsMissingWindowKeys =
+    "SELECT account_id, kind, json FROM quota_accounts WHERE account_id IN (SELECT account_id "
+    "FROM quota_snapshots WHERE window_key IS NULL);";
+
+const std::string_view kSnapshotsMissingWindowKey =
+    "SELECT id, window_kind, captured_at FROM quota_snapshots\n"
+    "WHERE account_id=? AND window_key IS NULL\n"
+    "ORDER BY captured_at, id;";
+
+const std::string_view kSetWindowLabelAndKey =
+    "UPDATE quota_snapshots SET window_label=?, window_key=? WHERE id=? AND window_key IS NULL;";
+
+}  // namespace kestrel::ledger_schema

@@ -1,0 +1,52 @@
+#pragma once
+// The SQL that builds usage.sqlite, one constant per migration step. UsageStore::migrate runs
+// them in order; each script is safe to run on a file that already has its objects.
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace kestrel::ledger_schema {
+
+// The older key/JSON tables (events, checkpoints, quota, settings, price_overrides) and the two
+// events indexes. Run on every open.
+extern const std::string_view kBaseScript;
+
+// Version 1: quota_accounts and plan_accounts, then every quota row copied into quota_accounts.
+extern const std::string_view kVersion1Script;
+extern const std::string_view kCopyQuotaIntoAccounts;
+
+// Version 2: agent-source keys renamed in every older table, (old, new) in the order applied.
+inline constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kSourceKeyRenames{{
+    {"kilo-code", "kilocode"},
+    {"roo-code", "roocode"},
+    {"deepseek-harness", "dsh"},
+    {"trae-work-cn", "trae-cn"},
+}};
+
+// The script renaming `oldKey` to `newKey` in events (id prefix, source, $.source), checkpoints,
+// quota and quota_accounts. A row whose new key is already taken is deleted instead.
+std::string sourceRenameScript(std::string_view oldKey, std::string_view newKey);
+
+// Version 3: the ten ledger tables and their indexes.
+extern const std::string_view kLedgerScript;
+
+// Repairs of a file already at version 3 or later.
+extern const std::string_view kAddGranularityColumn;
+extern const std::string_view kAccountBindingsIndexRepair;
+
+// Run on every open after version 3.
+extern const std::string_view kRemovedSubscriptionAccountsScript;
+inline constexpr std::array<std::string_view, 2> kQuotaSnapshotWindowColumns{"window_label",
+                                                                             "window_key"};
+
+// Version 4: the plan tables and the plan-discovery candidates with their indexes.
+extern const std::string_view kVersion4Script;
+
+// Backfill of window labels and keys of quota snapshots.
+extern const std::string_view kAccountsMissingWindowKeys;
+extern const std::string_view kSnapshotsMissingWindowKey;
+extern const std::string_view kSetWindowLabelAndKey;
+
+}  // namespace kestrel::ledger_schema

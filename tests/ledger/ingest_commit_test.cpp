@@ -1,0 +1,256 @@
+#include <gtest/gtest.h>
+
+#include "core/ledger/sqlite_statement.hpp"
+#include "core/ledger/usage_batch_builder.hpp"
+#include "core/ledger/usage_store.hpp"
+#include "tests/support/temp_dir.hpp"
+
+namespace kestrel {
+namespace {
+
+using test_support::TempDir;
+
+UsageObservation observation(const std::string& id, int64_t output,
+                             ObservationTimeQuality time = ObservationTimeQuality::trusted,
+                             AgentSource source = AgentSource::claude) {
+    UsageObservation o;
+    o.id = id;
+    o.source = source;
+    o.provider = "anthropic";
+    o.model = "claude-sonnet-4-5";
+    o.occurredAt = 1'780'000'000.0;
+    o.observedAt = 1'780'000'100.0;
+    o.timeQuality = time;
+    o.precision = UsagePrecision::nativeExact;
+    o.granularity = UsageGranularity::request;
+    o.sessionKey = "s1";
+    o.tokens = {10, 100, 5, output, 0, 10, output, 10 + output, true};
+    o.cost = {1234, CostCompleteness::complete, CostSource::priceTable, 3, std::nullopt,
+              BillingMode::apiEquivalent};
+    return o;
+}
+
+UsageBatch batchOf(const std::string& runID, std::vector<UsageObservation> observations,
+                   AgentSource source = AgentSource::claude) {
+    UsageBatch b;
+    b.id = runID;
+    b.adapterID = "claude";
+    b.source = source;
+    b.startedAt = 1'780'000'200.0;
+    b.completedAt = 1'780'000'201.0;
+    b.observations = std::move(observations);
+    b.checkpoint = AdapterCheckpoint{std::nullopt, "claude", "cursor-" + runID, 1, 1.0};
+    return b;
+}
+
+class IngestCommitTest : public ::testing::Test {
+protected:
+    int64_t count(const std::string& sql) {
+        sqlite::Statement s(store.connection(), sql);
+        EXPECT_TRUE(s.step());
+        return s.int64(0);
+    }
+    std::optional<int64_t> eventOutput(const std::string& observationID) {
+        sqlite::Statement s(store.connection(),
+                            "SELECT output_visible FROM ledger_events WHERE observation_id=?;");
+        s.bind(1, observationID);
+        return s.step() ? s.optionalInt64(0) : std::nullopt;
+    }
+    std::vector<std::string> findings(const std::string& observationID) {
+        sqlite::Statement s(store.connection(),
+                            "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
+        s.bind(1, observationID);
+        std::vector<std::string> out;
+        while (s.step()) {
+            out.push_back(s.text(0));
+        }
+        return out;
+    }
+
+    TempDir dir;
+    UsageStore store{dir.path()};
+};
+
+TEST_F(IngestCommitTest, CommitsObservationsEventsCostsAndTheCheckpoint) {
+    auto bad = observation("claude:m3", 9, ObservationTimeQuality::inferred);
+    const auto outcome = store.replaceLedgerSource(
+        AgentSource::claude,
+        batchOf("run-1", {observation("claude:m1", 5), observation("claude:m2", 7), bad}));
+    EXPECT_EQ(outcome, (LedgerIngestOutcome{false, 3, 2, 1}));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations;"), 3);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events;"), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_costs WHERE amount_usd_micros=1234;"), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ingest_runs WHERE status='completed' AND "
+                    "observation_count=3 AND ledger_event_count=2 AND issue_count=1;"),
+              1);
+    EXPECT_EQ(findings("claude:m3"), std::vector<std::string>{"missingTrustedTime"});
+    EXPECT_EQ(count("SELECT COUNT(*) FROM adapter_checkpoints WHERE adapter_id='claude' AND "
+                    "opaque_cursor='cursor-run-1';"),
+              1);
+}
+
+TEST_F(IngestCommitTest, TheSameRunTwiceWritesNothingTheSecondTime) {
+    const auto batch = batchOf("run-1", {observation("claude:m1", 5)});
+    const auto first = *store.ingest({}, {}, std::nullopt, batch);
+    auto changed = batch;
+    changed.observations[0].tokens.outputVisible = 999;
+    const auto second = *store.ingest({}, {}, std::nullopt, changed);
+    EXPECT_TRUE(second.duplicateRun);
+    EXPECT_EQ(second.observationCount, first.observationCount);
+    EXPECT_EQ(second.ledgerEventCount, first.ledgerEventCount);
+    EXPECT_EQ(eventOutput("claude:m1"), 5);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ingest_runs;"), 1);
+}
+
+// Claude Code once wrote placeholder output counts on all but the last line of a message: the
+// usage of the last line read is what must land, within one batch and across batches.
+TEST_F(IngestCommitTest, TheLastRecordOfAnIdentityHolds) {
+    store.ingest({}, {}, std::nullopt,
+                 batchOf("run-1", {observation("claude:mX", 1), observation("claude:mX", 12),
+                                   observation("claude:mY", 3)}));
+    EXPECT_EQ(eventOutput("claude:mX"), 12);
+    store.ingest({}, {}, std::nullopt, batchOf("run-2", {observation("claude:mY", 480)}));
+    EXPECT_EQ(eventOutput("claude:mY"), 480);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations;"), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events;"), 2);
+}
+
+TEST_F(IngestCommitTest, AnUpdateKeepsTheFirstCreationTime) {
+    store.ingest({}, {}, std::nullopt, batchOf("run-1", {observation("claude:m1", 5)}));
+    sqlite::exec(store.connection(), "UPDATE ledger_events SET created_at=1, updated_at=1;");
+    store.ingest({}, {}, std::nullopt, batchOf("run-2", {observation("claude:m1", 6)}));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE created_at=1 AND updated_at>1;"),
+              1);
+    EXPECT_EQ(eventOutput("claude:m1"), 6);
+}
+
+TEST_F(IngestCommitTest, AnObservationThatTurnsIneligibleLeavesTheLedger) {
+    store.ingest({}, {}, std::nullopt, batchOf("run-A", {observation("claude:m1", 5)}));
+    auto unpriced = observation("claude:m1", 5, ObservationTimeQuality::inferred);
+    unpriced.cost = {};
+    store.ingest({}, {}, std::nullopt, batchOf("run-B", {unpriced}));
+    EXPECT_FALSE(eventOutput("claude:m1").has_value());
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_costs;"), 0);
+    EXPECT_EQ(findings("claude:m1"),
+              (std::vector<std::string>{"missingTrustedTime", "unknownCost"}));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM coverage_issues WHERE run_id<>'run-B';"), 0);
+}
+
+TEST_F(IngestCommitTest, AFullRescanRemovesWhatItNoLongerProves) {
+    store.ingest({}, {}, std::nullopt,
+                 batchOf("run-1", {observation("claude:m1", 5), observation("claude:m2", 6)}));
+    auto codexObservation =
+        observation("codex:x", 1, ObservationTimeQuality::trusted, AgentSource::codex);
+    codexObservation.tokens = {10, 100, 0, 1, 0, 110, 1, 111, true};  // codex input holds cache
+    auto codex = batchOf("run-c", {codexObservation}, AgentSource::codex);
+    codex.adapterID = "codex";
+    codex.checkpoint->adapterID = "codex";
+    store.ingest({}, {}, std::nullopt, codex);
+
+    store.replaceLedgerSource(AgentSource::claude, batchOf("run-2", {observation("claude:m2", 6)}));
+    EXPECT_FALSE(eventOutput("claude:m1").has_value());
+    EXPECT_EQ(eventOutput("claude:m2"), 6);
+    EXPECT_EQ(eventOutput("codex:x"), 1);
+
+    store.replaceLedgerSource(AgentSource::claude, batchOf("run-3", {}));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE source='claude';"), 0);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations WHERE source='claude';"), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE source='codex';"), 1);
+}
+
+TEST_F(IngestCommitTest, InvalidBatchesAreRefusedBeforeAnyWrite) {
+    auto wrongAdapter = batchOf("r1", {observation("claude:m1", 5)});
+    wrongAdapter.checkpoint->adapterID = "x";
+    auto noID = batchOf("", {observation("claude:m1", 5)});
+    auto noAdapter = batchOf("r3", {});
+    noAdapter.adapterID.clear();
+    auto otherInstance = batchOf("r4", {});
+    otherInstance.integrationInstanceID = IntegrationInstanceID("i-1");
+    otherInstance.checkpoint->integrationInstanceID = IntegrationInstanceID("i-2");
+    for (const auto* batch : {&wrongAdapter, &noID, &noAdapter, &otherInstance}) {
+        try {
+            store.ingest({}, {}, std::nullopt, *batch);
+            ADD_FAILURE() << "accepted batch " << batch->id;
+        } catch (const LedgerStoreError& e) {
+            EXPECT_EQ(e.code(), LedgerStoreErrorCode::invalidBatch);
+        }
+    }
+    // A full rescan of one source must not carry another's observations.
+    auto mixed = batchOf("r5", {observation("codex:x", 1, ObservationTimeQuality::trusted,
+                                            AgentSource::codex)});
+    EXPECT_THROW(store.replaceLedgerSource(AgentSource::claude, mixed), LedgerStoreError);
+    EXPECT_THROW(store.replaceLedgerSource(AgentSource::codex, batchOf("r6", {})),
+                 LedgerStoreError);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ingest_runs;"), 0);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations;"), 0);
+}
+
+TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
+    store.ingest({}, {}, std::nullopt, batchOf("run-0", {observation("claude:m0", 1)}));
+    // A row that the database refuses halfway through the batch.
+    sqlite::exec(store.connection(),
+                 "CREATE TEMP TRIGGER refuse BEFORE INSERT ON usage_observations "
+                 "WHEN NEW.id = 'claude:bad' BEGIN SELECT RAISE(ABORT, 'refused'); END;");
+    SourceCheckpoint fileCheckpoint;
+    fileCheckpoint.stableID = "/h/.claude/projects/p/s.jsonl";
+    fileCheckpoint.byteOffset = 100;
+    UsageEvent legacy;
+    legacy.id = "claude:legacy";
+    legacy.provider = "anthropic";
+    try {
+        store.ingest({legacy}, {fileCheckpoint}, std::nullopt,
+                     batchOf("run-1", {observation("claude:m1", 5),
+                                       observation("claude:bad", 6), observation("claude:m2", 7)}));
+        ADD_FAILURE() << "the refused row did not fail the commit";
+    } catch (const StoreError& e) {
+        EXPECT_EQ(e.code(), StoreErrorCode::sql);
+    }
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ingest_runs;"), 1);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations;"), 1);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events;"), 1);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM events;"), 0);
+    EXPECT_TRUE(store.checkpoints(AgentSource::claude).empty());
+    EXPECT_EQ(count("SELECT COUNT(*) FROM adapter_checkpoints WHERE opaque_cursor='cursor-run-1';"),
+              0);
+
+    // The same batch commits once the fault is gone: nothing was left half-done.
+    sqlite::exec(store.connection(), "DROP TRIGGER refuse;");
+    const auto outcome = store.ingest(
+        {legacy}, {fileCheckpoint}, std::nullopt,
+        batchOf("run-1", {observation("claude:m1", 5), observation("claude:bad", 6),
+                          observation("claude:m2", 7)}));
+    EXPECT_EQ(outcome->ledgerEventCount, 3);
+    ASSERT_EQ(store.checkpoints(AgentSource::claude).size(), 1u);
+    EXPECT_EQ(store.checkpoints(AgentSource::claude)[0].byteOffset, 100);
+}
+
+TEST(UsageBatchBuilderTest, CarriesTheEventIntoAnObservation) {
+    UsageEvent e;
+    e.id = "claude:m1";
+    e.occurredAt = 1000;
+    e.timeQuality = ObservationTimeQuality::trusted;
+    e.source = AgentSource::claude;
+    e.provider = "anthropic";
+    e.model = "m";
+    e.sessionID = "sess";
+    e.exclusive = {1, 2, 3, 4, 0};
+    e.providerInputTotal = 1;
+    e.providerOutputTotal = 4;
+    e.providerTotal = 5;
+    e.estimatedCostUSDMicros = 77;
+    e.costCompleteness = CostCompleteness::complete;
+    e.costSource = CostSource::priceTable;
+    const auto kept = UsageBatchBuilder::observation(e, 2000, true);
+    EXPECT_EQ(kept.id, "claude:m1");
+    EXPECT_EQ(kept.occurredAt, 1000);
+    EXPECT_EQ(kept.sessionKey, "sess");
+    EXPECT_EQ(kept.tokens, (ObservedTokenUsage{1, 2, 3, 4, 0, 1, 4, 5, true}));
+    EXPECT_EQ(kept.cost.amountUSDMicros, 77);
+    EXPECT_FALSE(UsageBatchBuilder::observation(e, 2000, false).sessionKey.has_value());
+    e.timeQuality = ObservationTimeQuality::missing;
+    EXPECT_FALSE(UsageBatchBuilder::observation(e, 2000, true).occurredAt.has_value());
+    EXPECT_NE(UsageBatchBuilder::newRunID("claude", 1), UsageBatchBuilder::newRunID("claude", 1));
+}
+
+}  // namespace
+}  // namespace kestrel

@@ -1,0 +1,419 @@
+// Opening the ledger database: the schema of a new file, refused files, the closed store, and the
+// small reads and writes that live beside the migration.
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "core/ledger/sqlite_statement.hpp"
+#include "core/ledger/usage_store.hpp"
+#include "tests/support/temp_dir.hpp"
+
+namespace kestrel {
+namespace {
+
+namespace fs = std::filesystem;
+using test_support::TempDir;
+
+// Every row of `sql`, columns joined by '|', NULL shown as NULL.
+std::vector<std::string> rows(sqlite3* db, const std::string& sql) {
+    sqlite::Statement s(db, sql);
+    std::vector<std::string> out;
+    while (s.step()) {
+        std::string row;
+        for (int c = 0; c < sqlite3_column_count(s.handle()); ++c) {
+            row += (c ? "|" : "") + (s.isNull(c) ? std::string("NULL") : s.text(c));
+        }
+        out.push_back(row);
+    }
+    return out;
+}
+
+std::string value(sqlite3* db, const std::string& sql) {
+    auto r = rows(db, sql);
+    return r.empty() ? "<no row>" : r.front();
+}
+
+TEST(UsageStoreOpen, NewDirectoryGetsTheWholeSchema) {
+    TempDir dir;
+    UsageStore store(dir / "nested" / "support");
+    EXPECT_TRUE(fs::exists(dir / "nested" / "support" / UsageStore::kFileName));
+    EXPECT_EQ(store.databasePath(), dir / "nested" / "support" / UsageStore::kFileName);
+    sqlite3* db = store.connection();
+
+    EXPECT_EQ(sqlite::userVersion(db), UsageStore::kSchemaVersion);
+    EXPECT_EQ(value(db, "PRAGMA journal_mode;"), "wal");
+    EXPECT_EQ(value(db, "PRAGMA foreign_keys;"), "1");
+
+    const auto names = rows(db,
+                            "SELECT type || ' ' || name FROM sqlite_master\n"
+                            "WHERE name NOT LIKE 'sqlite_%';");
+    const std::set<std::string> expected{
+        "table events", "table checkpoints", "table quota", "table settings",
+        "table price_overrides", "table quota_accounts", "table plan_accounts",
+        "table integration_instances", "table subscription_accounts", "table account_bindings",
+        "table quota_snapshots", "table ingest_runs", "table usage_observations",
+        "table ledger_events", "table ledger_costs", "table adapter_checkpoints",
+        "table coverage_issues", "table removed_subscription_accounts",
+        "table plan_discovery_candidates",
+        // index: table(columns) follows in the next check
+        "index idx_events_time", "index idx_events_source_time",
+        "index idx_integration_instances_plugin_active",
+        "index idx_subscription_accounts_provider_state",
+        "index idx_subscription_accounts_fingerprint", "index idx_account_bindings_active_identity",
+        "index idx_account_bindings_account", "index idx_quota_snapshots_account_time",
+        "index idx_ingest_runs_source_time", "index idx_ingest_runs_status",
+        "index idx_usage_observations_source_time", "index idx_usage_observations_run",
+        "index idx_usage_observations_account_time", "index idx_ledger_events_time_id",
+        "index idx_ledger_events_source_time", "index idx_ledger_events_account_time",
+        "index idx_ledger_events_instance_time", "index idx_ledger_costs_known_amount",
+        "index idx_adapter_checkpoints_updated", "index idx_coverage_issues_open",
+        "index idx_coverage_issues_observation", "index idx_coverage_issues_run",
+        "index idx_plan_candidates_pending", "index idx_plan_candidates_account"};
+    EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
+    EXPECT_EQ(names.size(), expected.size());
+}
+
+TEST(UsageStoreOpen, IndexesCoverTheirColumnsInOrder) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    sqlite3* db = store.connection();
+
+    const struct {
+        const char* index;
+        const char* columns;  // key columns, DESC marked
+        const char* unique;
+        const char* where;  // of a partial index, else empty
+    } cases[] = {
+        {"idx_events_time", "occurred_at", "0", ""},
+        {"idx_events_source_time", "source,occurred_at", "0", ""},
+        {"idx_integration_instances_plugin_active", "plugin_id,archived_at", "0", ""},
+        {"idx_subscription_accounts_provider_state", "provider,state", "0", ""},
+        {"idx_subscription_accounts_fingerprint", "provider,identity_fingerprint", "1",
+         "WHERE identity_fingerprint IS NOT NULL"},
+        {"idx_account_bindings_active_identity", "integration_instance_id,account_id,binding_key",
+         "1", "WHERE archived_at IS NULL"},
+        {"idx_account_bindings_account", "account_id,state", "0", ""},
+        {"idx_quota_snapshots_account_time", "account_id,captured_at DESC", "0", ""},
+        {"idx_ingest_runs_source_time", "source,started_at DESC", "0", ""},
+        {"idx_ingest_runs_status", "status,started_at DESC", "0", ""},
+        {"idx_usage_observations_source_time", "source,occurred_at", "0", ""},
+        {"idx_usage_observations_run", "run_id", "0", ""},
+        {"idx_usage_observations_account_time", "account_id,occurred_at", "0", ""},
+        {"idx_ledger_events_time_id", "occurred_at,id", "0", ""},
+        {"idx_ledger_events_source_time", "source,occurred_at", "0", ""},
+        {"idx_ledger_events_account_time", "account_id,occurred_at", "0", ""},
+        {"idx_ledger_events_instance_time", "integration_instance_id,occurred_at", "0", ""},
+        {"idx_ledger_costs_known_amount", "amount_usd_micros", "0",
+         "WHERE amount_usd_micros IS NOT NULL"},
+        {"idx_adapter_checkpoints_updated", "updated_at DESC", "0", ""},
+        {"idx_coverage_issues_open", "resolved_at,severity,detected_at DESC", "0", ""},
+        {"idx_coverage_issues_observation", "observation_id", "0", ""},
+        {"idx_coverage_issues_run", "run_id", "0", ""},
+        {"idx_plan_candidates_pending", "decision,is_present,scan_generation", "0", ""},
+        {"idx_plan_candidates_account", "proposed_account_id,decision", "0", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.index);
+        const std::string name = c.index;
+        EXPECT_EQ(value(db,
+                        "SELECT group_concat(name || CASE WHEN desc THEN ' DESC' ELSE '' END)\n"
+                        "FROM pragma_index_xinfo('" +
+                            name + "') WHERE key=1;"),
+                  c.columns);
+        const std::string table =
+            value(db, "SELECT tbl_name FROM sqlite_master WHERE name='" + name + "';");
+        const std::string partial = *c.where ? "1" : "0";
+        EXPECT_EQ(value(db, "SELECT \"unique\" || partial FROM pragma_index_list('" + table +
+                                "') WHERE name='" + name + "';"),
+                  std::string(c.unique) + partial);
+        if (*c.where) {
+            const auto sql = value(db, "SELECT sql FROM sqlite_master WHERE name='" + name + "';");
+            EXPECT_TRUE(sql.ends_with(c.where)) << sql;
+        }
+    }
+}
+
+TEST(UsageStoreOpen, TablesHaveTheirColumnsInOrder) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    sqlite3* db = store.connection();
+
+    const std::map<std::string, std::string> expected{
+        {"usage_observations",
+         "id,run_id,integration_instance_id,account_id,source,provider,model,occurred_at,"
+         "observed_at,time_quality,precision,session_key,project_display_name,"
+         "evidence_fingerprint,input_uncached,cache_read,cache_write,output_visible,reasoning,"
+         "provider_input_total,provider_output_total,provider_total,breakdown_trusted,"
+         "usage_semantics_version,cost_usd_micros,cost_completeness,cost_source,price_version,"
+         "fx_version,billing_mode,granularity"},
+        {"ledger_events",
+         "id,observation_id,integration_instance_id,account_id,occurred_at,source,provider,"
+         "model,session_key,project_display_name,input_uncached,cache_read,cache_write,"
+         "output_visible,reasoning,provider_input_total,provider_output_total,provider_total,"
+         "usage_semantics_version,created_at,updated_at"},
+        {"quota_snapshots",
+         "id,account_id,window_kind,captured_at,used_value,limit_value,used_percent,resets_at,"
+         "remaining_label,currency,provenance,is_stale,window_label,window_key"},
+        {"adapter_checkpoints",
+         "instance_key,integration_instance_id,adapter_id,opaque_cursor,parser_version,"
+         "updated_at"},
+        {"plan_discovery_candidates",
+         "candidate_id,revision,binding_key,family,region,endpoint_base_url,tool_id,"
+         "source_display_name,source_entry_id,is_current,credential_origin,credential_locator,"
+         "credential_fingerprint,credential_resolution,scan_generation,decision,"
+         "validation_state,validation_report_json,proposed_account_id,adapter_version,"
+         "first_seen_at,last_seen_at,decided_at,is_present"},
+    };
+    for (const auto& [table, columns] : expected) {
+        EXPECT_EQ(value(db, "SELECT group_concat(name) FROM (SELECT name FROM pragma_table_info('" +
+                                table + "') ORDER BY cid);"),
+                  columns)
+            << table;
+    }
+    EXPECT_EQ(rows(db, "SELECT count(*) FROM pragma_table_info('usage_observations');"),
+              std::vector<std::string>{"31"});
+    // Rows written without a granularity read as unknown; an absent breakdown flag is refused.
+    EXPECT_EQ(value(db,
+                    "SELECT type, \"notnull\", dflt_value FROM pragma_table_info("
+                    "'usage_observations') WHERE name='granularity';"),
+              "TEXT|1|'unknown'");
+    EXPECT_EQ(value(db,
+                    "SELECT \"notnull\", dflt_value FROM pragma_table_info("
+                    "'plan_discovery_candidates') WHERE name='is_present';"),
+              "1|1");
+}
+
+TEST(UsageStoreOpen, RefusedFilesNameTheCause) {
+    TempDir dir;
+    const std::string foreign(600, 'x');
+    dir.write("text/usage.sqlite", foreign);
+    dir.write("blocker", "a file where a folder should be");
+
+    const struct {
+        const char* name;
+        fs::path directory;
+        const char* cause;
+    } cases[] = {
+        {"not a database", dir / "text", "file is not a database"},
+        {"directory cannot be made", dir / "blocker" / "sub", "blocker"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        try {
+            UsageStore store(c.directory);
+            ADD_FAILURE() << "opened";
+        } catch (const StoreError& e) {
+            EXPECT_EQ(e.code(), StoreErrorCode::open);
+            EXPECT_NE(std::string(e.what()).find(c.cause), std::string::npos) << e.what();
+        }
+    }
+    // A file that is not ours is left exactly as it was.
+    std::ifstream in(dir / "text" / "usage.sqlite", std::ios::binary);
+    std::stringstream content;
+    content << in.rdbuf();
+    EXPECT_EQ(content.str(), foreign);
+}
+
+TEST(UsageStoreOpen, DatabaseLockedByAnotherConnectionFailsAfterTheBusyTimeout) {
+    TempDir dir;
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open((dir / UsageStore::kFileName).c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
+
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        UsageStore store(dir.path());
+        ADD_FAILURE() << "opened a locked database";
+    } catch (const StoreError& e) {
+        EXPECT_EQ(e.code(), StoreErrorCode::open);
+        EXPECT_NE(std::string(e.what()).find("database is locked"), std::string::npos) << e.what();
+    }
+    const auto waited = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(waited, std::chrono::milliseconds(UsageStore::kBusyTimeoutMs - 500));
+
+    sqlite3_exec(other, "ROLLBACK;", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
+    UsageStore store(dir.path());  // usable once the other connection lets go
+    EXPECT_EQ(sqlite::userVersion(store.connection()), UsageStore::kSchemaVersion);
+}
+
+TEST(UsageStoreOpen, ClosedStoreRefusesEveryOperation) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    store.setSetting("k", "v");
+    store.close();
+    EXPECT_FALSE(store.isOpen());
+    store.close();  // twice is harmless
+
+    const auto expectOpenError = [](auto&& operation) {
+        try {
+            operation();
+            ADD_FAILURE() << "ran on a closed store";
+        } catch (const StoreError& e) {
+            EXPECT_EQ(e.code(), StoreErrorCode::open);
+        }
+    };
+    expectOpenError([&] { store.connection(); });
+    expectOpenError([&] { store.setting("k"); });
+    expectOpenError([&] { store.setSetting("k", "w"); });
+    expectOpenError([&] { store.checkpoints(AgentSource::claude); });
+
+    UsageStore reopened(dir.path());
+    EXPECT_EQ(reopened.setting("k"), "v");
+}
+
+TEST(UsageStoreOpen, DeletingAnObservationCascades) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    sqlite3* db = store.connection();
+    sqlite::exec(db, R"sql(
+INSERT INTO ingest_runs(id, adapter_id, source, started_at, status)
+  VALUES('run', 'claude', 'claude', 1, 'completed');
+INSERT INTO usage_observations(id, run_id, source, provider, model, observed_at, time_quality,
+  precision, breakdown_trusted, usage_semantics_version, cost_completeness, cost_source,
+  billing_mode) VALUES
+  ('o1', 'run', 'claude', 'anthropic', 'm', 2, 'trusted', 'nativeExact', 1, 1, 'none',
+   'unknown', 'apiEquivalent'),
+  ('o2', 'run', 'claude', 'anthropic', 'm', 2, 'trusted', 'nativeExact', 1, 1, 'none',
+   'unknown', 'apiEquivalent');
+INSERT INTO ledger_events(id, observation_id, occurred_at, source, provider, model,
+  usage_semantics_version, created_at, updated_at) VALUES
+  ('le:o1', 'o1', 1, 'claude', 'anthropic', 'm', 1, 3, 3),
+  ('le:o2', 'o2', 1, 'claude', 'anthropic', 'm', 1, 3, 3);
+INSERT INTO ledger_costs(ledger_event_id, amount_usd_micros, completeness, cost_source,
+  billing_mode, updated_at) VALUES
+  ('le:o1', 10, 'complete', 'priceTable', 'apiEquivalent', 3),
+  ('le:o2', 20, 'complete', 'priceTable', 'apiEquivalent', 3);
+INSERT INTO coverage_issues(id, run_id, observation_id, code, severity, origin, detected_at)
+  VALUES ('i1', 'run', 'o1', 'unknownCost', 'info', 'validation', 4),
+         ('i2', 'run', NULL, 'formatChanged', 'warning', 'adapter', 4);
+)sql");
+    // Foreign keys are enforced on this connection: an event for no observation is refused.
+    EXPECT_THROW(sqlite::exec(db,
+                              "INSERT INTO ledger_events(id, observation_id, occurred_at, source,"
+                              " provider, model, usage_semantics_version, created_at, updated_at)"
+                              " VALUES('le:x', 'nothing', 1, 'c', 'p', 'm', 1, 1, 1);"),
+                 StoreError);
+
+    sqlite::exec(db, "DELETE FROM usage_observations WHERE id='o1';");
+    EXPECT_EQ(rows(db, "SELECT id FROM ledger_events;"), std::vector<std::string>{"le:o2"});
+    EXPECT_EQ(rows(db, "SELECT ledger_event_id FROM ledger_costs;"),
+              std::vector<std::string>{"le:o2"});
+    EXPECT_EQ(rows(db, "SELECT id FROM coverage_issues;"), std::vector<std::string>{"i2"});
+}
+
+TEST(UsageStoreOpen, SettingsRoundTrip) {
+    TempDir dir;
+    {
+        UsageStore store(dir.path());
+        EXPECT_EQ(store.setting("app"), std::nullopt);
+        store.setSetting("app", R"({"a":"it's"})");
+        store.setSetting("plan_salt", "first");
+        store.setSetting("plan_salt", "second");
+        store.setSetting("empty", "");
+        EXPECT_EQ(store.setting("plan_salt"), "second");
+    }
+    UsageStore store(dir.path());
+    EXPECT_EQ(store.setting("app"), R"({"a":"it's"})");
+    EXPECT_EQ(store.setting("plan_salt"), "second");
+    EXPECT_EQ(store.setting("empty"), "");  // empty, not absent
+}
+
+TEST(UsageStoreOpen, CheckpointsOfOneSourceDecode) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    SourceCheckpoint a;
+    a.source = AgentSource::codex;
+    a.stableID = "/h/.codex/sessions/a.jsonl";
+    a.pathHint = a.stableID;
+    a.inode = 77;
+    a.byteOffset = 1234;
+    a.parserContext = std::string("\x00\xff", 2);
+    a.fileStamp = "1234:99";
+    SourceCheckpoint other = a;
+    other.source = AgentSource::claude;
+
+    sqlite::Statement insert(store.connection(),
+                             "INSERT INTO checkpoints(source, stable_id, json) VALUES(?,?,?);");
+    const auto put = [&](std::string_view source, std::string_view id, const std::string& json) {
+        insert.reset();
+        insert.bind(1, source).bind(2, id).bind(3, json);
+        insert.run();
+    };
+    put("codex", a.stableID, nlohmann::json(a).dump());
+    put("codex", "/broken", "{\"source\":\"codex\"");
+    put("codex", "/unknown-source", R"({"source":"nope","stableID":"/unknown-source"})");
+    put("claude", other.stableID, nlohmann::json(other).dump());
+
+    EXPECT_EQ(store.checkpoints(AgentSource::codex), std::vector<SourceCheckpoint>{a});
+    EXPECT_EQ(store.checkpoints(AgentSource::claude), std::vector<SourceCheckpoint>{other});
+    EXPECT_TRUE(store.checkpoints(AgentSource::gemini).empty());
+}
+
+TEST(SqliteStatement, ErrorsNameTheStatementButNotItsValuesAndTransactionsRollBack) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    sqlite3* db = store.connection();
+    store.setSetting("token", "x");
+
+    sqlite::Statement insert(db, "INSERT INTO settings(key, value) VALUES(?,?);");
+    insert.bind(1, "token").bind(2, "secret-value-123");
+    try {
+        insert.run();
+        ADD_FAILURE() << "duplicate key accepted";
+    } catch (const StoreError& e) {
+        const std::string message = e.what();
+        EXPECT_EQ(e.code(), StoreErrorCode::sql);
+        EXPECT_NE(message.find("UNIQUE constraint failed"), std::string::npos) << message;
+        EXPECT_NE(message.find("INSERT INTO settings"), std::string::npos) << message;
+        EXPECT_EQ(message.find("secret-value-123"), std::string::npos) << message;
+    }
+    EXPECT_THROW(sqlite::Statement(db, "SELECT * FROM no_such_table;"), StoreError);
+
+    {
+        sqlite::Transaction abandoned(db);
+        sqlite::exec(db, "INSERT INTO settings VALUES('rolled-back', '1');");
+    }
+    {
+        sqlite::Transaction kept(db);
+        sqlite::exec(db, "INSERT INTO settings VALUES('committed', '1');");
+        kept.commit();
+    }
+    EXPECT_EQ(store.setting("rolled-back"), std::nullopt);
+    EXPECT_EQ(store.setting("committed"), "1");
+}
+
+#ifndef __APPLE__
+TEST(UsageStoreOpen, SupportDirectory) {
+    const fs::path home = "/home/ada";
+    const struct {
+        std::map<std::string, std::string> env;
+        fs::path expected;
+    } cases[] = {
+        {{}, "/home/ada/.local/share/kestrel"},
+        {{{"XDG_DATA_HOME", "/data"}}, "/data/kestrel"},
+        {{{"XDG_DATA_HOME", "relative/data"}}, "/home/ada/.local/share/kestrel"},
+        {{{"XDG_DATA_HOME", "/data"}, {"KESTREL_SUPPORT_DIR", "/srv/k"}}, "/srv/k"},
+        {{{"KESTREL_SUPPORT_DIR", ""}}, "/home/ada/.local/share/kestrel"},
+    };
+    for (const auto& c : cases) {
+        const EnvironmentLookup env = [&](std::string_view name) -> std::optional<std::string> {
+            auto it = c.env.find(std::string(name));
+            return it == c.env.end() ? std::nullopt : std::optional(it->second);
+        };
+        EXPECT_EQ(UsageStore::supportDirectoryURL(env, home), c.expected);
+    }
+}
+#endif
+
+}  // namespace
+}  // namespace kestrel
