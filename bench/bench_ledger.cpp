@@ -2,6 +2,7 @@
 // same observations again under a new run into the ledger that already holds them, and a
 // repricing of everything stored. Single thread; medians over --repeat fresh ledgers.
 
+#include <fmt/format.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -9,7 +10,6 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fmt/format.h>
 #include <random>
 #include <vector>
 
@@ -48,8 +48,12 @@ std::vector<UsageEvent> syntheticEvents(std::size_t n, const PriceTable& prices)
         e.model = kModels[rng() % 4];
         e.projectDisplayName = fmt::format("project-{}", rng() % 12);
         e.sessionID = fmt::format("session-{}", i / 200);
-        e.raw = {static_cast<int64_t>(rng() % 50), static_cast<int64_t>(rng() % 150'000),
-                 static_cast<int64_t>(rng() % 5'000), static_cast<int64_t>(rng() % 4'000), 0, 0};
+        e.raw = {static_cast<int64_t>(rng() % 50),
+                 static_cast<int64_t>(rng() % 150'000),
+                 static_cast<int64_t>(rng() % 5'000),
+                 static_cast<int64_t>(rng() % 4'000),
+                 0,
+                 0};
         const auto m = TokenSemantics::map(AgentSource::claude, e.raw, false);
         e.exclusive = m.exclusive;
         e.providerInputTotal = m.providerIn;
@@ -93,14 +97,15 @@ int main(int argc, char** argv) {
         std::filesystem::remove_all(dir);
         {
             UsageStore store(dir);
-            const auto b1 = UsageBatchBuilder::batch("run-1", "claude", AgentSource::claude,
-                                                     events, 0, 1, true);
+            const auto b1 = UsageBatchBuilder::batch("run-1", "claude", AgentSource::claude, events,
+                                                     0, 1, true);
             auto t0 = Clock::now();
-            const auto o1 = store.replaceLedgerSource(AgentSource::claude, b1);
+            // The commit a scan makes: upserts on the observation id, no replacement.
+            const auto o1 = *store.ingest({}, {}, std::nullopt, b1);
             auto t1 = Clock::now();
-            const auto b2 = UsageBatchBuilder::batch("run-2", "claude", AgentSource::claude,
-                                                     events, 2, 3, true);
-            const auto o2 = store.replaceLedgerSource(AgentSource::claude, b2);
+            const auto b2 = UsageBatchBuilder::batch("run-2", "claude", AgentSource::claude, events,
+                                                     2, 3, true);
+            const auto o2 = *store.ingest({}, {}, std::nullopt, b2);
             auto t2 = Clock::now();
             const auto repriced = store.repriceLedger(dearer, BillingMode::apiEquivalent);
             auto t3 = Clock::now();
@@ -117,9 +122,10 @@ int main(int argc, char** argv) {
     }
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
-    fmt::print("median    fresh ledger {:.0f} obs/s, ledger already holding them {:.0f} obs/s, "
-               "repricing {:.0f} obs/s over {} runs of {} observations\n",
-               median(fresh), median(again), median(reprice), repeat, count);
+    fmt::print(
+        "median    fresh ledger {:.0f} obs/s, ledger already holding them {:.0f} obs/s, "
+        "repricing {:.0f} obs/s over {} runs of {} observations\n",
+        median(fresh), median(again), median(reprice), repeat, count);
     fmt::print("peak RSS  {:.1f} MB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
     return 0;
 }

@@ -1,13 +1,13 @@
 // The cost of `kestrel scan` on a large Claude Code home: the first scan (everything read and
 // committed) and the scans after it with no file changed, which must not read anything again.
 
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fmt/format.h>
 
 #include "cli/claude_scan.hpp"
 #include "tools/claude_corpus.hpp"
@@ -36,8 +36,8 @@ int main(int argc, char** argv) {
     app.add_flag("--keep", keep, "Keep the generated home and ledger");
     CLI11_PARSE(app, argc, argv);
 
-    const auto work = std::filesystem::temp_directory_path() /
-                      fmt::format("kestrel-bench-scan-{}", ::getpid());
+    const auto work =
+        std::filesystem::temp_directory_path() / fmt::format("kestrel-bench-scan-{}", ::getpid());
     std::filesystem::path homeDir = home;
     if (home.empty()) {
         homeDir = work / "home";
@@ -81,10 +81,10 @@ int main(int argc, char** argv) {
             }
         }
         std::sort(again.begin(), again.end());
-        fmt::print("rescan    median {:.1f} ms (min {:.1f}, max {:.1f}) over {} unchanged scans "
-                   "of {} files\n",
-                   again[again.size() / 2], again.front(), again.back(), repeat,
-                   first.filesSeen);
+        fmt::print(
+            "rescan    median {:.1f} ms (min {:.1f}, max {:.1f}) over {} unchanged scans "
+            "of {} files\n",
+            again[again.size() / 2], again.front(), again.back(), repeat, first.filesSeen);
     }
     if (!keep) {
         std::filesystem::remove_all(work);

@@ -121,8 +121,8 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         ->type_name("SOURCE");
 
     ScanOptions scan;
-    auto* scanCommand = app.add_subcommand(
-        "scan", "Read what is new in the agents' records into the ledger");
+    auto* scanCommand =
+        app.add_subcommand("scan", "Read what is new in the agents' records into the ledger");
     scanCommand->add_option("--source", scan.sources, "Only this source (repeatable)")
         ->type_name("SOURCE");
     scanCommand->add_flag("--force", scan.force,
@@ -137,8 +137,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     set->add_option("MATCH", priceSet.match,
                     "Model pattern: applies to every model whose name contains it")
         ->required();
-    set->add_option("--input", priceSet.input, "USD per million uncached input tokens")
-        ->required();
+    set->add_option("--input", priceSet.input, "USD per million uncached input tokens")->required();
     set->add_option("--output", priceSet.output, "USD per million output tokens")->required();
     set->add_option("--cache-read", priceSet.cacheRead,
                     "USD per million cache-read tokens (default: the input price)");

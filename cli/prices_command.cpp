@@ -34,12 +34,12 @@ std::string longContextText(const PriceRow& row) {
 
 int reprice(CommandContext& ctx, UsageStore& store) {
     try {
-        const auto outcome =
-            store.repriceIfFingerprintChanged(PriceTable::resolved(store), ctx.settings.billingMode);
-        ctx.out << (outcome.skipped ? std::string("Prices unchanged; nothing repriced.\n")
-                                    : fmt::format("Repriced {}.\n",
-                                                  counted(outcome.count, "stored observation",
-                                                          "stored observations")));
+        const auto outcome = store.repriceIfFingerprintChanged(PriceTable::resolved(store),
+                                                               ctx.settings.billingMode);
+        ctx.out << (outcome.skipped
+                        ? std::string("Prices unchanged; nothing repriced.\n")
+                        : fmt::format("Repriced {}.\n", counted(outcome.count, "stored observation",
+                                                                "stored observations")));
         return kExitOK;
     } catch (const StoreError& e) {
         ctx.err << "kestrel: repricing failed: " << e.what() << '\n';
@@ -122,14 +122,13 @@ int runPricesSet(CommandContext& ctx, const PriceOverrideOptions& o) {
         ctx.err << "kestrel: the model pattern is empty\n";
         return kExitUsage;
     }
-    const bool valid =
-        checkPrice(ctx, "input", o.input) && checkPrice(ctx, "output", o.output) &&
-        (!o.cacheRead || checkPrice(ctx, "cache-read", *o.cacheRead)) &&
-        (!o.cacheWrite || checkPrice(ctx, "cache-write", *o.cacheWrite)) &&
-        (!o.reasoning || checkPrice(ctx, "reasoning", *o.reasoning)) &&
-        (!o.longInput || checkPrice(ctx, "long-context input", *o.longInput)) &&
-        (!o.longOutput || checkPrice(ctx, "long-context output", *o.longOutput)) &&
-        checkDay(ctx, "--from", o.from) && checkDay(ctx, "--to", o.to);
+    const bool valid = checkPrice(ctx, "input", o.input) && checkPrice(ctx, "output", o.output) &&
+                       (!o.cacheRead || checkPrice(ctx, "cache-read", *o.cacheRead)) &&
+                       (!o.cacheWrite || checkPrice(ctx, "cache-write", *o.cacheWrite)) &&
+                       (!o.reasoning || checkPrice(ctx, "reasoning", *o.reasoning)) &&
+                       (!o.longInput || checkPrice(ctx, "long-context input", *o.longInput)) &&
+                       (!o.longOutput || checkPrice(ctx, "long-context output", *o.longOutput)) &&
+                       checkDay(ctx, "--from", o.from) && checkDay(ctx, "--to", o.to);
     if (!valid) {
         return kExitUsage;
     }
@@ -173,8 +172,8 @@ int runPricesSet(CommandContext& ctx, const PriceOverrideOptions& o) {
         ctx.err << "kestrel: cannot save the override: " << e.what() << '\n';
         return kExitFailure;
     }
-    ctx.out << fmt::format("Override for \"{}\" saved (from {}{}).\n", row.match,
-                           row.effectiveFrom, row.effectiveTo ? " to " + *row.effectiveTo : "");
+    ctx.out << fmt::format("Override for \"{}\" saved (from {}{}).\n", row.match, row.effectiveFrom,
+                           row.effectiveTo ? " to " + *row.effectiveTo : "");
     return reprice(ctx, *store);
 }
 

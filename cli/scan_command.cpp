@@ -31,9 +31,10 @@ bool confirmForce(CommandContext& ctx, const ScanOptions& options, std::istream&
 nlohmann::ordered_json reportJSON(const ScanReport& r) {
     nlohmann::ordered_json j;
     j["source"] = std::string(rawValue(r.source));
-    j["status"] = !r.errors.empty() ? "readError" : r.roots.empty() ? "notInstalled"
-                  : r.filesSeen == 0                                 ? "authorizedEmpty"
-                                                                     : "healthy";
+    j["status"] = !r.errors.empty()  ? "readError"
+                  : r.roots.empty()  ? "notInstalled"
+                  : r.filesSeen == 0 ? "authorizedEmpty"
+                                     : "healthy";
     j["files"] = r.filesSeen;
     j["filesRead"] = r.filesRead;
     j["filesUnchanged"] = r.filesUnchanged;
@@ -107,13 +108,15 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
                          {"Issues", Align::right}});
         table.addRow({std::string(displayName(report.source)), status["status"].get<std::string>(),
                       groupedNumber(report.filesSeen), groupedNumber(report.filesRead),
-                      groupedNumber(report.events), groupedNumber(status["accepted"].get<int64_t>()),
+                      groupedNumber(report.events),
+                      groupedNumber(status["accepted"].get<int64_t>()),
                       groupedNumber(status["rejected"].get<int64_t>()),
                       groupedNumber(status["coverageIssues"].get<int64_t>())});
         table.render(ctx.out, ctx.colour);
         std::string tail =
-            report.outcome ? fmt::format("Saved to {}", ctx.supportDir.string())
-                           : std::string("Nothing new since the last scan; the ledger is unchanged");
+            report.outcome
+                ? fmt::format("Saved to {}", ctx.supportDir.string())
+                : std::string("Nothing new since the last scan; the ledger is unchanged");
         if (!repriced.skipped) {
             tail += fmt::format("; prices changed, {} repriced",
                                 counted(repriced.count, "observation", "observations"));

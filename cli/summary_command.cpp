@@ -94,8 +94,8 @@ int runSummary(CommandContext& ctx, bool json) {
                 models.push_back(e.model);
             }
             // A later line of the same message replaces the earlier placeholder counts.
-            requests[e.id] = Request{it->second, e.occurredAt, e.exclusive,
-                                     e.estimatedCostUSDMicros};
+            requests[e.id] =
+                Request{it->second, e.occurredAt, e.exclusive, e.estimatedCostUSDMicros};
         },
         [&](std::size_t done, std::size_t total, const std::filesystem::path&) {
             progress.update(done, total);

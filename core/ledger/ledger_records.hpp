@@ -3,11 +3,10 @@
 // (event and cost), what it doubts (coverage issue), and the runs and checkpoints of adapters.
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "core/integrations/integration_id.hpp"
 #include "core/model/agent_source.hpp"

@@ -21,7 +21,7 @@ void exec(sqlite3* db, std::string_view sql);
 int64_t userVersion(sqlite3* db);
 
 class Statement {
-public:
+  public:
     Statement(sqlite3* db, std::string_view sql);
     ~Statement();
     Statement(Statement&& other) noexcept;
@@ -61,7 +61,7 @@ public:
     int64_t changes() const;
     sqlite3_stmt* handle() const { return stmt_; }
 
-private:
+  private:
     [[noreturn]] void fail(const char* what) const;
     sqlite3* db_;
     sqlite3_stmt* stmt_ = nullptr;
@@ -71,7 +71,7 @@ private:
 // BEGIN IMMEDIATE on construction: the write lock is taken at the start, so a concurrent writer
 // waits (up to the busy timeout) instead of failing halfway. Rolls back unless commit() ran.
 class Transaction {
-public:
+  public:
     explicit Transaction(sqlite3* db);
     ~Transaction();
     Transaction(const Transaction&) = delete;
@@ -79,7 +79,7 @@ public:
 
     void commit();
 
-private:
+  private:
     sqlite3* db_;
     bool done_ = false;
 };

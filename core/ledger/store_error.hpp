@@ -28,12 +28,12 @@ struct EnumCases<StoreErrorCode> {
 };
 
 class StoreError : public std::runtime_error {
-public:
+  public:
     StoreError(StoreErrorCode code, const std::string& detail)
         : std::runtime_error(detail), code_(code) {}
     StoreErrorCode code() const { return code_; }
 
-private:
+  private:
     StoreErrorCode code_;
 };
 
@@ -49,12 +49,12 @@ struct EnumCases<LedgerStoreErrorCode> {
 };
 
 class LedgerStoreError : public std::runtime_error {
-public:
+  public:
     LedgerStoreError(LedgerStoreErrorCode code, const std::string& detail)
         : std::runtime_error(detail), code_(code) {}
     LedgerStoreErrorCode code() const { return code_; }
 
-private:
+  private:
     LedgerStoreErrorCode code_;
 };
 

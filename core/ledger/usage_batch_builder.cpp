@@ -7,7 +7,9 @@
 
 namespace kestrel::UsageBatchBuilder {
 
-std::string ledgerEventID(const std::string& observationID) { return "le:" + observationID; }
+std::string ledgerEventID(const std::string& observationID) {
+    return "le:" + observationID;
+}
 
 std::string validationIssueID(const std::string& observationID, CoverageIssueCode code) {
     return "vi:" + observationID + ":" + std::string(rawValue(code));

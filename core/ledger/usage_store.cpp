@@ -159,6 +159,12 @@ UsageStore::UsageStore(const fs::path& directory) : path_(directory / kFileName)
         // locked by another process, fails here.
         sqlite::exec(db, "PRAGMA journal_mode=WAL;");
         sqlite::exec(db, "PRAGMA foreign_keys=ON;");
+        // A scan commits hundreds of thousands of rows with random keys in one transaction;
+        // the default 2 MB page cache would spill to the log over and over.
+        sqlite::exec(db, "PRAGMA cache_size=-65536;");
+        // Every upsert opens a statement journal; in a temporary file that costs dozens of
+        // writes per observation.
+        sqlite::exec(db, "PRAGMA temp_store=MEMORY;");
     } catch (const StoreError& e) {
         sqlite3_close_v2(db);
         throw StoreError(StoreErrorCode::open, "cannot open " + path_.string() + ": " + e.what());

@@ -25,7 +25,7 @@ struct PriceTable;
 struct RepriceOutcome;
 
 class UsageStore {
-public:
+  public:
     static constexpr const char* kFileName = "usage.sqlite";
     static constexpr int kBusyTimeoutMs = 5000;
     static constexpr int64_t kSchemaVersion = 4;
@@ -93,14 +93,14 @@ public:
     sqlite3* connection() const;
     std::recursive_mutex& lock() { return lock_; }
 
-private:
+  private:
     void migrate();
 
     std::filesystem::path path_;
     sqlite3* db_ = nullptr;
-    mutable std::recursive_mutex lock_;   // the connection, compound operations, migrations
-    std::mutex repricingLock_;            // two repricings never interleave
-    std::mutex sessionMaterialLock_;      // the cached session salt and checkpoint key
+    mutable std::recursive_mutex lock_;  // the connection, compound operations, migrations
+    std::mutex repricingLock_;           // two repricings never interleave
+    std::mutex sessionMaterialLock_;     // the cached session salt and checkpoint key
 };
 
 }  // namespace kestrel

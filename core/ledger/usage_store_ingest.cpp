@@ -26,7 +26,9 @@ std::optional<std::string> idText(const std::optional<IntegrationID<Domain>>& id
     return id ? std::optional<std::string>(id->value) : std::nullopt;
 }
 
-std::string_view raw(auto value) { return rawValue(value); }
+std::string_view raw(auto value) {
+    return rawValue(value);
+}
 
 void checkBatch(const UsageBatch& batch, std::optional<AgentSource> replacing) {
     auto refuse = [](const std::string& why) {
@@ -55,8 +57,7 @@ void checkBatch(const UsageBatch& batch, std::optional<AgentSource> replacing) {
         }
         for (const auto& o : batch.observations) {
             if (o.source != *replacing) {
-                refuse("observation " + o.id + " is not from " +
-                       std::string(rawValue(*replacing)));
+                refuse("observation " + o.id + " is not from " + std::string(rawValue(*replacing)));
             }
         }
     }
@@ -374,8 +375,8 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
 
         if (batch->checkpoint) {
             const auto& cp = *batch->checkpoint;
-            const auto instance = cp.integrationInstanceID ? cp.integrationInstanceID
-                                                           : batch->integrationInstanceID;
+            const auto instance =
+                cp.integrationInstanceID ? cp.integrationInstanceID : batch->integrationInstanceID;
             s.upsertCheckpoint.bind(1, instance ? instance->value : std::string(kNoInstanceKey))
                 .bind(2, idText(instance))
                 .bind(3, cp.adapterID)

@@ -140,8 +140,8 @@ int64_t UsageStore::repriceLedger(const PriceTable& prices, BillingMode billing)
             }
             if (check.finding) {
                 insertFinding.reset();
-                insertFinding.bind(1, UsageBatchBuilder::validationIssueID(stored.id,
-                                                                           check.finding->code))
+                insertFinding
+                    .bind(1, UsageBatchBuilder::validationIssueID(stored.id, check.finding->code))
                     .bind(2, page.text(22))
                     .bind(3, stored.id)
                     .bind(4, rawValue(stored.source))

@@ -8,9 +8,13 @@
 
 namespace kestrel {
 
-Calendar Calendar::current() { return Calendar{}; }
+Calendar Calendar::current() {
+    return Calendar{};
+}
 
-Calendar Calendar::utc() { return fixedOffset(0); }
+Calendar Calendar::utc() {
+    return fixedOffset(0);
+}
 
 Calendar Calendar::fixedOffset(int secondsEastOfUTC) {
     Calendar c;
@@ -34,7 +38,7 @@ Calendar::Parts Calendar::parts(double t) const {
 
 std::string Calendar::dayKey(double t) const {
     const Parts p = parts(t);
-    char buf[16];
+    char buf[40];  // room for any int, so the compiler can prove nothing is cut
     std::snprintf(buf, sizeof buf, "%04d-%02d-%02d", p.year, p.month, p.day);
     return buf;
 }

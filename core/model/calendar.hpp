@@ -9,16 +9,16 @@
 namespace kestrel {
 
 class Calendar {
-public:
+  public:
     static Calendar current();
     static Calendar utc();
     static Calendar fixedOffset(int secondsEastOfUTC);
 
     struct Parts {
         int year = 1970;
-        int month = 1;    // 1-12
-        int day = 1;      // 1-31
-        int hour = 0;     // 0-23
+        int month = 1;  // 1-12
+        int day = 1;    // 1-31
+        int hour = 0;   // 0-23
         int minute = 0;
         int second = 0;
         int weekday = 4;  // 0 = Sunday
@@ -39,7 +39,7 @@ public:
     // 0 = Sunday ... 6 = Saturday: the locale's first day of the week (Monday unless told).
     int firstWeekday = 1;
 
-private:
+  private:
     enum class Kind { local, fixed };
     Kind kind_ = Kind::local;
     int offset_ = 0;

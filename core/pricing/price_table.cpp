@@ -250,7 +250,9 @@ UsageEvent PriceTable::applied(UsageEvent event, BillingMode billing,
         return event;
     }
     if (event.costSource == CostSource::vendorReported && event.estimatedCostUSDMicros) {
-        event.contextBand = bandOf(matchingRow());
+        if (!event.contextBand) {
+            event.contextBand = bandOf(matchingRow());
+        }
         return event;
     }
     if (const auto vendor = VendorCost::micros(event.rawExtras)) {

@@ -67,8 +67,7 @@ FileReadDecision decideFileRead(const std::filesystem::path& path,
         d.reason = "truncated";
         return d;
     }
-    if (offset > 0 &&
-        JSONL::boundaryFingerprint(path, offset) != checkpoint->contentFingerprint) {
+    if (offset > 0 && JSONL::boundaryFingerprint(path, offset) != checkpoint->contentFingerprint) {
         d.reason = "rewritten";
         return d;
     }

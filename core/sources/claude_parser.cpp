@@ -141,8 +141,8 @@ bool isEmptyErrorRecord(const ClaudeRecord& r) {
 
 std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
                                               const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings,
-                                              const PriceTable& prices, const EventSink& sink) {
+                                              const AppSettings& settings, const PriceTable& prices,
+                                              const EventSink& sink) {
     const int64_t start = checkpoint && checkpoint->byteOffset ? *checkpoint->byteOffset : 0;
 
     FileFacts facts;

@@ -20,10 +20,10 @@ struct CliRun {
 };
 
 class ScanAndPricesTest : public ::testing::Test {
-protected:
+  protected:
     CliRun kestrel(std::vector<std::string> args, const std::string& input = "") {
-        args.insert(args.end(), {"--home", home.path().string(), "--support-dir",
-                                 support.path().string()});
+        args.insert(args.end(),
+                    {"--home", home.path().string(), "--support-dir", support.path().string()});
         std::ostringstream out, err;
         std::istringstream in(input);
         CliRun r;
@@ -60,9 +60,8 @@ protected:
 };
 
 TEST_F(ScanAndPricesTest, ASecondScanOfUnchangedFilesChangesNothing) {
-    home.write(".claude/projects/p/a.jsonl",
-               line("m1", "claude-sonnet-4-5-20250929", 1) +
-                   line("m1", "claude-sonnet-4-5-20250929", 1000000));
+    home.write(".claude/projects/p/a.jsonl", line("m1", "claude-sonnet-4-5-20250929", 1) +
+                                                 line("m1", "claude-sonnet-4-5-20250929", 1000000));
     home.write(".claude/projects/p/b.jsonl", line("m2", "claude-haiku-4-5-20251001", 10));
     const auto first = scanJSON();
     EXPECT_EQ(first["files"], 2);
@@ -110,8 +109,8 @@ TEST_F(ScanAndPricesTest, AForcedRescanDropsUsageWhoseRecordsAreGone) {
 }
 
 TEST_F(ScanAndPricesTest, AnOverrideRepricesTheLedgerAndItsRemovalRestoresIt) {
-    home.write(".claude/projects/p/a.jsonl", line("m1", "acme-model-7", 1000000) +
-                                                 line("m2", "claude-sonnet-4-5-20250929", 0));
+    home.write(".claude/projects/p/a.jsonl",
+               line("m1", "acme-model-7", 1000000) + line("m2", "claude-sonnet-4-5-20250929", 0));
     scanJSON();
     EXPECT_EQ(ledger("SELECT COUNT(*) FROM ledger_costs WHERE amount_usd_micros IS NULL;"), 1);
     EXPECT_EQ(ledger("SELECT COUNT(*) FROM coverage_issues WHERE code='unknownCost';"), 1);
@@ -151,9 +150,11 @@ TEST_F(ScanAndPricesTest, BadInputIsRefusedWithTheReason) {
         {{"prices", "set", "m", "--input", "abc", "--output", "1"}, cli::kExitUsage, "\"abc\""},
         {{"prices", "set", "m", "--input", "-1", "--output", "1"}, cli::kExitUsage, "\"-1\""},
         {{"prices", "set", "m", "--input", "1", "--output", "1", "--from", "2025-02-30"},
-         cli::kExitUsage, "2025-02-30"},
+         cli::kExitUsage,
+         "2025-02-30"},
         {{"prices", "set", "m", "--input", "1", "--output", "1", "--long-input", "2"},
-         cli::kExitUsage, "--long-threshold"},
+         cli::kExitUsage,
+         "--long-threshold"},
         {{"prices", "rm", "nothing-here"}, cli::kExitUsage, "no price override"},
         {{"scan", "--source", "codex"}, cli::kExitUsage, "not supported yet"},
     };

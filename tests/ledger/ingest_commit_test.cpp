@@ -25,8 +25,8 @@ UsageObservation observation(const std::string& id, int64_t output,
     o.granularity = UsageGranularity::request;
     o.sessionKey = "s1";
     o.tokens = {10, 100, 5, output, 0, 10, output, 10 + output, true};
-    o.cost = {1234, CostCompleteness::complete, CostSource::priceTable, 3, std::nullopt,
-              BillingMode::apiEquivalent};
+    o.cost = {1234,         CostCompleteness::complete, CostSource::priceTable, 3,
+              std::nullopt, BillingMode::apiEquivalent};
     return o;
 }
 
@@ -44,7 +44,7 @@ UsageBatch batchOf(const std::string& runID, std::vector<UsageObservation> obser
 }
 
 class IngestCommitTest : public ::testing::Test {
-protected:
+  protected:
     int64_t count(const std::string& sql) {
         sqlite::Statement s(store.connection(), sql);
         EXPECT_TRUE(s.step());
@@ -57,8 +57,9 @@ protected:
         return s.step() ? s.optionalInt64(0) : std::nullopt;
     }
     std::vector<std::string> findings(const std::string& observationID) {
-        sqlite::Statement s(store.connection(),
-                            "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
+        sqlite::Statement s(
+            store.connection(),
+            "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
         s.bind(1, observationID);
         std::vector<std::string> out;
         while (s.step()) {
@@ -119,8 +120,7 @@ TEST_F(IngestCommitTest, AnUpdateKeepsTheFirstCreationTime) {
     store.ingest({}, {}, std::nullopt, batchOf("run-1", {observation("claude:m1", 5)}));
     sqlite::exec(store.connection(), "UPDATE ledger_events SET created_at=1, updated_at=1;");
     store.ingest({}, {}, std::nullopt, batchOf("run-2", {observation("claude:m1", 6)}));
-    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE created_at=1 AND updated_at>1;"),
-              1);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE created_at=1 AND updated_at>1;"), 1);
     EXPECT_EQ(eventOutput("claude:m1"), 6);
 }
 
@@ -176,8 +176,8 @@ TEST_F(IngestCommitTest, InvalidBatchesAreRefusedBeforeAnyWrite) {
         }
     }
     // A full rescan of one source must not carry another's observations.
-    auto mixed = batchOf("r5", {observation("codex:x", 1, ObservationTimeQuality::trusted,
-                                            AgentSource::codex)});
+    auto mixed = batchOf(
+        "r5", {observation("codex:x", 1, ObservationTimeQuality::trusted, AgentSource::codex)});
     EXPECT_THROW(store.replaceLedgerSource(AgentSource::claude, mixed), LedgerStoreError);
     EXPECT_THROW(store.replaceLedgerSource(AgentSource::codex, batchOf("r6", {})),
                  LedgerStoreError);
@@ -199,8 +199,8 @@ TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
     legacy.provider = "anthropic";
     try {
         store.ingest({legacy}, {fileCheckpoint}, std::nullopt,
-                     batchOf("run-1", {observation("claude:m1", 5),
-                                       observation("claude:bad", 6), observation("claude:m2", 7)}));
+                     batchOf("run-1", {observation("claude:m1", 5), observation("claude:bad", 6),
+                                       observation("claude:m2", 7)}));
         ADD_FAILURE() << "the refused row did not fail the commit";
     } catch (const StoreError& e) {
         EXPECT_EQ(e.code(), StoreErrorCode::sql);
@@ -215,10 +215,10 @@ TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
 
     // The same batch commits once the fault is gone: nothing was left half-done.
     sqlite::exec(store.connection(), "DROP TRIGGER refuse;");
-    const auto outcome = store.ingest(
-        {legacy}, {fileCheckpoint}, std::nullopt,
-        batchOf("run-1", {observation("claude:m1", 5), observation("claude:bad", 6),
-                          observation("claude:m2", 7)}));
+    const auto outcome =
+        store.ingest({legacy}, {fileCheckpoint}, std::nullopt,
+                     batchOf("run-1", {observation("claude:m1", 5), observation("claude:bad", 6),
+                                       observation("claude:m2", 7)}));
     EXPECT_EQ(outcome->ledgerEventCount, 3);
     ASSERT_EQ(store.checkpoints(AgentSource::claude).size(), 1u);
     EXPECT_EQ(store.checkpoints(AgentSource::claude)[0].byteOffset, 100);
