@@ -1,8 +1,12 @@
 // The single write path of usage into the ledger: one batch, one transaction, all or nothing.
 
+#include <algorithm>
 #include <chrono>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <unordered_map>
 
+#include "core/ledger/ledger_upserts.hpp"
 #include "core/ledger/ledger_validator.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
@@ -74,43 +78,6 @@ struct CommitStatements {
                    "  id, integration_instance_id, adapter_id, source, started_at, status,\n"
                    "  observation_count, ledger_event_count, issue_count\n"
                    ") VALUES(?,?,?,?,?,'running',0,0,0);"),
-          upsertObservation(
-              db,
-              "INSERT INTO usage_observations(\n"
-              "  id, run_id, integration_instance_id, account_id, source, provider, model,\n"
-              "  occurred_at, observed_at, time_quality, precision, session_key,\n"
-              "  project_display_name, evidence_fingerprint, input_uncached, cache_read,\n"
-              "  cache_write, output_visible, reasoning, provider_input_total,\n"
-              "  provider_output_total, provider_total, breakdown_trusted,\n"
-              "  usage_semantics_version, cost_usd_micros, cost_completeness, cost_source,\n"
-              "  price_version, fx_version, billing_mode, granularity\n"
-              ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)\n"
-              "ON CONFLICT(id) DO UPDATE SET\n"
-              "  run_id=excluded.run_id,\n"
-              "  integration_instance_id=excluded.integration_instance_id,\n"
-              "  account_id=excluded.account_id, source=excluded.source,\n"
-              "  provider=excluded.provider, model=excluded.model,\n"
-              "  occurred_at=excluded.occurred_at, observed_at=excluded.observed_at,\n"
-              "  time_quality=excluded.time_quality, precision=excluded.precision,\n"
-              "  session_key=excluded.session_key,\n"
-              "  project_display_name=excluded.project_display_name,\n"
-              "  evidence_fingerprint=excluded.evidence_fingerprint,\n"
-              "  input_uncached=excluded.input_uncached, cache_read=excluded.cache_read,\n"
-              "  cache_write=excluded.cache_write, output_visible=excluded.output_visible,\n"
-              "  reasoning=excluded.reasoning,\n"
-              "  provider_input_total=excluded.provider_input_total,\n"
-              "  provider_output_total=excluded.provider_output_total,\n"
-              "  provider_total=excluded.provider_total,\n"
-              "  breakdown_trusted=excluded.breakdown_trusted,\n"
-              "  usage_semantics_version=excluded.usage_semantics_version,\n"
-              "  cost_usd_micros=excluded.cost_usd_micros,\n"
-              "  cost_completeness=excluded.cost_completeness,\n"
-              "  cost_source=excluded.cost_source, price_version=excluded.price_version,\n"
-              "  fx_version=excluded.fx_version, billing_mode=excluded.billing_mode,\n"
-              "  granularity=excluded.granularity;"),
-          deleteFindings(db,
-                         "DELETE FROM coverage_issues WHERE observation_id=? AND "
-                         "origin='validation';"),
           upsertIssue(db,
                       "INSERT INTO coverage_issues(\n"
                       "  id, run_id, observation_id, integration_instance_id, source, code,\n"
@@ -123,41 +90,6 @@ struct CommitStatements {
                       "  severity=excluded.severity, origin=excluded.origin,\n"
                       "  diagnostic_code=excluded.diagnostic_code,\n"
                       "  detected_at=excluded.detected_at, resolved_at=excluded.resolved_at;"),
-          deleteEvent(db, "DELETE FROM ledger_events WHERE observation_id=?;"),
-          upsertEvent(db,
-                      "INSERT INTO ledger_events(\n"
-                      "  id, observation_id, integration_instance_id, account_id, occurred_at,\n"
-                      "  source, provider, model, session_key, project_display_name,\n"
-                      "  input_uncached, cache_read, cache_write, output_visible, reasoning,\n"
-                      "  provider_input_total, provider_output_total, provider_total,\n"
-                      "  usage_semantics_version, created_at, updated_at\n"
-                      ") VALUES(?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?,?)\n"
-                      "ON CONFLICT(id) DO UPDATE SET\n"
-                      "  observation_id=excluded.observation_id,\n"
-                      "  integration_instance_id=excluded.integration_instance_id,\n"
-                      "  account_id=excluded.account_id, occurred_at=excluded.occurred_at,\n"
-                      "  source=excluded.source, provider=excluded.provider,\n"
-                      "  model=excluded.model, session_key=excluded.session_key,\n"
-                      "  project_display_name=excluded.project_display_name,\n"
-                      "  input_uncached=excluded.input_uncached,\n"
-                      "  cache_read=excluded.cache_read, cache_write=excluded.cache_write,\n"
-                      "  output_visible=excluded.output_visible,\n"
-                      "  reasoning=excluded.reasoning,\n"
-                      "  provider_input_total=excluded.provider_input_total,\n"
-                      "  provider_output_total=excluded.provider_output_total,\n"
-                      "  provider_total=excluded.provider_total,\n"
-                      "  usage_semantics_version=excluded.usage_semantics_version,\n"
-                      "  updated_at=excluded.updated_at;"),
-          upsertCost(db,
-                     "INSERT INTO ledger_costs(\n"
-                     "  ledger_event_id, amount_usd_micros, completeness, cost_source,\n"
-                     "  price_version, fx_version, billing_mode, updated_at\n"
-                     ") VALUES(?,?,?,?,?,?,?,?)\n"
-                     "ON CONFLICT(ledger_event_id) DO UPDATE SET\n"
-                     "  amount_usd_micros=excluded.amount_usd_micros,\n"
-                     "  completeness=excluded.completeness, cost_source=excluded.cost_source,\n"
-                     "  price_version=excluded.price_version, fx_version=excluded.fx_version,\n"
-                     "  billing_mode=excluded.billing_mode, updated_at=excluded.updated_at;"),
           upsertCheckpoint(db,
                            "INSERT INTO adapter_checkpoints(\n"
                            "  instance_key, integration_instance_id, adapter_id, opaque_cursor,\n"
@@ -180,8 +112,7 @@ struct CommitStatements {
                     "    ledger_event_count=?, issue_count=?, error_code=NULL\n"
                     "WHERE id=?;") {}
 
-    Statement findRun, startRun, upsertObservation, deleteFindings, upsertIssue, deleteEvent,
-        upsertEvent, upsertCost, upsertCheckpoint, replaceStale, finishRun;
+    Statement findRun, startRun, upsertIssue, upsertCheckpoint, replaceStale, finishRun;
 };
 
 void bindTokens(Statement& s, int first, const ObservedTokenUsage& t) {
@@ -195,35 +126,85 @@ void bindTokens(Statement& s, int first, const ObservedTokenUsage& t) {
         .bind(first + 7, t.providerTotal);
 }
 
-void writeObservation(Statement& s, const UsageObservation& o, const std::string& runID,
-                      const ObservedCost& cost) {
-    s.reset();
-    s.bind(1, o.id)
-        .bind(2, runID)
-        .bind(3, idText(o.integrationInstanceID))
-        .bind(4, idText(o.accountID))
-        .bind(5, raw(o.source))
-        .bind(6, o.provider)
-        .bind(7, o.model)
-        .bind(8, o.occurredAt)
-        .bind(9, o.observedAt)
-        .bind(10, raw(o.timeQuality))
-        .bind(11, raw(o.precision))
-        .bind(12, o.sessionKey)
-        .bind(13, o.projectDisplayName)
-        .bind(14, o.evidenceFingerprint);
-    bindTokens(s, 15, o.tokens);
-    s.bind(23, o.tokens.breakdownTrusted)
-        .bind(24, o.usageSemanticsVersion)
-        .bind(25, cost.amountUSDMicros)
-        .bind(26, raw(cost.completeness))
-        .bind(27, raw(cost.source))
-        .bind(28, cost.priceVersion)
-        .bind(29, cost.fxVersion)
-        .bind(30, raw(cost.billingMode))
-        .bind(31, raw(o.granularity));
-    s.run();
+// Binds one observation as the row starting at parameter `base` + 1.
+void bindObservation(Statement& s, int base, const UsageObservation& o, const std::string& runID,
+                     const ObservedCost& cost) {
+    s.bind(base + 1, o.id)
+        .bind(base + 2, runID)
+        .bind(base + 3, idText(o.integrationInstanceID))
+        .bind(base + 4, idText(o.accountID))
+        .bind(base + 5, raw(o.source))
+        .bind(base + 6, o.provider)
+        .bind(base + 7, o.model)
+        .bind(base + 8, o.occurredAt)
+        .bind(base + 9, o.observedAt)
+        .bind(base + 10, raw(o.timeQuality))
+        .bind(base + 11, raw(o.precision))
+        .bind(base + 12, o.sessionKey)
+        .bind(base + 13, o.projectDisplayName)
+        .bind(base + 14, o.evidenceFingerprint);
+    bindTokens(s, base + 15, o.tokens);
+    s.bind(base + 23, o.tokens.breakdownTrusted)
+        .bind(base + 24, o.usageSemanticsVersion)
+        .bind(base + 25, cost.amountUSDMicros)
+        .bind(base + 26, raw(cost.completeness))
+        .bind(base + 27, raw(cost.source))
+        .bind(base + 28, cost.priceVersion)
+        .bind(base + 29, cost.fxVersion)
+        .bind(base + 30, raw(cost.billingMode))
+        .bind(base + 31, raw(o.granularity));
 }
+
+void bindEvent(Statement& s, int base, const UsageObservation& o, const std::string& eventID,
+               double now) {
+    s.bind(base + 1, eventID)
+        .bind(base + 2, o.id)
+        .bind(base + 3, idText(o.integrationInstanceID))
+        .bind(base + 4, idText(o.accountID))
+        .bind(base + 5, *o.occurredAt)
+        .bind(base + 6, raw(o.source))
+        .bind(base + 7, o.provider)
+        .bind(base + 8, o.model)
+        .bind(base + 9, o.sessionKey)
+        .bind(base + 10, o.projectDisplayName);
+    bindTokens(s, base + 11, o.tokens);
+    s.bind(base + 19, o.usageSemanticsVersion).bind(base + 20, now).bind(base + 21, now);
+}
+
+void bindCost(Statement& s, int base, const std::string& eventID, const ObservedCost& cost,
+              double now) {
+    s.bind(base + 1, eventID)
+        .bind(base + 2, cost.amountUSDMicros)
+        .bind(base + 3, raw(cost.completeness))
+        .bind(base + 4, raw(cost.source))
+        .bind(base + 5, cost.priceVersion)
+        .bind(base + 6, cost.fxVersion)
+        .bind(base + 7, raw(cost.billingMode))
+        .bind(base + 8, now);
+}
+
+// Multi-row statements by row count, prepared once per commit and reused.
+class StatementCache {
+  public:
+    StatementCache(sqlite3* db, std::string (*sql)(int)) : db_(db), sql_(sql) {}
+    Statement& get(int rows) {
+        auto it = cache_.find(rows);
+        if (it == cache_.end()) {
+            it = cache_.emplace(rows, Statement(db_, sql_(rows))).first;
+        }
+        it->second.reset();
+        return it->second;
+    }
+
+  private:
+    sqlite3* db_;
+    std::string (*sql_)(int);
+    std::map<int, Statement> cache_;
+};
+
+// Rows per statement: large enough that statement overhead vanishes, small enough to stay far
+// below SQLite's limit on parameters.
+constexpr std::size_t kRowsPerStatement = 64;
 
 void writeIssue(Statement& s, const CoverageIssue& issue) {
     s.reset();
@@ -243,6 +224,102 @@ void writeIssue(Statement& s, const CoverageIssue& issue) {
 }
 
 }  // namespace
+
+// Validates and writes the batch's observations with their findings, ledger events and costs.
+// When several observations share an id, the last one read holds; writing only that one gives
+// the same rows as writing each in turn, since each write replaces the one before. The outcome
+// still counts every observation of the batch, as a commit of each in turn would.
+static void writeObservations(sqlite3* db, const UsageBatch& batch, double now,
+                              Statement& upsertIssue, LedgerIngestOutcome& outcome) {
+    const auto& all = batch.observations;
+    std::vector<LedgerValidationResult> verdicts;
+    verdicts.reserve(all.size());
+    std::unordered_map<std::string_view, std::size_t> last;
+    last.reserve(all.size());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        verdicts.push_back(LedgerValidator::validate(all[i]));
+        ++outcome.observationCount;
+        outcome.coverageIssueCount += static_cast<int64_t>(verdicts.back().findings.size());
+        outcome.ledgerEventCount += verdicts.back().isLedgerEligible ? 1 : 0;
+        last[all[i].id] = i;
+    }
+    std::vector<std::size_t> kept;
+    kept.reserve(last.size());
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        if (last[all[i].id] == i) {
+            kept.push_back(i);
+        }
+    }
+
+    StatementCache observations(db, LedgerUpserts::observations);
+    StatementCache deleteFindings(db, LedgerUpserts::deleteFindings);
+    StatementCache deleteEvents(db, LedgerUpserts::deleteEvents);
+    StatementCache events(db, LedgerUpserts::events);
+    StatementCache costs(db, LedgerUpserts::costs);
+    std::vector<std::string> eventIDs;
+    for (std::size_t from = 0; from < kept.size(); from += kRowsPerStatement) {
+        const std::size_t to = std::min(kept.size(), from + kRowsPerStatement);
+        const int rows = static_cast<int>(to - from);
+
+        auto& obs = observations.get(rows);
+        auto& findings = deleteFindings.get(rows);
+        for (std::size_t k = from; k < to; ++k) {
+            const auto& o = all[kept[k]];
+            const int row = static_cast<int>(k - from);
+            bindObservation(obs, row * LedgerUpserts::kObservationColumns, o, batch.id,
+                            verdicts[kept[k]].normalizedCost);
+            findings.bind(row + 1, o.id);
+        }
+        obs.run();
+        // Findings always reflect the latest validation only.
+        findings.run();
+
+        std::vector<std::size_t> eligible, rejected;
+        for (std::size_t k = from; k < to; ++k) {
+            const auto& verdict = verdicts[kept[k]];
+            const auto& o = all[kept[k]];
+            for (const auto& finding : verdict.findings) {
+                CoverageIssue issue;
+                issue.id = UsageBatchBuilder::validationIssueID(o.id, finding.code);
+                issue.runID = batch.id;
+                issue.observationID = o.id;
+                issue.integrationInstanceID = o.integrationInstanceID;
+                issue.source = o.source;
+                issue.code = finding.code;
+                issue.severity = finding.severity;
+                issue.origin = CoverageIssueOrigin::validation;
+                issue.detectedAt = now;
+                writeIssue(upsertIssue, issue);
+            }
+            (verdict.isLedgerEligible ? eligible : rejected).push_back(kept[k]);
+        }
+        if (!rejected.empty()) {
+            // Accepted once, rejected now: it leaves the ledger (its cost goes by cascade).
+            auto& del = deleteEvents.get(static_cast<int>(rejected.size()));
+            for (std::size_t r = 0; r < rejected.size(); ++r) {
+                del.bind(static_cast<int>(r) + 1, all[rejected[r]].id);
+            }
+            del.run();
+        }
+        if (!eligible.empty()) {
+            const int n = static_cast<int>(eligible.size());
+            eventIDs.clear();
+            for (auto i : eligible) {
+                eventIDs.push_back(UsageBatchBuilder::ledgerEventID(all[i].id));
+            }
+            auto& ev = events.get(n);
+            auto& cost = costs.get(n);
+            for (int r = 0; r < n; ++r) {
+                const auto i = eligible[static_cast<std::size_t>(r)];
+                bindEvent(ev, r * LedgerUpserts::kEventColumns, all[i], eventIDs[r], now);
+                bindCost(cost, r * LedgerUpserts::kCostColumns, eventIDs[r],
+                         verdicts[i].normalizedCost, now);
+            }
+            ev.run();
+            cost.run();
+        }
+    }
+}
 
 // The commit proper; the caller holds the lock and has checked the batch. Returns the outcome
 // and leaves the transaction committed, or throws with it rolled back.
@@ -304,67 +381,7 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
         s.startRun.run();
 
         const double now = wallClock();
-        for (const auto& o : batch->observations) {
-            const auto verdict = LedgerValidator::validate(o);
-            writeObservation(s.upsertObservation, o, batch->id, verdict.normalizedCost);
-            ++outcome.observationCount;
-
-            s.deleteFindings.reset();
-            s.deleteFindings.bind(1, o.id);
-            s.deleteFindings.run();
-            for (const auto& finding : verdict.findings) {
-                CoverageIssue issue;
-                issue.id = UsageBatchBuilder::validationIssueID(o.id, finding.code);
-                issue.runID = batch->id;
-                issue.observationID = o.id;
-                issue.integrationInstanceID = o.integrationInstanceID;
-                issue.source = o.source;
-                issue.code = finding.code;
-                issue.severity = finding.severity;
-                issue.origin = CoverageIssueOrigin::validation;
-                issue.detectedAt = now;
-                writeIssue(s.upsertIssue, issue);
-                ++outcome.coverageIssueCount;
-            }
-
-            if (!verdict.isLedgerEligible) {
-                // Accepted once, rejected now: it leaves the ledger (its cost goes by cascade).
-                s.deleteEvent.reset();
-                s.deleteEvent.bind(1, o.id);
-                s.deleteEvent.run();
-                continue;
-            }
-            const std::string eventID = UsageBatchBuilder::ledgerEventID(o.id);
-            auto& ev = s.upsertEvent;
-            ev.reset();
-            ev.bind(1, eventID)
-                .bind(2, o.id)
-                .bind(3, idText(o.integrationInstanceID))
-                .bind(4, idText(o.accountID))
-                .bind(5, *o.occurredAt)
-                .bind(6, raw(o.source))
-                .bind(7, o.provider)
-                .bind(8, o.model)
-                .bind(9, o.sessionKey)
-                .bind(10, o.projectDisplayName);
-            bindTokens(ev, 11, o.tokens);
-            ev.bind(19, o.usageSemanticsVersion).bind(20, now).bind(21, now);
-            ev.run();
-
-            const ObservedCost& cost = verdict.normalizedCost;
-            auto& c = s.upsertCost;
-            c.reset();
-            c.bind(1, eventID)
-                .bind(2, cost.amountUSDMicros)
-                .bind(3, raw(cost.completeness))
-                .bind(4, raw(cost.source))
-                .bind(5, cost.priceVersion)
-                .bind(6, cost.fxVersion)
-                .bind(7, raw(cost.billingMode))
-                .bind(8, now);
-            c.run();
-            ++outcome.ledgerEventCount;
-        }
+        writeObservations(db, *batch, now, s.upsertIssue, outcome);
 
         for (auto issue : batch->coverageIssues) {
             issue.runID = issue.runID.value_or(batch->id);
