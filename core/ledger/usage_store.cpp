@@ -153,6 +153,13 @@ UsageStore::UsageStore(const fs::path& directory) : path_(directory / kFileName)
         sqlite3_close_v2(db);
         throw StoreError(StoreErrorCode::open, "cannot open " + path_.string() + ": " + why);
     }
+    // SQLite quietly falls back to read-only when the file cannot be opened for writing; the
+    // ledger would then fail at its first write, long after the cause is clear.
+    if (sqlite3_db_readonly(db, "main") == 1) {
+        sqlite3_close_v2(db);
+        throw StoreError(StoreErrorCode::open,
+                         "cannot open " + path_.string() + ": the file is read-only");
+    }
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     try {
         // The first statements that read the file: a file that is not a database, or one held

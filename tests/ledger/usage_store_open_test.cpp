@@ -5,6 +5,7 @@
 #include <sqlite3.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -221,6 +222,25 @@ TEST(UsageStoreOpen, RefusedFilesNameTheCause) {
     std::stringstream content;
     content << in.rdbuf();
     EXPECT_EQ(content.str(), foreign);
+}
+
+// Read-only for everyone, root included: the immutable attribute. Skipped where the file
+// system or the sandbox does not allow setting it.
+TEST(UsageStoreOpen, ReadOnlyLedgerIsRefusedAtOpen) {
+    TempDir dir;
+    { UsageStore store(dir.path()); }
+    const auto file = dir / UsageStore::kFileName;
+    if (std::system(("chattr +i '" + file.string() + "' 2>/dev/null").c_str()) != 0) {
+        GTEST_SKIP() << "cannot make a file immutable here";
+    }
+    try {
+        UsageStore store(dir.path());
+        ADD_FAILURE() << "opened a read-only ledger";
+    } catch (const StoreError& e) {
+        EXPECT_EQ(e.code(), StoreErrorCode::open);
+        EXPECT_NE(std::string(e.what()).find("read-only"), std::string::npos) << e.what();
+    }
+    EXPECT_EQ(std::system(("chattr -i '" + file.string() + "'").c_str()), 0);
 }
 
 TEST(UsageStoreOpen, DatabaseLockedByAnotherConnectionFailsAfterTheBusyTimeout) {
