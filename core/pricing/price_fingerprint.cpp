@@ -7,22 +7,6 @@
 namespace kestrel::PriceFingerprint {
 namespace {
 
-// The generation of token semantics each agent's events were mapped with: a change re-derives
-// the buckets of stored events and so their cost.
-int usageSemantics(AgentSource source) {
-    switch (source) {
-        case AgentSource::kimi:
-        case AgentSource::workbuddy:
-        case AgentSource::grok:
-            return 2;
-        case AgentSource::openrouter:
-        case AgentSource::deepseek:
-            return 0;
-        default:
-            return 1;
-    }
-}
-
 std::string joined(const std::vector<PriceRow>& rows) {
     std::string out;
     for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -44,7 +28,7 @@ std::string make(const PriceTable& prices, BillingMode billing,
     std::vector<std::string> semantics;
     for (const auto source : allCases<AgentSource>()) {
         semantics.push_back(std::string(rawValue(source)) + ":" +
-                            std::to_string(usageSemantics(source)));
+                            std::to_string(usageSemanticsVersion(source)));
     }
     std::sort(semantics.begin(), semantics.end());
     out += "|";
