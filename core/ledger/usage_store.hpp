@@ -67,6 +67,10 @@ class UsageStore {
     // observations were repriced.
     int64_t repriceLedger(const PriceTable& prices, BillingMode billing);
 
+    // As repriceLedger; with `allEvents` false only the observations that have no cost yet
+    // (for instance after a price was added for a model that had none).
+    int64_t reprice(const PriceTable& prices, BillingMode billing, bool allEvents);
+
     // Reprices only when the stored price fingerprint differs from the current one.
     RepriceOutcome repriceIfFingerprintChanged(const PriceTable& prices, BillingMode billing);
 

@@ -61,6 +61,10 @@ ObservedCost storedCost(const UsageEvent& e) {
 }  // namespace
 
 int64_t UsageStore::repriceLedger(const PriceTable& prices, BillingMode billing) {
+    return reprice(prices, billing, true);
+}
+
+int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool allEvents) {
     std::lock_guard repricing(repricingLock_);
     std::lock_guard guard(lock_);
     sqlite3* db = connection();
@@ -75,7 +79,9 @@ int64_t UsageStore::repriceLedger(const PriceTable& prices, BillingMode billing)
                            "       cost_usd_micros, cost_completeness, cost_source, "
                            "price_version,\n"
                            "       fx_version, billing_mode, granularity, run_id\n"
-                           "FROM usage_observations WHERE id > ? ORDER BY id LIMIT ?;");
+                           "FROM usage_observations WHERE id > ?" +
+                               std::string(allEvents ? "" : " AND cost_usd_micros IS NULL") +
+                               " ORDER BY id LIMIT ?;");
     sqlite::Statement updateObservation(
         db,
         "UPDATE usage_observations\n"

@@ -3,6 +3,8 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/pricing/price_table.hpp"
+#include "core/pricing/reprice_outcome.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -222,6 +224,51 @@ TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
     EXPECT_EQ(outcome->ledgerEventCount, 3);
     ASSERT_EQ(store.checkpoints(AgentSource::claude).size(), 1u);
     EXPECT_EQ(store.checkpoints(AgentSource::claude)[0].byteOffset, 100);
+}
+
+// One row at $2 / $8 per million for "claude-sonnet" since 2020.
+PriceTable tableAt(const std::string& input, const std::string& output) {
+    PriceTable table;
+    table.version = 7;
+    PriceRow row;
+    row.match = "claude-sonnet";
+    row.effectiveFrom = "2020-01-01";
+    row.version = 7;
+    row.inputUncachedPerMTokUSD = row.cacheReadPerMTokUSD = row.cacheWritePerMTokUSD = input;
+    row.outputVisiblePerMTokUSD = row.reasoningPerMTokUSD = output;
+    table.rows.push_back(row);
+    return table;
+}
+
+TEST_F(IngestCommitTest, RepricingRewritesCostsAndTheirFindings) {
+    auto unpriced = observation("claude:m2", 1'000'000);
+    unpriced.cost = {};
+    store.ingest({}, {}, std::nullopt,
+                 batchOf("run-1", {observation("claude:m1", 1'000'000), unpriced}));
+    EXPECT_EQ(findings("claude:m2"), std::vector<std::string>{"unknownCost"});
+
+    // Only what had no cost: m1 keeps its 1234 micros.
+    EXPECT_EQ(store.reprice(tableAt("2", "8"), BillingMode::apiEquivalent, false), 1);
+    EXPECT_EQ(count("SELECT amount_usd_micros FROM ledger_costs WHERE ledger_event_id="
+                    "'le:claude:m1';"),
+              1234);
+    // 115 input tokens at $2 and 1M output at $8.
+    EXPECT_EQ(count("SELECT amount_usd_micros FROM ledger_costs WHERE ledger_event_id="
+                    "'le:claude:m2';"),
+              8'000'230);
+    EXPECT_TRUE(findings("claude:m2").empty());
+
+    const auto first =
+        store.repriceIfFingerprintChanged(tableAt("2", "8"), BillingMode::apiEquivalent);
+    EXPECT_EQ(first, RepriceOutcome::updated(1));  // m2 already had these prices
+    EXPECT_EQ(store.repriceIfFingerprintChanged(tableAt("2", "8"), BillingMode::apiEquivalent),
+              RepriceOutcome::skippedOutcome());
+    EXPECT_EQ(count("SELECT SUM(amount_usd_micros) FROM ledger_costs;"), 2 * 8'000'230);
+
+    // Without a matching row every cost goes, and the findings say so.
+    EXPECT_EQ(store.repriceLedger(PriceTable::empty(), BillingMode::apiEquivalent), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_costs WHERE amount_usd_micros IS NULL;"), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM coverage_issues WHERE code='unknownCost';"), 2);
 }
 
 TEST(UsageBatchBuilderTest, CarriesTheEventIntoAnObservation) {
