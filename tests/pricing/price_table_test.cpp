@@ -552,8 +552,6 @@ TEST(BundledPrices, RealModelIdsGetTheirOwnRows) {
         {"claude-opus-4-5-20251101", "2025-12-01", "claude-opus-4-5", "5", "25"},
         {"claude-opus-4-6", "2026-03-01", "claude-opus-4-6", "5", "25"},
         {"claude-opus-4-20250514", "2025-06-01", "claude-opus-4-2025", "15", "75"},
-        {"us.anthropic.claude-opus-4-20250514-v1:0", "2025-06-01", "claude-opus-4-2025",
-         "15", "75"},
         {"claude-opus-4@20250514", "2025-06-01", "claude-opus-4@", "15", "75"},
         {"claude-haiku-4-5-20251001", "2025-11-01", "claude-haiku-4-5", "1", "5"},
         {"claude-3-5-haiku-20241022", "2025-03-01", "claude-3-5-haiku", "0.80", "4"},

@@ -1,14 +1,13 @@
 #include "core/sources/agent_catalog.hpp"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <fstream>
 #include <map>
 #include <set>
 #include <string>
+
+#include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
@@ -17,22 +16,8 @@ namespace fs = std::filesystem;
 
 class AgentCatalogTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        static std::atomic<int> counter{0};
-        home_ = fs::temp_directory_path() /
-                ("kestrel-catalog-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-        fs::remove_all(home_);
-        fs::create_directories(home_);
-    }
-
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(home_, ec);
-    }
-
     void writeFile(const fs::path& relative, const std::string& text) {
-        fs::create_directories((home_ / relative).parent_path());
-        std::ofstream(home_ / relative, std::ios::binary) << text;
+        dir_.write(relative, text);
     }
 
     std::vector<fs::path> roots(AgentSource source,
@@ -41,16 +26,14 @@ class AgentCatalogTest : public ::testing::Test {
         return entry ? entry->roots : std::vector<fs::path>{};
     }
 
-    fs::path home_;
+    test_support::TempDir dir_;
+    const fs::path home_ = dir_.path();
 };
 
 EnvironmentLookup envOf(std::map<std::string, std::string> vars) {
     return [vars = std::move(vars)](std::string_view name) -> std::optional<std::string> {
         auto it = vars.find(std::string(name));
-        if (it == vars.end()) {
-            return std::nullopt;
-        }
-        return it->second;
+        return it == vars.end() ? std::nullopt : std::optional(it->second);
     };
 }
 

@@ -2,12 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <future>
 #include <limits>
@@ -107,26 +105,11 @@ std::string randomContent(std::mt19937_64& rng, int lineCount, bool terminateLas
     std::uniform_int_distribution<int> byte(0, 255);
     std::string out;
     for (int i = 0; i < lineCount; ++i) {
-        std::size_t length = 0;
-        switch (kind(rng)) {
-            case 0:
-            case 1:
-                length = rng() % 3;
-                break;
-            case 2:
-            case 3:
-            case 4:
-            case 5:
-                length = 1 + rng() % 200;
-                break;
-            case 6:
-            case 7:
-                length = kChunk - 100 + rng() % 200;
-                break;
-            default:
-                length = rng() % (3 * kChunk + 100);
-                break;
-        }
+        const int k = kind(rng);
+        const std::size_t length = k < 2   ? rng() % 3
+                                   : k < 6 ? 1 + rng() % 200
+                                   : k < 8 ? kChunk - 100 + rng() % 200
+                                           : rng() % (3 * kChunk + 100);
         for (std::size_t k = 0; k < length; ++k) {
             char c = static_cast<char>(byte(rng));
             out += c == '\n' ? 'x' : c;
@@ -140,7 +123,7 @@ std::string randomContent(std::mt19937_64& rng, int lineCount, bool terminateLas
 }
 
 TEST(JsonlStreamTest, AgreesWithWholeFileSplitFromEveryKindOfOffset) {
-    for (uint64_t seed = 1; seed <= 25; ++seed) {
+    for (uint64_t seed = 1; seed <= 16; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937_64 rng(seed);
         const std::string content =
@@ -164,7 +147,7 @@ TEST(JsonlStreamTest, AgreesWithWholeFileSplitFromEveryKindOfOffset) {
 }
 
 TEST(JsonlStreamTest, GrowingFileDeliversEveryLineExactlyOnce) {
-    for (uint64_t seed = 100; seed < 120; ++seed) {
+    for (uint64_t seed = 100; seed < 112; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         std::mt19937_64 rng(seed);
         const std::string content = randomContent(rng, 40, true);
@@ -244,14 +227,6 @@ TEST(JsonlReadTest, EdgeCases) {
     }
 }
 
-TEST(JsonlStreamTest, LineOffsetsPointAtFirstByte) {
-    TempDir dir;
-    const auto path = dir.write("f.jsonl", "ab\r\n\ncd\nef");
-    const Read got = streamRead(path, 0);
-    EXPECT_TRUE(got.lines == (std::vector<Line>{{"ab", 0}, {"", 4}, {"cd", 5}}));
-    EXPECT_EQ(got.partialStart, 8);
-}
-
 // A line over the limit is consumed and counted but never handed out, however the chunk
 // boundaries fall and whether its end arrives in the same read or a later one.
 TEST(JsonlStreamTest, OverlongLinesAreSkippedAndCounted) {
@@ -298,29 +273,23 @@ TEST(JsonlStreamTest, OverlongTailIsLeftUnconsumedAndSkippedOnceFinished) {
 
 TEST(JsonlReadTest, UnopenableFilesAreErrorsNamingThePath) {
     TempDir dir;
-    const auto missing = dir / "missing.jsonl";
-    auto result = JSONL::readCompleteLines(missing, 0);
-    ASSERT_FALSE(result);
-    EXPECT_EQ(result.error().errorNumber, ENOENT);
-    EXPECT_NE(result.error().description().find(missing.string()), std::string::npos);
-
     fs::create_directory(dir / "folder.jsonl");
-    auto folder = JSONL::readCompleteLines(dir / "folder.jsonl", 0);
-    ASSERT_FALSE(folder);
-    EXPECT_NE(folder.error().description().find((dir / "folder.jsonl").string()),
-              std::string::npos);
-}
-
-TEST(JsonlReadTest, UnreadableFileIsAnError) {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "permissions are not enforced for root";
+    const auto locked = dir.write("locked.jsonl", "a\n");
+    fs::permissions(locked, fs::perms::none);
+    const bool root = ::geteuid() == 0;  // permissions are not enforced for root
+    for (const auto& [path, errorNumber] : {std::pair{dir / "missing.jsonl", ENOENT},
+                                            {dir / "folder.jsonl", 0},
+                                            {locked, root ? -1 : EACCES}}) {
+        if (errorNumber < 0) {
+            continue;
+        }
+        auto result = JSONL::readCompleteLines(path, 0);
+        ASSERT_FALSE(result) << path;
+        EXPECT_NE(result.error().description().find(path.string()), std::string::npos);
+        if (errorNumber) {
+            EXPECT_EQ(result.error().errorNumber, errorNumber);
+        }
     }
-    TempDir dir;
-    const auto path = dir.write("locked.jsonl", "a\n");
-    fs::permissions(path, fs::perms::none);
-    auto result = JSONL::readCompleteLines(path, 0);
-    ASSERT_FALSE(result);
-    EXPECT_EQ(result.error().errorNumber, EACCES);
 }
 
 // Nobody writes to the FIFO: a reader that blocks on it would stall a whole scan.
@@ -346,19 +315,6 @@ TEST(JsonlReadTest, FifoIsRejectedWithoutBlocking) {
 
 // ---- boundaryFingerprint ---------------------------------------------------------------
 
-std::string sha256Hex(std::string_view bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EXPECT_EQ(EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr), 1);
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) {
-        char pair[3];
-        std::snprintf(pair, sizeof pair, "%02x", digest[i]);
-        hex += pair;
-    }
-    return hex;
-}
-
 std::string randomBytes(std::size_t n, uint64_t seed) {
     std::mt19937_64 rng(seed);
     std::string out(n, '\0');
@@ -368,31 +324,13 @@ std::string randomBytes(std::size_t n, uint64_t seed) {
     return out;
 }
 
-TEST(JsonlFingerprintTest, KnownAnswers) {
-    const std::string content = randomBytes(12000, 7);
-    TempDir dir;
-    const auto path = dir.write("f.jsonl", content);
-    // {through, head window, tail window [start, end)} written out per case.
-    struct Case {
-        int64_t through;
-        std::size_t headLength;
-        std::size_t tailStart;
-        std::size_t tailEnd;
-    };
-    for (const Case c : {Case{0, 0, 0, 0}, Case{10, 10, 0, 0}, Case{4096, 4096, 0, 0},
-                         Case{5000, 4096, 4096, 5000}, Case{8192, 4096, 4096, 8192},
-                         Case{10000, 4096, 5904, 10000}, Case{12000, 4096, 7904, 12000}}) {
-        SCOPED_TRACE("through " + std::to_string(c.through));
-        const std::string material = std::to_string(c.through) + content.substr(0, c.headLength) +
-                                     content.substr(c.tailStart, c.tailEnd - c.tailStart);
-        EXPECT_EQ(JSONL::boundaryFingerprint(path, c.through), sha256Hex(material));
-    }
-}
-
 TEST(JsonlFingerprintTest, AbsentWhenFileIsShorterOrMissing) {
     TempDir dir;
     const auto path = dir.write("f.jsonl", randomBytes(5000, 1));
     EXPECT_TRUE(JSONL::boundaryFingerprint(path, 5000));
+    // The covered length is part of the fingerprint, not only the sampled bytes.
+    EXPECT_NE(JSONL::boundaryFingerprint(path, 5000), JSONL::boundaryFingerprint(path, 4999));
+    EXPECT_EQ(JSONL::boundaryFingerprint(path, 0)->size(), 64u);  // hex SHA-256
     EXPECT_FALSE(JSONL::boundaryFingerprint(path, 5001));
     EXPECT_FALSE(JSONL::boundaryFingerprint(dir / "missing.jsonl", 0));
     fs::create_directory(dir / "folder");
