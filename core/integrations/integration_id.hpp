@@ -1,14 +1,15 @@
 #pragma once
 // Typed identifiers: one text value tagged with the kind of thing it names, so that an account id
-// can never be passed where an instance id is expected. Stored as plain text.
+// can never be passed where an instance id is expected. Stored and encoded as the bare text.
 
 #include <compare>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <string>
 
 namespace kestrel {
 
-struct IntegrationPluginIDDomain {};
+struct PluginIDDomain {};
 struct IntegrationInstanceIDDomain {};
 struct SubscriptionAccountIDDomain {};
 struct AccountBindingIDDomain {};
@@ -16,26 +17,37 @@ struct CredentialHandleDomain {};
 
 template <class Domain>
 struct IntegrationID {
-    std::string value;
+    std::string rawValue;
 
     IntegrationID() = default;
-    explicit IntegrationID(std::string v) : value(std::move(v)) {}
+    // Explicit so that plain text never turns into an id by accident.
+    explicit IntegrationID(std::string raw) : rawValue(std::move(raw)) {}
 
-    const std::string& text() const { return value; }
+    const std::string& description() const { return rawValue; }
     auto operator<=>(const IntegrationID&) const = default;
 };
 
-using IntegrationPluginID = IntegrationID<IntegrationPluginIDDomain>;
+using IntegrationPluginID = IntegrationID<PluginIDDomain>;
 using IntegrationInstanceID = IntegrationID<IntegrationInstanceIDDomain>;
 using SubscriptionAccountID = IntegrationID<SubscriptionAccountIDDomain>;
 using AccountBindingID = IntegrationID<AccountBindingIDDomain>;
 using CredentialHandleID = IntegrationID<CredentialHandleDomain>;
+
+template <class Domain>
+void to_json(nlohmann::json& j, const IntegrationID<Domain>& id) {
+    j = id.rawValue;
+}
+
+template <class Domain>
+void from_json(const nlohmann::json& j, IntegrationID<Domain>& id) {
+    id.rawValue = j.get<std::string>();
+}
 
 }  // namespace kestrel
 
 template <class Domain>
 struct std::hash<kestrel::IntegrationID<Domain>> {
     std::size_t operator()(const kestrel::IntegrationID<Domain>& id) const noexcept {
-        return std::hash<std::string>{}(id.value);
+        return std::hash<std::string>{}(id.rawValue);
     }
 };

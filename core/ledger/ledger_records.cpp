@@ -22,7 +22,7 @@ namespace {
 // Typed identifiers travel as their bare text; the domain exists only at compile time.
 template <class Domain>
 json idText(const std::optional<IntegrationID<Domain>>& id) {
-    return id ? json(id->text()) : json(nullptr);
+    return id ? json(id->rawValue) : json(nullptr);
 }
 
 template <class Domain>

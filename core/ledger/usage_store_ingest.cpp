@@ -27,7 +27,7 @@ constexpr const char* kNoInstanceKey = "-";
 
 template <class Domain>
 std::optional<std::string> idText(const std::optional<IntegrationID<Domain>>& id) {
-    return id ? std::optional<std::string>(id->value) : std::nullopt;
+    return id ? std::optional<std::string>(id->rawValue) : std::nullopt;
 }
 
 std::string_view raw(auto value) {
@@ -394,7 +394,7 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
             const auto& cp = *batch->checkpoint;
             const auto instance =
                 cp.integrationInstanceID ? cp.integrationInstanceID : batch->integrationInstanceID;
-            s.upsertCheckpoint.bind(1, instance ? instance->value : std::string(kNoInstanceKey))
+            s.upsertCheckpoint.bind(1, instance ? instance->rawValue : std::string(kNoInstanceKey))
                 .bind(2, idText(instance))
                 .bind(3, cp.adapterID)
                 .bind(4, cp.opaqueCursor)

@@ -1,0 +1,76 @@
+#pragma once
+// Creates, switches and reconciles integration instances, and answers whether a capability may
+// run for an agent now. The ingestor, the hook installer and the quota side ask it before acting.
+
+#include <expected>
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "core/integrations/integration_instance_repository.hpp"
+#include "core/integrations/plugin_registry.hpp"
+
+namespace kestrel {
+
+enum class IntegrationInstanceCoordinatorErrorCode { instanceNotFound, capabilityNotSupported };
+
+struct IntegrationInstanceCoordinatorError {
+    IntegrationInstanceCoordinatorErrorCode code =
+        IntegrationInstanceCoordinatorErrorCode::instanceNotFound;
+    IntegrationInstanceID instanceID;
+    std::optional<IntegrationPluginID> pluginID;      // capabilityNotSupported only
+    std::optional<IntegrationCapability> capability;  // capabilityNotSupported only
+
+    bool operator==(const IntegrationInstanceCoordinatorError&) const = default;
+};
+
+using InstanceResult = std::expected<IntegrationInstance, IntegrationInstanceCoordinatorError>;
+
+class IntegrationInstanceCoordinator {
+  public:
+    // `repository` must outlive the coordinator.
+    IntegrationInstanceCoordinator(PluginRegistry registry,
+                                   IntegrationInstanceRepository& repository);
+
+    const PluginRegistry& registry() const { return registry_; }
+
+    // Detects every plug-in's installation and brings the stored instances in line: a plug-in
+    // without any instance gets a new one; the health of an enabled instance follows whether
+    // its agent is installed. A plug-in whose instances are all archived stays switched off.
+    // Returns one instance per plug-in, in plug-in order.
+    std::vector<IntegrationInstance> reconcileInstallations(
+        const std::filesystem::path& home, double now,
+        const EnvironmentLookup& env = emptyEnvironment());
+
+    // The agents whose active instance may run `capability`.
+    std::set<AgentSource> enabledSources(IntegrationCapability capability);
+    bool canRun(IntegrationCapability capability, AgentSource source);
+    // Whether quota may be read for an account bound to `instance`.
+    bool canRefreshQuota(const IntegrationInstanceID& instance);
+
+    InstanceResult setInstanceEnabled(bool enabled, const IntegrationInstanceID& id, double now);
+    InstanceResult setCapability(IntegrationCapability capability, bool enabled,
+                                 const IntegrationInstanceID& id, double now);
+    // Switches the capability together with the permissions it needs: granted when authorised;
+    // when not, revoked unless another capability still switched on needs them.
+    InstanceResult setCapabilityAuthorization(IntegrationCapability capability, bool authorized,
+                                              const IntegrationInstanceID& id, double now);
+    InstanceResult setPermission(IntegrationPermission permission, bool granted,
+                                 const IntegrationInstanceID& id, double now);
+
+    // Applies the preset to every stored instance; returns those that changed (and were saved).
+    std::vector<IntegrationInstance> applyBulkPreset(IntegrationBulkPreset preset, double now);
+
+  private:
+    std::optional<IntegrationInstance> find(const IntegrationInstanceID& id);
+    // Looks the instance and its plug-in's declaration of `capability` up.
+    std::expected<IntegrationInstance, IntegrationInstanceCoordinatorError> findDeclaring(
+        const IntegrationInstanceID& id, IntegrationCapability capability);
+    IntegrationInstance makeInstance(const IntegrationPlugin& plugin, bool installed, double now);
+
+    PluginRegistry registry_;
+    IntegrationInstanceRepository& repository_;
+};
+
+}  // namespace kestrel
