@@ -225,4 +225,19 @@ std::vector<IntegrationInstance> IntegrationInstanceCoordinator::applyBulkPreset
     return changed;
 }
 
+bool IntegrationInstanceCoordinator::recordScan(AgentSource source,
+                                                const IntegrationScanResult& result, double now) {
+    const auto* plugin = registry_.plugin(source);
+    if (plugin == nullptr) {
+        return false;
+    }
+    auto instance = repository_.activeInstance(plugin->descriptor.id);
+    if (!instance) {
+        return false;
+    }
+    instance->recordScan(result);
+    repository_.save(*instance, now);
+    return true;
+}
+
 }  // namespace kestrel

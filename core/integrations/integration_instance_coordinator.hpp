@@ -46,6 +46,9 @@ class IntegrationInstanceCoordinator {
     // The agents whose active instance may run `capability`.
     std::set<AgentSource> enabledSources(IntegrationCapability capability);
     bool canRun(IntegrationCapability capability, AgentSource source);
+    // Stores a finished scan on the active instance of `source` (its last result and health);
+    // false when the source has no plug-in or no active instance.
+    bool recordScan(AgentSource source, const IntegrationScanResult& result, double now);
     // Whether quota may be read for an account bound to `instance`.
     bool canRefreshQuota(const IntegrationInstanceID& instance);
 

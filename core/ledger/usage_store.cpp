@@ -304,6 +304,13 @@ std::vector<SourceCheckpoint> UsageStore::checkpoints(AgentSource source) {
     return out;
 }
 
+bool UsageStore::hasLedgerEvents(AgentSource source) {
+    std::lock_guard guard(lock_);
+    Statement select(connection(), "SELECT 1 FROM ledger_events WHERE source=? LIMIT 1;");
+    select.bind(1, rawValue(source));
+    return select.step();
+}
+
 std::optional<std::string> UsageStore::setting(const std::string& key) {
     std::lock_guard guard(lock_);
     Statement select(connection(), "SELECT value FROM settings WHERE key=?;");

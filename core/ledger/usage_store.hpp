@@ -7,15 +7,19 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "core/integrations/integration_instance_repository.hpp"
+#include "core/ledger/ledger_query.hpp"
 #include "core/ledger/ledger_records.hpp"
 #include "core/ledger/store_error.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/usage_event.hpp"
+#include "core/plans/account_snapshot.hpp"
 #include "core/sources/agent_catalog.hpp"
 
 namespace kestrel {
@@ -24,7 +28,7 @@ struct PriceRow;
 struct PriceTable;
 struct RepriceOutcome;
 
-class UsageStore {
+class UsageStore : public IntegrationInstanceRepository {
   public:
     static constexpr const char* kFileName = "usage.sqlite";
     static constexpr int kBusyTimeoutMs = 5000;
@@ -78,10 +82,42 @@ class UsageStore {
 
     std::vector<SourceCheckpoint> checkpoints(AgentSource source);
 
+    // Whether the ledger holds any event of `source`.
+    bool hasLedgerEvents(AgentSource source);
+
+    // --- Ledger totals (one statement each; the filter is shared by every view) -------------
+
+    int64_t ledgerEventCount(const LedgerQuery& query);
+    LedgerSummary ledgerSummary(const LedgerQuery& query);
+    std::map<AgentSource, LedgerSummary> ledgerSummariesBySource(const LedgerQuery& query);
+    // Per model, the largest known token total first (then by name); at most `limit` rows.
+    std::vector<std::pair<std::string, LedgerSummary>> ledgerSummariesByModel(
+        const LedgerQuery& query, int limit);
+
     // --- Settings (table `settings`) ----------------------------------------------------------
 
     std::optional<std::string> setting(const std::string& key);
     void setSetting(const std::string& key, const std::string& value);
+
+    // --- Integration instances (table `integration_instances`) -------------------------------
+
+    // loadAll is ordered by creation time, then id. A row written by a newer build still loads:
+    // capabilities, permissions and hook states it does not know are dropped, and an unknown
+    // health state reads as `degraded` with diagnosticCode "unknownHealthState:<name>".
+    std::vector<IntegrationInstance> loadAll() override;
+    std::optional<IntegrationInstance> activeInstance(const IntegrationPluginID& plugin) override;
+    void save(const IntegrationInstance& instance, double now) override;
+
+    // --- Quota of agent sources (table `quota_accounts`, kind 'source') ----------------------
+
+    // Stores the reading as the source's last one. True when it differs from the stored one in
+    // more than fetchedAt; the stored reading and its fetch time are replaced either way.
+    bool saveQuota(const AccountSnapshot& snapshot);
+    bool deleteQuota(AgentSource source);  // false when nothing was stored
+    // Absent when nothing is stored or the stored reading no longer decodes.
+    std::optional<AccountSnapshot> quota(AgentSource source);
+    // Every source's reading, in account-id order; readings that do not decode are left out.
+    std::vector<AccountSnapshot> quotas();
 
     // --- Price overrides (table `price_overrides`, keyed by match) ---------------------------
 

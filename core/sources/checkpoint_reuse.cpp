@@ -77,4 +77,14 @@ FileReadDecision decideFileRead(const std::filesystem::path& path,
     return d;
 }
 
+std::optional<std::string> storeStamp(const std::filesystem::path& database) {
+    auto main = fileStamp(database);
+    if (!main) {
+        return std::nullopt;
+    }
+    auto wal = database;
+    wal += "-wal";
+    return *main + "+" + fileStamp(wal).value_or("-");
+}
+
 }  // namespace kestrel

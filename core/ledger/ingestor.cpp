@@ -1,0 +1,441 @@
+#include "core/ledger/ingestor.hpp"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <iterator>
+
+#include "core/integrations/source_health.hpp"
+#include "core/ledger/usage_batch_builder.hpp"
+#include "core/sources/checkpoint_reuse.hpp"
+#include "core/sources/source_readers.hpp"
+
+namespace kestrel {
+namespace {
+
+double wallClock() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// A root that exists but cannot be listed: the user has not granted access to it.
+std::optional<FileError> unreadableRoot(const std::filesystem::path& root) {
+    std::error_code ec;
+    if (!std::filesystem::is_directory(root, ec)) {
+        return std::nullopt;  // file roots are opened by the reader, which reports its own error
+    }
+    DIR* dir = ::opendir(root.c_str());
+    if (dir == nullptr) {
+        return fileErrorFromErrno(root.string(), "list");
+    }
+    ::closedir(dir);
+    return std::nullopt;
+}
+
+std::string normalised(const std::filesystem::path& path) {
+    std::error_code ec;
+    auto absolute = std::filesystem::absolute(path, ec);
+    return (ec ? path : absolute).lexically_normal().string();
+}
+
+}  // namespace
+
+// One chosen source between discovery and reading.
+struct Ingestor::Planned {
+    AgentSource source = AgentSource::claude;
+    SourceReader reader;
+    std::vector<std::filesystem::path> roots;
+    std::vector<FileError> rootErrors;
+    std::vector<std::filesystem::path> files;
+    std::map<std::string, SourceCheckpoint> stored;  // by stable id
+    std::string defaultModel;
+};
+
+Ingestor::Ingestor(UsageStore& store, PriceTable prices,
+                   IntegrationInstanceCoordinator* coordinator, EnvironmentLookup env)
+    : store_(store),
+      coordinator_(coordinator),
+      env_(env ? std::move(env) : emptyEnvironment()),
+      prices_(std::move(prices)) {}
+
+std::vector<AgentSource> Ingestor::scannableSources(const std::filesystem::path& home,
+                                                    const EnvironmentLookup& env) {
+    std::vector<AgentSource> out;
+    for (auto source : SourceReaders::readableSources()) {
+        if (AgentCatalog::spec(source, home, env)) {
+            out.push_back(source);
+        }
+    }
+    return out;
+}
+
+std::vector<AgentSource> Ingestor::chooseSources(
+    const std::filesystem::path& home, const std::optional<std::set<AgentSource>>& sources,
+    double now) {
+    std::optional<std::set<AgentSource>> enabled;
+    if (coordinator_ != nullptr) {
+        // A full scan first brings the instances in line with what is installed now.
+        if (!sources) {
+            coordinator_->reconcileInstallations(home, now, env_);
+        }
+        enabled = coordinator_->enabledSources(IntegrationCapability::usageImport);
+    }
+    std::vector<AgentSource> out;
+    for (auto source : scannableSources(home, env_)) {
+        if (sources && !sources->contains(source)) {
+            continue;
+        }
+        if (enabled && !enabled->contains(source)) {
+            continue;
+        }
+        out.push_back(source);
+    }
+    return out;
+}
+
+void Ingestor::report(int64_t completed, int64_t total, std::optional<AgentSource> source,
+                      const FileProgress& onFileProgress) {
+    liveCompleted_ = completed;
+    liveTotal_ = total;
+    if (onFileProgress) {
+        onFileProgress(completed, total, source);
+    }
+    FileProgress reporter;
+    {
+        std::lock_guard guard(stateMutex_);
+        reporter = progressReporter_;
+    }
+    if (reporter) {
+        reporter(completed, total, source);
+    }
+}
+
+ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings& settings,
+                            const std::optional<std::set<AgentSource>>& sources, bool force,
+                            const FileProgress& onFileProgress, const SourceDone& onSourceDone,
+                            std::stop_token stop) {
+    std::lock_guard scanning(scanMutex_);
+    const double startedAt = wallClock();
+    ScanProgress progress;
+    const auto chosen = chooseSources(home, sources, startedAt);
+
+    if (paused_) {
+        std::lock_guard guard(stateMutex_);
+        for (auto source : chosen) {
+            sourceStatus_[source] = SourceStatus::paused;
+        }
+        return progress;
+    }
+
+    // Discover everything first, so that progress has its total before the first file is read.
+    std::vector<Planned> plans;
+    std::vector<SourceScanReport> reports;
+    int64_t total = 0;
+    for (auto source : chosen) {
+        if (stop.stop_requested()) {
+            throw ScanCancelled();
+        }
+        Planned planned;
+        planned.source = source;
+        planned.reader = *SourceReaders::reader(source);
+        planned.roots = AgentCatalog::installedRoots(source, home, env_);
+        // Two roots (or a link inside one) may lead to the same file: read it once.
+        std::set<std::pair<dev_t, ino_t>> seen;
+        for (const auto& root : planned.roots) {
+            if (auto error = unreadableRoot(root)) {
+                planned.rootErrors.push_back(*error);
+                continue;
+            }
+            for (auto& file : planned.reader.discover(root)) {
+                struct stat st {};
+                if (::stat(file.c_str(), &st) == 0 && !seen.insert({st.st_dev, st.st_ino}).second) {
+                    continue;
+                }
+                planned.files.push_back(std::move(file));
+            }
+        }
+        if (!planned.roots.empty()) {
+            for (auto& checkpoint : store_.checkpoints(source)) {
+                planned.stored.emplace(checkpoint.stableID, std::move(checkpoint));
+            }
+            planned.defaultModel = planned.reader.defaultModel(planned.roots);
+        }
+        total += static_cast<int64_t>(planned.files.size());
+        plans.push_back(std::move(planned));
+    }
+
+    int64_t completed = 0;
+    report(0, total, std::nullopt, onFileProgress);
+    for (auto& planned : plans) {
+        if (stop.stop_requested()) {
+            throw ScanCancelled();
+        }
+        auto sourceReport = scanSource(
+            planned, settings, force,
+            [&](int64_t done, int64_t, auto source) {
+                report(completed + done, total, source, onFileProgress);
+            },
+            stop, progress);
+        completed += static_cast<int64_t>(planned.files.size());
+        recordHealth(sourceReport, wallClock());
+        {
+            std::lock_guard guard(stateMutex_);
+            sourceStatus_[planned.source] = sourceReport.status;
+            if (sourceReport.committed) {
+                scanIngestCounts_[planned.source] = sourceReport.counts;
+            }
+        }
+        if (onSourceDone) {
+            onSourceDone(sourceReport);
+        }
+        reports.push_back(std::move(sourceReport));
+    }
+    {
+        std::lock_guard guard(stateMutex_);
+        lastReports_ = reports;
+    }
+    return progress;
+}
+
+SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& settings, bool force,
+                                      const FileProgress& onFileProgress, std::stop_token& stop,
+                                      ScanProgress& progress) {
+    SourceScanReport report;
+    report.source = planned.source;
+    report.roots = planned.roots;
+    report.errors = planned.rootErrors;
+    report.filesSeen = static_cast<int64_t>(planned.files.size());
+    if (planned.roots.empty()) {
+        report.status = SourceStatus::notInstalled;
+        handleQuota(planned, report, progress, std::nullopt);
+        return report;
+    }
+
+    const double startedAt = wallClock();
+    PriceTable prices;
+    {
+        std::lock_guard guard(stateMutex_);
+        prices = prices_;
+    }
+    const SourceReadContext context{settings, prices, planned.defaultModel};
+    const auto& reader = planned.reader;
+    std::vector<UsageEvent> events;
+    std::vector<UsageEvent> fileEvents;
+    std::vector<SourceCheckpoint> checkpoints;
+    std::optional<AccountSnapshot> quota;
+    bool formatChanged = false;
+    bool readFailed = false;
+
+    for (std::size_t i = 0; i < planned.files.size(); ++i) {
+        if (stop.stop_requested()) {
+            throw ScanCancelled();
+        }
+        const auto& file = planned.files[i];
+        std::optional<SourceCheckpoint> previous;
+        if (auto it = planned.stored.find(normalised(file)); it != planned.stored.end()) {
+            previous = it->second;
+        }
+        FileReadDecision decision;
+        if (reader.kind == SourceReaderKind::store) {
+            decision.fileStamp = storeStamp(file);
+            const bool sameParser = previous && previous->parserVersion == reader.parserVersion;
+            decision.plan = !sameParser ? FileReadPlan::fromStart
+                            : previous->fileStamp && previous->fileStamp == decision.fileStamp
+                                ? FileReadPlan::skipUnchanged
+                                : FileReadPlan::resume;
+        } else {
+            decision = decideFileRead(file, previous, reader.parserVersion);
+        }
+        if (force) {
+            decision.plan = FileReadPlan::fromStart;
+        }
+        if (decision.plan == FileReadPlan::skipUnchanged) {
+            ++report.filesUnchanged;
+            onFileProgress(static_cast<int64_t>(i + 1), 0, planned.source);
+            continue;
+        }
+        if (decision.plan == FileReadPlan::fromStart) {
+            previous.reset();
+        }
+
+        fileEvents.clear();
+        auto result = reader.ingest(file, previous, context,
+                                    [&](UsageEvent&& e) { fileEvents.push_back(std::move(e)); });
+        onFileProgress(static_cast<int64_t>(i + 1), 0, planned.source);
+        if (!result) {
+            // Gone since discovery (an agent's clean-up): nothing to read, nothing lost.
+            if (result.error().errorNumber == ENOENT) {
+                ++report.filesVanished;
+            } else {
+                report.errors.push_back(result.error());
+                readFailed = true;
+            }
+            continue;  // its old checkpoint stays: the file is tried again next time
+        }
+        if (decision.plan == FileReadPlan::fromStart) {
+            ++report.filesFromStart;
+        }
+        ++report.filesRead;
+        report.bytes += result->stats.bytes;
+        report.lines += result->stats.lines;
+        report.malformed += result->stats.malformed;
+        formatChanged = formatChanged || result->formatChanged;
+        // Readers that collect rather than stream hand their events back in the result.
+        fileEvents.insert(fileEvents.end(), std::make_move_iterator(result->events.begin()),
+                          std::make_move_iterator(result->events.end()));
+        events.insert(events.end(), std::make_move_iterator(fileEvents.begin()),
+                      std::make_move_iterator(fileEvents.end()));
+        // Several files may carry a quota reading; the newest one is the account's state.
+        if (result->quota && (!quota || result->quota->fetchedAt >= quota->fetchedAt)) {
+            quota = std::move(result->quota);
+        }
+        result->checkpoint.fileStamp = decision.fileStamp;
+        checkpoints.push_back(std::move(result->checkpoint));
+    }
+    report.events = static_cast<int64_t>(events.size());
+    progress.files += report.filesRead;
+    progress.events += report.events;
+
+    if (stop.stop_requested()) {
+        throw ScanCancelled();  // before the commit: the source is read again next time
+    }
+    // Nothing new and no rescan asked for: the ledger stays exactly as it was.
+    if (!checkpoints.empty() || force) {
+        const double completedAt = wallClock();
+        AdapterCheckpoint adapterCheckpoint;
+        adapterCheckpoint.adapterID = std::string(rawValue(planned.source));
+        adapterCheckpoint.parserVersion = reader.parserVersion;
+        adapterCheckpoint.updatedAt = completedAt;
+        const auto batch = UsageBatchBuilder::batch(
+            UsageBatchBuilder::newRunID(adapterCheckpoint.adapterID, startedAt),
+            adapterCheckpoint.adapterID, planned.source, events, startedAt, completedAt,
+            settings.storeSession, adapterCheckpoint);
+        // A full rescan removes what the files no longer prove; with a file unread that would
+        // remove usage that is still there, so the commit then only adds.
+        std::optional<AgentSource> replacing;
+        if (force) {
+            if (report.errors.empty()) {
+                replacing = planned.source;
+            } else {
+                report.replaceWithheld = true;
+            }
+        }
+        const auto outcome = store_.ingest({}, checkpoints, replacing, batch);
+        report.committed = true;
+        report.replaced = replacing.has_value();
+        if (outcome) {
+            report.counts.accepted = outcome->ledgerEventCount;
+            report.counts.rejected = outcome->observationCount - outcome->ledgerEventCount;
+            report.counts.conflicts = outcome->duplicateRun ? 1 : 0;
+            report.counts.coverageIssues = outcome->coverageIssueCount;
+        }
+        if (report.counts.accepted > 0 || report.replaced) {
+            progress.changed = true;
+        }
+    }
+    handleQuota(planned, report, progress, quota);
+    report.status = decideStatus(planned, report, formatChanged);
+    if (readFailed) {
+        report.status = SourceStatus::readError;
+    }
+    return report;
+}
+
+void Ingestor::handleQuota(Planned& planned, SourceScanReport& report, ScanProgress& progress,
+                           const std::optional<AccountSnapshot>& found) {
+    if (planned.roots.empty()) {
+        // The agent is gone: a reading taken from its logs no longer describes an account.
+        const auto stored = store_.quota(planned.source);
+        if (stored && stored->provenance == QuotaProvenance::localSession &&
+            store_.deleteQuota(planned.source)) {
+            report.quotaRemoved = true;
+            progress.quotaChanged = true;
+        }
+        return;
+    }
+    if (!found) {
+        return;  // nothing read this time says anything new about the account
+    }
+    // A re-read of an old file must not replace a newer reading.
+    const auto stored = store_.quota(planned.source);
+    if (stored && stored->fetchedAt > found->fetchedAt) {
+        return;
+    }
+    if (store_.saveQuota(*found)) {
+        report.quotaSaved = true;
+        progress.quotaChanged = true;
+    }
+}
+
+SourceStatus Ingestor::decideStatus(const Planned& planned, const SourceScanReport& report,
+                                    bool formatChanged) {
+    if (formatChanged) {
+        return SourceStatus::formatChanged;
+    }
+    if (!planned.rootErrors.empty()) {
+        return SourceStatus::unauthorized;
+    }
+    if (report.events > 0 || store_.hasLedgerEvents(planned.source)) {
+        return SourceStatus::healthy;
+    }
+    return SourceStatus::authorizedEmpty;
+}
+
+void Ingestor::recordHealth(const SourceScanReport& report, double now) {
+    if (coordinator_ == nullptr) {
+        return;
+    }
+    IntegrationScanResult result;
+    result.finishedAt = now;
+    result.installedRootCount = static_cast<int>(report.roots.size());
+    result.acceptedObservationCount = static_cast<int>(report.counts.accepted);
+    result.rejectedObservationCount = static_cast<int>(report.counts.rejected);
+    result.conflictCount = static_cast<int>(report.counts.conflicts);
+    result.coverageIssueCount = static_cast<int>(report.counts.coverageIssues);
+    result.health.state = healthState(report.status);
+    result.health.checkedAt = now;
+    if (!report.errors.empty()) {
+        result.health.diagnosticCode = report.errors.front().operation + ":" +
+                                       std::to_string(report.errors.front().errorNumber);
+    }
+    coordinator_->recordScan(report.source, result, now);
+}
+
+std::map<AgentSource, SourceStatus> Ingestor::sourceStatus() const {
+    std::lock_guard guard(stateMutex_);
+    return sourceStatus_;
+}
+
+std::optional<SourceStatus> Ingestor::status(AgentSource source) const {
+    std::lock_guard guard(stateMutex_);
+    auto it = sourceStatus_.find(source);
+    return it == sourceStatus_.end() ? std::nullopt : std::optional(it->second);
+}
+
+std::map<AgentSource, ScanIngestCounts> Ingestor::scanIngestCounts() const {
+    std::lock_guard guard(stateMutex_);
+    return scanIngestCounts_;
+}
+
+std::vector<SourceScanReport> Ingestor::lastReports() const {
+    std::lock_guard guard(stateMutex_);
+    return lastReports_;
+}
+
+void Ingestor::setPrices(PriceTable prices) {
+    std::lock_guard guard(stateMutex_);
+    prices_ = std::move(prices);
+}
+
+void Ingestor::setProgressReporter(FileProgress reporter) {
+    std::lock_guard guard(stateMutex_);
+    progressReporter_ = std::move(reporter);
+}
+
+void Ingestor::setPaused(bool paused) {
+    paused_ = paused;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,105 @@
+#pragma once
+// The one driver of data collection: decides which sources may be read, reads each source's
+// files from their checkpoints, commits what a source produced in one transaction, keeps a
+// status per source and reports progress. One scan runs at a time; a second caller waits.
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <stop_token>
+#include <vector>
+
+#include "core/integrations/integration_instance_coordinator.hpp"
+#include "core/ledger/scan_progress.hpp"
+#include "core/ledger/usage_store.hpp"
+#include "core/model/app_settings.hpp"
+#include "core/pricing/price_table.hpp"
+#include "core/sources/agent_catalog.hpp"
+
+namespace kestrel {
+
+// Thrown by a scan whose stop token was triggered; what was committed before stays.
+class ScanCancelled : public std::runtime_error {
+  public:
+    ScanCancelled() : std::runtime_error("the scan was cancelled") {}
+};
+
+class Ingestor {
+  public:
+    // (files done, files in all, the source in hand). Called from the scanning thread; must not
+    // block.
+    using FileProgress =
+        std::function<void(int64_t completed, int64_t total, std::optional<AgentSource> source)>;
+    // Called after each source's commit with what it came to.
+    using SourceDone = std::function<void(const SourceScanReport&)>;
+
+    // `store` and `coordinator` (which may be null: every source is then eligible) must outlive
+    // the ingestor. `env` resolves the agents' own folder variables.
+    Ingestor(UsageStore& store, PriceTable prices, IntegrationInstanceCoordinator* coordinator,
+             EnvironmentLookup env = emptyEnvironment());
+
+    // One scan of `sources` (absent: every eligible source; a full scan also reconciles the
+    // integration instances first). With `force` every file is read from its start and the
+    // source's ledger is replaced by what its files prove. Throws ScanCancelled when `stop` is
+    // requested (checked between files and between sources), StoreError / LedgerStoreError when
+    // a commit fails (that source's checkpoints are not advanced).
+    ScanProgress scan(const std::filesystem::path& home, const AppSettings& settings,
+                      const std::optional<std::set<AgentSource>>& sources, bool force,
+                      const FileProgress& onFileProgress = {}, const SourceDone& onSourceDone = {},
+                      std::stop_token stop = {});
+
+    std::map<AgentSource, SourceStatus> sourceStatus() const;
+    std::optional<SourceStatus> status(AgentSource source) const;
+    std::map<AgentSource, ScanIngestCounts> scanIngestCounts() const;
+    // The per-source reports of the latest scan, in scan order.
+    std::vector<SourceScanReport> lastReports() const;
+
+    // Replaces the prices used from the next scan on.
+    void setPrices(PriceTable prices);
+    void setProgressReporter(FileProgress reporter);
+    // While paused (a rebuild of the database), scans mark their sources paused and commit
+    // nothing.
+    void setPaused(bool paused);
+
+    // The sources that can be read at all (they have a catalogue entry and a reader).
+    static std::vector<AgentSource> scannableSources(const std::filesystem::path& home,
+                                                     const EnvironmentLookup& env);
+
+  private:
+    struct Planned;
+
+    std::vector<AgentSource> chooseSources(const std::filesystem::path& home,
+                                           const std::optional<std::set<AgentSource>>& sources,
+                                           double now);
+    void report(int64_t completed, int64_t total, std::optional<AgentSource> source,
+                const FileProgress& onFileProgress);
+    SourceScanReport scanSource(Planned& planned, const AppSettings& settings, bool force,
+                                const FileProgress& onFileProgress, std::stop_token& stop,
+                                ScanProgress& progress);
+    void handleQuota(Planned& planned, SourceScanReport& report, ScanProgress& progress,
+                     const std::optional<AccountSnapshot>& found);
+    SourceStatus decideStatus(const Planned& planned, const SourceScanReport& report,
+                              bool formatChanged);
+    void recordHealth(const SourceScanReport& report, double now);
+
+    UsageStore& store_;
+    IntegrationInstanceCoordinator* coordinator_;
+    EnvironmentLookup env_;
+
+    std::mutex scanMutex_;  // one scan at a time
+    mutable std::mutex stateMutex_;
+    PriceTable prices_;
+    FileProgress progressReporter_;
+    std::map<AgentSource, SourceStatus> sourceStatus_;
+    std::map<AgentSource, ScanIngestCounts> scanIngestCounts_;
+    std::vector<SourceScanReport> lastReports_;
+    std::atomic<bool> paused_{false};
+    std::atomic<int64_t> liveCompleted_{0};
+    std::atomic<int64_t> liveTotal_{0};
+};
+
+}  // namespace kestrel

@@ -1,0 +1,98 @@
+// The last quota reading of each agent source, kept as JSON in quota_accounts under
+// "source:" + the source's raw value.
+
+#include <nlohmann/json.hpp>
+
+#include "core/ledger/sqlite_statement.hpp"
+#include "core/ledger/usage_store.hpp"
+#include "core/plans/account_snapshot_json.hpp"
+
+namespace kestrel {
+namespace {
+
+using sqlite::Statement;
+
+std::string accountID(AgentSource source) {
+    return "source:" + std::string(rawValue(source));
+}
+
+// A stored reading that no longer decodes (damaged, or from a build that knew other cases) is
+// treated as absent, never as fatal.
+std::optional<AccountSnapshot> decode(const std::string& text) {
+    const auto json = nlohmann::json::parse(text, nullptr, false);
+    if (json.is_discarded()) {
+        return std::nullopt;
+    }
+    try {
+        return json.get<AccountSnapshot>();
+    } catch (const nlohmann::json::exception&) {
+        return std::nullopt;
+    }
+}
+
+}  // namespace
+
+bool UsageStore::saveQuota(const AccountSnapshot& snapshot) {
+    std::lock_guard guard(lock_);
+    sqlite3* db = connection();
+    const std::string id = accountID(snapshot.identity.source);
+    sqlite::Transaction transaction(db);
+
+    bool changed = true;
+    {
+        Statement select(db, "SELECT json FROM quota_accounts WHERE account_id=?;");
+        select.bind(1, id);
+        if (select.step()) {
+            if (auto stored = decode(select.text(0))) {
+                // Reading the same limits again is not news; only the time of the reading moved.
+                stored->fetchedAt = snapshot.fetchedAt;
+                changed = *stored != snapshot;
+            }
+        }
+    }
+
+    Statement upsert(db,
+                     "INSERT INTO quota_accounts(account_id, kind, json, fetched_at)\n"
+                     "VALUES(?, 'source', ?, ?)\n"
+                     "ON CONFLICT(account_id) DO UPDATE SET\n"
+                     "  kind=excluded.kind, json=excluded.json, fetched_at=excluded.fetched_at;");
+    upsert.bind(1, id).bind(2, nlohmann::json(snapshot).dump()).bind(3, snapshot.fetchedAt);
+    upsert.run();
+    transaction.commit();
+    return changed;
+}
+
+bool UsageStore::deleteQuota(AgentSource source) {
+    std::lock_guard guard(lock_);
+    Statement remove(connection(),
+                     "DELETE FROM quota_accounts WHERE account_id=? AND kind='source';");
+    remove.bind(1, accountID(source));
+    remove.run();
+    return remove.changes() > 0;
+}
+
+std::optional<AccountSnapshot> UsageStore::quota(AgentSource source) {
+    std::lock_guard guard(lock_);
+    Statement select(connection(),
+                     "SELECT json FROM quota_accounts WHERE account_id=? AND kind='source';");
+    select.bind(1, accountID(source));
+    if (!select.step()) {
+        return std::nullopt;
+    }
+    return decode(select.text(0));
+}
+
+std::vector<AccountSnapshot> UsageStore::quotas() {
+    std::lock_guard guard(lock_);
+    Statement select(connection(),
+                     "SELECT json FROM quota_accounts WHERE kind='source' ORDER BY account_id;");
+    std::vector<AccountSnapshot> out;
+    while (select.step()) {
+        if (auto snapshot = decode(select.text(0))) {
+            out.push_back(std::move(*snapshot));
+        }
+    }
+    return out;
+}
+
+}  // namespace kestrel

@@ -1,0 +1,106 @@
+#include "core/sources/source_readers.hpp"
+
+#include <fstream>
+#include <string_view>
+
+#include "core/sources/claude_parser.hpp"
+#include "core/sources/codex_parser.hpp"
+
+namespace kestrel {
+namespace {
+
+std::string_view trim(std::string_view s) {
+    const auto first = s.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos) {
+        return {};
+    }
+    const auto last = s.find_last_not_of(" \t\r");
+    return s.substr(first, last - first + 1);
+}
+
+// The top-level `model = "..."` of Codex's config.toml (before the first table header). A full
+// TOML parser is not worth it for one quoted string.
+std::string codexConfiguredModel(const std::vector<std::filesystem::path>& roots) {
+    for (const auto& root : roots) {
+        std::ifstream in(root / "config.toml");
+        std::string line;
+        while (in && std::getline(in, line)) {
+            const auto text = trim(line);
+            if (text.starts_with('[')) {
+                break;
+            }
+            if (!text.starts_with("model")) {
+                continue;
+            }
+            auto rest = trim(text.substr(5));
+            if (!rest.starts_with('=')) {
+                continue;  // model_provider, model_reasoning_effort, ...
+            }
+            rest = trim(rest.substr(1));
+            if (rest.size() >= 2 && (rest.front() == '"' || rest.front() == '\'')) {
+                const auto close = rest.find(rest.front(), 1);
+                if (close != std::string_view::npos && close > 1) {
+                    return std::string(rest.substr(1, close - 1));
+                }
+            }
+        }
+    }
+    return {};
+}
+
+SourceReader claudeReader() {
+    SourceReader r;
+    r.kind = SourceReaderKind::jsonLines;
+    r.parserVersion = ClaudeParser::parserVersion;
+    r.discover = [](const std::filesystem::path& root) { return ClaudeParser::discover(root); };
+    r.ingest = [](const std::filesystem::path& file,
+                  const std::optional<SourceCheckpoint>& checkpoint,
+                  const SourceReadContext& context, const SourceEventSink& sink) {
+        return ClaudeParser::ingest(file, checkpoint, context.settings, context.prices, sink);
+    };
+    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
+    return r;
+}
+
+SourceReader codexReader() {
+    SourceReader r;
+    r.kind = SourceReaderKind::jsonLines;
+    r.parserVersion = CodexParser::parserVersion;
+    r.discover = [](const std::filesystem::path& root) { return CodexParser::discover(root); };
+    r.ingest = [](const std::filesystem::path& file,
+                  const std::optional<SourceCheckpoint>& checkpoint,
+                  const SourceReadContext& context, const SourceEventSink& sink) {
+        return CodexParser::ingest(file, checkpoint, context.settings, context.prices,
+                                   context.defaultModel, sink);
+    };
+    r.defaultModel = codexConfiguredModel;
+    return r;
+}
+
+}  // namespace
+
+namespace SourceReaders {
+
+std::optional<SourceReader> reader(AgentSource source) {
+    switch (source) {
+        case AgentSource::claude:
+            return claudeReader();
+        case AgentSource::codex:
+            return codexReader();
+        default:
+            return std::nullopt;
+    }
+}
+
+std::vector<AgentSource> readableSources() {
+    std::vector<AgentSource> out;
+    for (auto s : allAgentSources()) {
+        if (reader(s)) {
+            out.push_back(s);
+        }
+    }
+    return out;
+}
+
+}  // namespace SourceReaders
+}  // namespace kestrel

@@ -1,0 +1,65 @@
+#pragma once
+// The readers the ingestor can drive, one per agent source, behind one shape: find the files
+// below a root, read one file from its checkpoint. JSON-lines readers resume inside a file; a
+// store reader (an agent's SQLite database, one pseudo-file per store) is handed its previous
+// checkpoint whenever the store changed and keeps its own cursor in the parser context.
+
+#include <cstdint>
+#include <expected>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/model/agent_source.hpp"
+#include "core/model/app_settings.hpp"
+#include "core/model/source_checkpoint.hpp"
+#include "core/pricing/price_table.hpp"
+#include "core/sources/agent_catalog.hpp"
+#include "core/sources/file_error.hpp"
+#include "core/sources/ingest_result.hpp"
+
+namespace kestrel {
+
+enum class SourceReaderKind {
+    jsonLines,  // append-only files read on from a byte offset
+    store,      // a database read whole (or from its own cursor) whenever it changed
+};
+
+// What a reader gets besides the file and its checkpoint.
+struct SourceReadContext {
+    const AppSettings& settings;
+    const PriceTable& prices;
+    // The model to assume until a file names one (Codex rollouts written before the model was
+    // logged); empty when unknown.
+    std::string defaultModel;
+};
+
+using SourceEventSink = std::function<void(UsageEvent&&)>;
+
+struct SourceReader {
+    SourceReaderKind kind = SourceReaderKind::jsonLines;
+    int64_t parserVersion = 1;
+    // The files (or stores) below one installed root, sorted.
+    std::function<std::vector<std::filesystem::path>(const std::filesystem::path& root)> discover;
+    // Reads one file from `checkpoint` (none: from its start); events go to the sink.
+    std::function<std::expected<IngestResult, FileError>(
+        const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
+        const SourceReadContext& context, const SourceEventSink& sink)>
+        ingest;
+    // The default model for `source` below `home`, read from the agent's configuration.
+    std::function<std::string(const std::vector<std::filesystem::path>& roots)> defaultModel;
+};
+
+namespace SourceReaders {
+
+// The reader of `source`; absent while the source has none.
+std::optional<SourceReader> reader(AgentSource source);
+
+// The sources that have a reader, in declaration order.
+std::vector<AgentSource> readableSources();
+
+}  // namespace SourceReaders
+
+}  // namespace kestrel

@@ -1,0 +1,320 @@
+#include "core/ledger/ingestor.hpp"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "core/integrations/integration_instance_repository.hpp"
+#include "tests/support/temp_dir.hpp"
+
+namespace kestrel {
+namespace {
+
+using test_support::TempDir;
+
+constexpr const char* kClaudeFile = ".claude/projects/-home-u-app/sess-1.jsonl";
+constexpr const char* kCodexFile =
+    ".codex/sessions/2026/08/21/rollout-2026-08-21T10-00-00-0198c1a2-1111-7222-8333-444455556666"
+    ".jsonl";
+
+std::string claudeLine(const std::string& id, int64_t output) {
+    return R"({"type":"assistant","sessionId":"sess-1","cwd":"/home/u/app",)"
+           R"("timestamp":"2026-08-21T10:15:30.123Z","message":{"id":")" +
+           id +
+           R"(","model":"claude-sonnet-4-5-20250929","role":"assistant",)"
+           R"("content":[{"type":"text","text":"ok"}],"usage":{"input_tokens":4,)"
+           R"("cache_creation_input_tokens":10,"cache_read_input_tokens":20,"output_tokens":)" +
+           std::to_string(output) + "}}}\n";
+}
+
+std::string codexLine(const std::string& ts, const std::string& type,
+                      const nlohmann::json& payload) {
+    return nlohmann::json{{"timestamp", ts}, {"type", type}, {"payload", payload}}.dump() + "\n";
+}
+
+std::string codexReport(const std::string& ts, int64_t input, int64_t output,
+                        double usedPercent = 0) {
+    nlohmann::json usage{{"input_tokens", input},
+                         {"cached_input_tokens", 0},
+                         {"output_tokens", output},
+                         {"reasoning_output_tokens", 0},
+                         {"total_tokens", input + output}};
+    nlohmann::json limits = nullptr;
+    if (usedPercent > 0) {
+        limits = {
+            {"primary",
+             {{"used_percent", usedPercent}, {"window_minutes", 300}, {"resets_at", 1787310000}}},
+            {"secondary", nullptr}};
+    }
+    return codexLine(ts, "event_msg",
+                     {{"type", "token_count"},
+                      {"info", {{"total_token_usage", usage}, {"model_context_window", 272000}}},
+                      {"rate_limits", limits}});
+}
+
+std::string codexRollout(int reports, double usedPercent = 0) {
+    std::string s = codexLine("2026-08-21T10:00:00.000Z", "session_meta",
+                              {{"id", "0198c1a2-1111-7222-8333-444455556666"}, {"cwd", "/home/u"}});
+    s += codexLine("2026-08-21T10:00:01.000Z", "turn_context",
+                   {{"cwd", "/home/u"}, {"model", "gpt-5-codex"}});
+    for (int i = 1; i <= reports; ++i) {
+        s += codexReport("2026-08-21T10:0" + std::to_string(i) + ":00.000Z", 100 * i, 10 * i,
+                         usedPercent);
+    }
+    return s;
+}
+
+class IngestorTest : public ::testing::Test {
+  protected:
+    IngestorTest()
+        : store(support.path()),
+          coordinator(PluginRegistry::builtIn(), repository),
+          ingestor(store, PriceTable::bundled(), &coordinator) {
+        // As at start-up: every plug-in has its instance before the first scan.
+        coordinator.reconcileInstallations(home.path(), 1000.0);
+    }
+
+    ScanProgress scan(std::optional<std::set<AgentSource>> sources = std::nullopt,
+                      bool force = false, const Ingestor::FileProgress& progress = {},
+                      std::stop_token stop = {}) {
+        return ingestor.scan(home.path(), settings, sources, force, progress, {}, stop);
+    }
+
+    SourceScanReport reportOf(AgentSource source) const {
+        for (const auto& r : ingestor.lastReports()) {
+            if (r.source == source) {
+                return r;
+            }
+        }
+        ADD_FAILURE() << "no report for " << rawValue(source);
+        return {};
+    }
+
+    int64_t ledgerEvents(std::optional<AgentSource> source = std::nullopt) {
+        LedgerQuery q;
+        q.source = source;
+        return store.ledgerEventCount(q);
+    }
+
+    TempDir home;
+    TempDir support;
+    UsageStore store;
+    InMemoryIntegrationInstanceRepository repository;
+    IntegrationInstanceCoordinator coordinator;
+    Ingestor ingestor;
+    AppSettings settings;
+};
+
+TEST_F(IngestorTest, FirstScanCommitsEverySourceAndASecondReadsNothing) {
+    home.write(kClaudeFile, claudeLine("m1", 5) + claudeLine("m2", 7));
+    home.write(kCodexFile, codexRollout(3));
+
+    std::vector<std::pair<int64_t, int64_t>> ticks;
+    const auto first = scan(std::nullopt, false, [&](int64_t done, int64_t total, auto) {
+        ticks.emplace_back(done, total);
+    });
+    EXPECT_EQ(first.files, 2);
+    EXPECT_EQ(first.events, 5);
+    EXPECT_TRUE(first.changed);
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 2);
+    EXPECT_EQ(ledgerEvents(AgentSource::codex), 3);
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::healthy);
+    EXPECT_EQ(ingestor.status(AgentSource::codex), SourceStatus::healthy);
+    ASSERT_FALSE(ticks.empty());
+    EXPECT_EQ(ticks.front(), std::make_pair(int64_t{0}, int64_t{2}));
+    EXPECT_EQ(ticks.back(), std::make_pair(int64_t{2}, int64_t{2}));
+
+    // The scan is recorded on the instances, with the commit's counts.
+    const auto instance = repository.activeInstance(*PluginRegistry::stableID(AgentSource::codex));
+    ASSERT_TRUE(instance && instance->lastScanResult);
+    EXPECT_EQ(instance->lastScanResult->acceptedObservationCount, 3);
+    EXPECT_EQ(instance->lastScanResult->installedRootCount, 1);
+    EXPECT_EQ(instance->health.state, IntegrationHealthState::healthy);
+
+    const auto again = scan();
+    EXPECT_EQ(again.files, 0);
+    EXPECT_EQ(again.events, 0);
+    EXPECT_FALSE(again.changed);
+    EXPECT_EQ(reportOf(AgentSource::claude).filesUnchanged, 1);
+    EXPECT_FALSE(reportOf(AgentSource::claude).committed);
+    // Still healthy: the usage is in the ledger even though nothing new was read.
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::healthy);
+
+    // An appended line is read from the checkpoint, and only it.
+    home.append(kClaudeFile, claudeLine("m3", 9));
+    const auto appended = scan();
+    EXPECT_EQ(appended.events, 1);
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 3);
+}
+
+TEST_F(IngestorTest, SourceStatusFollowsWhatTheScanMet) {
+    // No roots at all: not installed, nothing read.
+    scan();
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::notInstalled);
+    EXPECT_EQ(reportOf(AgentSource::claude).filesSeen, 0);
+
+    // A root without usage.
+    std::filesystem::create_directories(home / ".claude/projects");
+    scan();
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::authorizedEmpty);
+
+    // An empty selection reads nothing and leaves statuses alone.
+    const auto none = scan(std::set<AgentSource>{});
+    EXPECT_EQ(none, ScanProgress{});
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::authorizedEmpty);
+}
+
+TEST_F(IngestorTest, AnUnreadableRootIsUnauthorized) {
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "permissions do not bind root";
+    }
+    home.write(kClaudeFile, claudeLine("m1", 5));
+    std::filesystem::permissions(home / ".claude", std::filesystem::perms::none);
+    scan();
+    std::filesystem::permissions(home / ".claude", std::filesystem::perms::owner_all);
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::unauthorized);
+    EXPECT_EQ(coordinator.canRun(IntegrationCapability::usageImport, AgentSource::claude), true);
+    const auto instance = repository.activeInstance(*PluginRegistry::stableID(AgentSource::claude));
+    EXPECT_EQ(instance->health.state, IntegrationHealthState::permissionDenied);
+}
+
+TEST_F(IngestorTest, TheLedgerOutlivesFilesThatShrinkVanishOrAreReplaced) {
+    home.write(kClaudeFile, claudeLine("m1", 5) + claudeLine("m2", 7));
+    home.write(".claude/projects/-home-u-app/old.jsonl", claudeLine("o1", 3));
+    scan();
+    ASSERT_EQ(ledgerEvents(), 3);
+
+    // Compaction rewrites a file shorter, under a new inode; an old transcript is deleted.
+    std::filesystem::remove(home / kClaudeFile);
+    home.write(kClaudeFile, claudeLine("m9", 1));
+    std::filesystem::remove(home / ".claude/projects/-home-u-app/old.jsonl");
+    const auto after = scan();
+    EXPECT_EQ(reportOf(AgentSource::claude).filesFromStart, 1);
+    EXPECT_EQ(after.events, 1);
+    EXPECT_EQ(ledgerEvents(), 4);  // nothing removed, the new line added
+
+    // Only an explicit full rescan replaces the source with what its files prove.
+    const auto forced = scan(std::set{AgentSource::claude}, true);
+    EXPECT_TRUE(reportOf(AgentSource::claude).replaced);
+    EXPECT_TRUE(forced.changed);
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 1);
+}
+
+TEST_F(IngestorTest, AForcedRescanOfUnchangedFilesKeepsTheTotals) {
+    home.write(kClaudeFile, claudeLine("m1", 5) + claudeLine("m1", 8) + claudeLine("m2", 7));
+    home.write(kCodexFile, codexRollout(4));
+    scan();
+    const auto before = store.ledgerSummary({});
+    scan(std::nullopt, true);
+    EXPECT_EQ(store.ledgerSummary({}), before);
+    EXPECT_EQ(reportOf(AgentSource::codex).filesFromStart, 1);
+}
+
+TEST_F(IngestorTest, AFileThatVanishesMidScanIsCountedNotAnError) {
+    home.write(".claude/projects/a/1.jsonl", claudeLine("a1", 1));
+    home.write(".claude/projects/b/2.jsonl", claudeLine("b1", 1));
+    scan(std::set{AgentSource::claude}, false, [&](int64_t done, int64_t, auto) {
+        if (done == 1) {
+            std::filesystem::remove(home / ".claude/projects/b/2.jsonl");
+        }
+    });
+    const auto r = reportOf(AgentSource::claude);
+    EXPECT_EQ(r.filesVanished, 1);
+    EXPECT_TRUE(r.errors.empty());
+    EXPECT_EQ(r.status, SourceStatus::healthy);
+    EXPECT_EQ(ledgerEvents(), 1);
+}
+
+TEST_F(IngestorTest, AnUnreadableFileIsAReadErrorAndForceThenRemovesNothing) {
+    if (::geteuid() == 0) {
+        GTEST_SKIP() << "permissions do not bind root";
+    }
+    home.write(".claude/projects/a/1.jsonl", claudeLine("a1", 1));
+    const auto locked = home.write(".claude/projects/b/2.jsonl", claudeLine("b1", 1));
+    scan();
+    ASSERT_EQ(ledgerEvents(), 2);
+    std::filesystem::permissions(locked, std::filesystem::perms::none);
+    scan(std::nullopt, true);
+    std::filesystem::permissions(locked, std::filesystem::perms::owner_all);
+    const auto r = reportOf(AgentSource::claude);
+    EXPECT_EQ(r.status, SourceStatus::readError);
+    EXPECT_TRUE(r.replaceWithheld);
+    EXPECT_EQ(ledgerEvents(), 2);  // the unread file's usage was not removed
+}
+
+TEST_F(IngestorTest, CancellationLeavesTheLedgerAsCommittedSoFar) {
+    home.write(".claude/projects/a/1.jsonl", claudeLine("a1", 1));
+    home.write(".claude/projects/b/2.jsonl", claudeLine("b1", 1));
+    home.write(kCodexFile, codexRollout(2));
+    std::stop_source stopper;
+    // Claude is scanned first; cancel inside Codex's files, after Claude was committed.
+    EXPECT_THROW(scan(
+                     std::nullopt, false,
+                     [&](int64_t, int64_t, std::optional<AgentSource> source) {
+                         if (source == AgentSource::codex) {
+                             stopper.request_stop();
+                         }
+                     },
+                     stopper.get_token()),
+                 ScanCancelled);
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 2);
+    EXPECT_EQ(ledgerEvents(AgentSource::codex), 0);
+    // Nothing of Codex was checkpointed, so the next scan reads it whole.
+    const auto next = scan();
+    EXPECT_EQ(next.events, 2);
+    EXPECT_EQ(ledgerEvents(AgentSource::codex), 2);
+}
+
+TEST_F(IngestorTest, CodexRateLimitsAreStoredAndDroppedWithTheAgent) {
+    home.write(kCodexFile, codexRollout(2, 42.0));
+    const auto first = scan();
+    EXPECT_TRUE(first.quotaChanged);
+    auto quota = store.quota(AgentSource::codex);
+    ASSERT_TRUE(quota.has_value());
+    EXPECT_EQ(quota->provenance, QuotaProvenance::localSession);
+    ASSERT_FALSE(quota->windows.empty());
+    EXPECT_DOUBLE_EQ(*quota->windows.front().usedPercent, 42.0);
+
+    EXPECT_FALSE(scan().quotaChanged);  // nothing re-read, nothing new said
+
+    std::filesystem::remove_all(home / ".codex");
+    const auto gone = scan();
+    EXPECT_TRUE(gone.quotaChanged);
+    EXPECT_FALSE(store.quota(AgentSource::codex).has_value());
+}
+
+TEST_F(IngestorTest, ASwitchedOffOrPausedSourceIsNotRead) {
+    home.write(kClaudeFile, claudeLine("m1", 5));
+    home.write(kCodexFile, codexRollout(1));
+    scan();
+    const auto codex = repository.activeInstance(*PluginRegistry::stableID(AgentSource::codex));
+    ASSERT_TRUE(codex.has_value());
+    ASSERT_TRUE(coordinator.setInstanceEnabled(false, codex->id, 1.0).has_value());
+
+    home.append(kCodexFile, codexReport("2026-08-21T10:09:00.000Z", 5000, 500));
+    home.append(kClaudeFile, claudeLine("m2", 5));
+    const auto progress = scan();
+    EXPECT_EQ(progress.events, 1);  // Claude's line only
+    EXPECT_EQ(ledgerEvents(AgentSource::codex), 1);
+
+    ingestor.setPaused(true);
+    home.append(kClaudeFile, claudeLine("m3", 5));
+    EXPECT_EQ(scan(), ScanProgress{});
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::paused);
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 2);
+    ingestor.setPaused(false);
+    EXPECT_EQ(scan().events, 1);
+}
+
+TEST_F(IngestorTest, WithoutACoordinatorEverySourceWithAReaderIsEligible) {
+    Ingestor bare(store, PriceTable::bundled(), nullptr);
+    home.write(kCodexFile, codexRollout(2));
+    const auto progress = bare.scan(home.path(), settings, std::nullopt, false);
+    EXPECT_EQ(progress.events, 2);
+    EXPECT_EQ(bare.status(AgentSource::codex), SourceStatus::healthy);
+    EXPECT_EQ(bare.status(AgentSource::claude), SourceStatus::notInstalled);
+}
+
+}  // namespace
+}  // namespace kestrel
