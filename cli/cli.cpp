@@ -7,9 +7,12 @@
 #include <iostream>
 
 #include "cli/events_command.hpp"
+#include "cli/integrations_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
+#include "cli/status_command.hpp"
 #include "cli/summary_command.hpp"
+#include "cli/watch_command.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/agent_source.hpp"
 
@@ -123,12 +126,41 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     ScanOptions scan;
     auto* scanCommand =
         app.add_subcommand("scan", "Read what is new in the agents' records into the ledger");
-    scanCommand->add_option("--source", scan.sources, "Only this source (repeatable)")
+    scanCommand
+        ->add_option("--source", scan.sources, "Only this source (repeatable): claude, codex")
         ->type_name("SOURCE");
     scanCommand->add_flag("--force", scan.force,
                           "Read every file again from its start and drop the usage whose records "
                           "are gone");
     scanCommand->add_flag("--yes,-y", scan.yes, "Do not ask before --force");
+
+    WatchOptions watch;
+    auto* watchCommand = app.add_subcommand(
+        "watch",
+        "Scan, then follow the agents' folders and commit every change as it is written; "
+        "Ctrl-C stops");
+    watchCommand->add_option("--source", watch.sources, "Only this source (repeatable)")
+        ->type_name("SOURCE");
+
+    auto* status = app.add_subcommand(
+        "status",
+        "Each agent's integration: installed folders, health, what is switched on, "
+        "its last scan");
+
+    auto* integrations =
+        app.add_subcommand("integrations", "Switch agents' integrations on or off");
+    integrations->require_subcommand(1, 1);
+    std::string enableName, disableName, presetName;
+    auto* enable = integrations->add_subcommand("enable", "Read this agent's records again");
+    enable->add_option("SOURCE", enableName, "Source name (codex) or display name")->required();
+    auto* disable = integrations->add_subcommand(
+        "disable", "Stop reading this agent's records (its usage in the ledger stays)");
+    disable->add_option("SOURCE", disableName, "Source name (codex) or display name")->required();
+    auto* preset = integrations->add_subcommand(
+        "preset", "Apply one setting to every agent a scan found installed; never installs hooks");
+    preset->add_option("PRESET", presetName, "recommended, all or disabled")
+        ->required()
+        ->check(CLI::IsMember({"recommended", "all", "disabled"}));
 
     auto* prices = app.add_subcommand("prices", "List the prices in force today");
     prices->require_subcommand(0, 1);
@@ -156,7 +188,8 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     auto* remove = prices->add_subcommand("rm", "Remove a price override, then reprice");
     remove->add_option("MATCH", removeMatch, "The override's model pattern")->required();
 
-    for (auto* command : {events, scanCommand, prices, set, remove}) {
+    for (auto* command : {events, scanCommand, watchCommand, status, integrations, enable, disable,
+                          preset, prices, set, remove}) {
         command->fallthrough();
     }
 
@@ -189,7 +222,22 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         return checkSources(ctx, sources) ? runEvents(ctx, json) : kExitUsage;
     }
     if (scanCommand->parsed()) {
-        return checkSources(ctx, scan.sources) ? runScan(ctx, scan, json, in) : kExitUsage;
+        return runScan(ctx, scan, json, in);
+    }
+    if (watchCommand->parsed()) {
+        return runWatchUntilSignalled(ctx, watch, json);
+    }
+    if (status->parsed()) {
+        return runStatus(ctx, json);
+    }
+    if (enable->parsed()) {
+        return runIntegrationsSetEnabled(ctx, enableName, true, json);
+    }
+    if (disable->parsed()) {
+        return runIntegrationsSetEnabled(ctx, disableName, false, json);
+    }
+    if (preset->parsed()) {
+        return runIntegrationsPreset(ctx, presetName, json);
     }
     if (set->parsed()) {
         return runPricesSet(ctx, priceSet);

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "core/model/app_settings.hpp"
 #include "core/sources/agent_catalog.hpp"
@@ -25,20 +26,22 @@ struct CommandContext {
     AppSettings settings;
 };
 
-// Draws "Reading transcripts 12/340" on a terminal's error stream, rewritten in place, and clears
-// it when done; does nothing when the stream is not a terminal.
+// Draws "Reading Codex [####......] 12/340" on a terminal's error stream, rewritten in place, and
+// clears it when done; does nothing when the stream is not a terminal. Redraws only when the
+// bar moves by a thousandth or the label changes, so 100,000 files cost no more than 1,000 draws.
 class ProgressLine {
   public:
     ProgressLine(std::ostream& err, bool enabled) : err_(err), enabled_(enabled) {}
     ~ProgressLine() { clear(); }
-    void update(std::size_t done, std::size_t total);
+    void update(std::size_t done, std::size_t total, std::string_view what = "transcripts");
     void clear();
 
   private:
     std::ostream& err_;
     bool enabled_;
     bool shown_ = false;
-    std::size_t lastDone_ = static_cast<std::size_t>(-1);
+    std::size_t lastStep_ = static_cast<std::size_t>(-1);  // in thousandths of the total
+    std::string lastWhat_;
 };
 
 }  // namespace kestrel::cli

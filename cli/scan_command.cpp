@@ -6,19 +6,31 @@
 #include <istream>
 #include <nlohmann/json.hpp>
 
-#include "cli/claude_scan.hpp"
 #include "cli/cli.hpp"
-#include "cli/store_access.hpp"
+#include "cli/collector.hpp"
 #include "cli/text_table.hpp"
+#include "core/sources/source_readers.hpp"
 
 namespace kestrel::cli {
 namespace {
 
-// A forced rescan replaces the source's ledger with what its files still prove: usage whose
-// transcripts the agent has deleted is lost. Say so, and on a terminal ask first.
-bool confirmForce(CommandContext& ctx, const ScanOptions& options, std::istream& in) {
-    ctx.err << "kestrel: a full rescan removes from the ledger the usage whose records are "
-               "gone (agents delete old transcripts).\n";
+// A forced rescan replaces each source's ledger with what its files still prove: usage whose
+// records the agent has deleted is lost. Say how much is at stake, and on a terminal ask first.
+bool confirmForce(CommandContext& ctx, UsageStore& store, const ScanOptions& options,
+                  const std::optional<std::set<AgentSource>>& sources, std::istream& in) {
+    std::string stake;
+    for (const auto& [source, summary] : store.ledgerSummariesBySource({})) {
+        if (sources && !sources->contains(source)) {
+            continue;
+        }
+        stake += fmt::format("{}{} {}", stake.empty() ? "" : ", ",
+                             groupedNumber(summary.eventCount), displayName(source));
+    }
+    ctx.err << "kestrel: a full rescan reads every file again and removes from the ledger the "
+               "usage whose records are gone (agents delete old transcripts).\n";
+    if (!stake.empty()) {
+        ctx.err << "kestrel: events in the ledger now: " << stake << ".\n";
+    }
     if (options.yes || !ctx.errIsTerminal) {
         return true;
     }
@@ -28,25 +40,31 @@ bool confirmForce(CommandContext& ctx, const ScanOptions& options, std::istream&
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 
-nlohmann::ordered_json reportJSON(const ScanReport& r) {
+nlohmann::ordered_json reportJSON(const SourceScanReport& r) {
     nlohmann::ordered_json j;
     j["source"] = std::string(rawValue(r.source));
-    j["status"] = !r.errors.empty()  ? "readError"
-                  : r.roots.empty()  ? "notInstalled"
-                  : r.filesSeen == 0 ? "authorizedEmpty"
-                                     : "healthy";
+    j["status"] = std::string(rawValue(r.status));
+    auto roots = nlohmann::ordered_json::array();
+    for (const auto& root : r.roots) {
+        roots.push_back(root.string());
+    }
+    j["roots"] = roots;
     j["files"] = r.filesSeen;
     j["filesRead"] = r.filesRead;
     j["filesUnchanged"] = r.filesUnchanged;
     j["filesFromStart"] = r.filesFromStart;
+    j["filesVanished"] = r.filesVanished;
     j["bytes"] = r.bytes;
     j["lines"] = r.lines;
     j["events"] = r.events;
     j["malformedLines"] = r.malformed;
-    j["committed"] = r.outcome.has_value();
-    j["accepted"] = r.outcome ? r.outcome->ledgerEventCount : 0;
-    j["rejected"] = r.outcome ? r.outcome->observationCount - r.outcome->ledgerEventCount : 0;
-    j["coverageIssues"] = r.outcome ? r.outcome->coverageIssueCount : 0;
+    j["committed"] = r.committed;
+    j["replaced"] = r.replaced;
+    j["accepted"] = r.counts.accepted;
+    j["rejected"] = r.counts.rejected;
+    j["coverageIssues"] = r.counts.coverageIssues;
+    j["quotaSaved"] = r.quotaSaved;
+    j["quotaRemoved"] = r.quotaRemoved;
     auto errors = nlohmann::ordered_json::array();
     for (const auto& e : r.errors) {
         errors.push_back(e.description());
@@ -55,75 +73,133 @@ nlohmann::ordered_json reportJSON(const ScanReport& r) {
     return j;
 }
 
+// Installed agents whose records cannot be read yet: worth a mention, not a row.
+std::vector<AgentSource> installedWithoutReader(const CommandContext& ctx) {
+    std::vector<AgentSource> out;
+    for (auto s : allAgentSources()) {
+        if (!SourceReaders::reader(s) &&
+            !AgentCatalog::installedRoots(s, ctx.home, ctx.env).empty()) {
+            out.push_back(s);
+        }
+    }
+    return out;
+}
+
+void printTable(CommandContext& ctx, const std::vector<SourceScanReport>& reports) {
+    TextTable table({{"Source"},
+                     {"Status"},
+                     {"Files", Align::right},
+                     {"Read", Align::right},
+                     {"Events", Align::right},
+                     {"Accepted", Align::right},
+                     {"Rejected", Align::right},
+                     {"Issues", Align::right}});
+    for (const auto& r : reports) {
+        table.addRow({std::string(displayName(r.source)), std::string(rawValue(r.status)),
+                      groupedNumber(r.filesSeen), groupedNumber(r.filesRead),
+                      groupedNumber(r.events), groupedNumber(r.counts.accepted),
+                      groupedNumber(r.counts.rejected), groupedNumber(r.counts.coverageIssues)});
+    }
+    table.render(ctx.out, ctx.colour);
+}
+
 }  // namespace
 
 int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::istream& in) {
-    if (options.force && !confirmForce(ctx, options, in)) {
+    auto sources = parseSources(ctx, options.sources);
+    if (!sources) {
+        return kExitUsage;
+    }
+    auto collector = openCollector(ctx);
+    if (!collector) {
+        return kExitFailure;
+    }
+    if (options.force && !confirmForce(ctx, *collector->store, options, *sources, in)) {
         ctx.err << "kestrel: nothing done\n";
         return kExitOK;
     }
-    auto store = openStore(ctx);
-    if (!store) {
-        return kExitFailure;
+    if (*sources) {
+        for (auto s : **sources) {
+            if (!collector->coordinator->canRun(IntegrationCapability::usageImport, s)) {
+                ctx.err << "kestrel: " << displayName(s) << " is switched off; `kestrel "
+                        << "integrations enable " << rawValue(s) << "` turns it on\n";
+            }
+        }
     }
-    const auto started = std::chrono::steady_clock::now();
-    const auto prices = PriceTable::resolved(*store);
-    // Stored usage is repriced first, so that what this scan adds is priced the same way.
-    const auto repriced = store->repriceIfFingerprintChanged(prices, ctx.settings.billingMode);
 
-    ProgressLine progress(ctx.err, ctx.errIsTerminal);
-    ScanReport report;
+    const auto started = std::chrono::steady_clock::now();
+    ScanProgress result;
     try {
-        report = scanClaude(*store, ctx.home, ctx.env, ctx.settings, prices, options.force,
-                            [&](std::size_t done, std::size_t total, const auto&) {
-                                progress.update(done, total);
-                            });
+        result = scanWithProgress(ctx, *collector, *sources, options.force);
     } catch (const std::exception& e) {
-        progress.clear();
         ctx.err << "kestrel: the scan could not be saved: " << e.what() << '\n';
         return kExitFailure;
     }
-    progress.clear();
     const double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    for (const auto& error : report.errors) {
-        ctx.err << "kestrel: " << error.description() << '\n';
+    const auto reports = collector->ingestor->lastReports();
+    bool failed = false;
+    for (const auto& r : reports) {
+        for (const auto& error : r.errors) {
+            ctx.err << "kestrel: " << displayName(r.source) << ": " << error.description() << '\n';
+            failed = true;
+        }
+        if (r.replaceWithheld) {
+            ctx.err << "kestrel: " << displayName(r.source)
+                    << ": some files could not be read, so nothing was removed from the ledger\n";
+        }
+        if (r.status == SourceStatus::formatChanged || r.status == SourceStatus::unauthorized) {
+            failed = true;
+        }
     }
+    const auto unread = installedWithoutReader(ctx);
+    const auto& repriced = collector->repriced;
 
-    const auto status = reportJSON(report);
     if (json) {
         nlohmann::ordered_json doc;
-        doc["sources"] = nlohmann::ordered_json::array({status});
+        auto rows = nlohmann::ordered_json::array();
+        for (const auto& r : reports) {
+            rows.push_back(reportJSON(r));
+        }
+        doc["sources"] = rows;
+        auto notRead = nlohmann::ordered_json::array();
+        for (auto s : unread) {
+            notRead.push_back(std::string(rawValue(s)));
+        }
+        doc["installedNotRead"] = notRead;
+        doc["files"] = result.files;
+        doc["events"] = result.events;
+        doc["changed"] = result.changed;
+        doc["quotaChanged"] = result.quotaChanged;
         doc["repriced"] = repriced.skipped ? 0 : repriced.count;
         doc["seconds"] = elapsed;
         ctx.out << doc.dump(2) << '\n';
-    } else {
-        TextTable table({{"Source"},
-                         {"Status"},
-                         {"Files", Align::right},
-                         {"Read", Align::right},
-                         {"Events", Align::right},
-                         {"Accepted", Align::right},
-                         {"Rejected", Align::right},
-                         {"Issues", Align::right}});
-        table.addRow({std::string(displayName(report.source)), status["status"].get<std::string>(),
-                      groupedNumber(report.filesSeen), groupedNumber(report.filesRead),
-                      groupedNumber(report.events),
-                      groupedNumber(status["accepted"].get<int64_t>()),
-                      groupedNumber(status["rejected"].get<int64_t>()),
-                      groupedNumber(status["coverageIssues"].get<int64_t>())});
-        table.render(ctx.out, ctx.colour);
-        std::string tail =
-            report.outcome
-                ? fmt::format("Saved to {}", ctx.supportDir.string())
-                : std::string("Nothing new since the last scan; the ledger is unchanged");
-        if (!repriced.skipped) {
-            tail += fmt::format("; prices changed, {} repriced",
-                                counted(repriced.count, "observation", "observations"));
-        }
-        ctx.out << tail << fmt::format(" ({:.2f} s).\n", elapsed);
+        return failed ? kExitPartial : kExitOK;
     }
-    return report.errors.empty() ? kExitOK : kExitPartial;
+
+    printTable(ctx, reports);
+    if (!unread.empty()) {
+        std::string names;
+        for (auto s : unread) {
+            names += fmt::format("{}{}", names.empty() ? "" : ", ", displayName(s));
+        }
+        ctx.out << "Installed, not read yet: " << names << ".\n";
+    }
+    for (const auto& r : reports) {
+        if (r.quotaSaved) {
+            ctx.out << displayName(r.source) << ": quota windows saved from its logs.\n";
+        }
+    }
+    std::string tail =
+        result.changed ? fmt::format("Saved to {}", ctx.supportDir.string())
+                       : std::string("Nothing new since the last scan; the ledger is unchanged");
+    if (!repriced.skipped) {
+        tail += fmt::format("; prices changed, {} repriced",
+                            counted(repriced.count, "observation", "observations"));
+    }
+    ctx.out << tail << fmt::format(" ({:.2f} s).\n", elapsed);
+    ctx.out << ledgerHeadline(*collector->store) << '\n';
+    return failed ? kExitPartial : kExitOK;
 }
 
 }  // namespace kestrel::cli

@@ -2,14 +2,11 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <ctime>
-#include <map>
 #include <nlohmann/json.hpp>
-#include <unordered_map>
 
-#include "cli/claude_collection.hpp"
 #include "cli/cli.hpp"
+#include "cli/collector.hpp"
 #include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
 #include "core/model/checked_math.hpp"
@@ -18,58 +15,50 @@
 namespace kestrel::cli {
 namespace {
 
-// What is kept per request while reading: enough to total it, nothing more, so that a home with
-// millions of lines stays small in memory.
-struct Request {
-    uint32_t model = 0;
-    double time = 0;
-    ExclusiveTokens tokens;
-    std::optional<int64_t> costMicros;
-};
+constexpr int kTopModels = 8;
 
-struct Totals {
-    int64_t requests = 0;
-    ExclusiveTokens tokens;
-    int64_t costMicros = 0;  // of the priced requests
-    int64_t unpriced = 0;
-
-    void add(const Request& r) {
-        ++requests;
-        tokens += r.tokens;
-        if (r.costMicros) {
-            costMicros = checkedAdd(costMicros, *r.costMicros, "summary cost");
-        } else {
-            ++unpriced;
-        }
+int64_t totalTokens(const LedgerSummary& s) {
+    int64_t sum = 0;
+    for (const auto& bucket :
+         {s.inputUncached, s.cacheRead, s.cacheWrite, s.outputVisible, s.reasoning}) {
+        sum = checkedAdd(sum, bucket.value_or(0), "overview token total");
     }
-};
-
-nlohmann::ordered_json totalsJSON(const Totals& t) {
-    return {{"requests", t.requests},
-            {"inputUncached", t.tokens.inputUncached},
-            {"cacheRead", t.tokens.cacheRead},
-            {"cacheWrite", t.tokens.cacheWrite},
-            {"outputVisible", t.tokens.outputVisible},
-            {"reasoning", t.tokens.reasoning},
-            {"totalTokens", t.tokens.billedTokens()},
-            {"costUSDMicros", t.costMicros},
-            {"unpricedRequests", t.unpriced}};
+    return sum;
 }
 
-std::vector<std::string> totalsCells(std::string label, const Totals& t) {
+nlohmann::ordered_json totalsJSON(const LedgerSummary& s) {
+    return {{"events", s.eventCount},
+            {"inputUncached", s.inputUncached.value_or(0)},
+            {"cacheRead", s.cacheRead.value_or(0)},
+            {"cacheWrite", s.cacheWrite.value_or(0)},
+            {"outputVisible", s.outputVisible.value_or(0)},
+            {"reasoning", s.reasoning.value_or(0)},
+            {"totalTokens", totalTokens(s)},
+            {"costUSDMicros", s.knownCostUSDMicros.value_or(0)},
+            {"unpricedEvents", s.unknownCostEventCount}};
+}
+
+std::string cost(const LedgerSummary& s) {
+    // A star marks a total that leaves out events without a price.
+    return formatUSD(s.knownCostUSDMicros.value_or(0), "en_US") +
+           (s.unknownCostEventCount > 0 ? "*" : "");
+}
+
+std::vector<std::string> cells(std::string label, const LedgerSummary& s) {
     return {std::move(label),
-            groupedNumber(t.requests),
-            groupedNumber(t.tokens.inputUncached),
-            groupedNumber(t.tokens.cacheRead),
-            groupedNumber(t.tokens.cacheWrite),
-            groupedNumber(t.tokens.outputVisible),
-            groupedNumber(t.tokens.billedTokens()),
-            formatUSD(t.costMicros, "en_US") + (t.unpriced > 0 ? "*" : "")};
+            groupedNumber(s.eventCount),
+            groupedNumber(s.inputUncached.value_or(0)),
+            groupedNumber(s.cacheRead.value_or(0)),
+            groupedNumber(s.cacheWrite.value_or(0)),
+            groupedNumber(checkedAdd(s.outputVisible.value_or(0), s.reasoning.value_or(0),
+                                     "overview output")),
+            groupedNumber(totalTokens(s)),
+            cost(s)};
 }
 
-std::vector<Column> totalsColumns(std::string first) {
+std::vector<Column> columns(std::string first) {
     return {{std::move(first)},
-            {"Requests", Align::right},
+            {"Events", Align::right},
             {"Input", Align::right},
             {"Cache read", Align::right},
             {"Cache write", Align::right},
@@ -78,134 +67,126 @@ std::vector<Column> totalsColumns(std::string first) {
             {"Cost", Align::right}};
 }
 
+// Where the readers look, for a home in which nothing was found.
+std::string lookedIn(const CommandContext& ctx) {
+    std::string out;
+    for (auto source : Ingestor::scannableSources(ctx.home, ctx.env)) {
+        const auto spec = AgentCatalog::spec(source, ctx.home, ctx.env);
+        for (const auto& root : spec->roots) {
+            out += fmt::format("{}{}", out.empty() ? "" : ", ", root.string());
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 int runSummary(CommandContext& ctx, bool json) {
-    std::vector<std::string> models;
-    std::unordered_map<std::string, uint32_t> modelIndex;
-    std::unordered_map<std::string, Request> requests;
-
-    ProgressLine progress(ctx.err, ctx.errIsTerminal);
-    const auto stats = collectClaude(
-        ctx.home, ctx.env, ctx.settings,
-        [&](UsageEvent&& e) {
-            auto [it, added] = modelIndex.try_emplace(e.model, uint32_t(models.size()));
-            if (added) {
-                models.push_back(e.model);
-            }
-            // A later line of the same message replaces the earlier placeholder counts.
-            requests[e.id] =
-                Request{it->second, e.occurredAt, e.exclusive, e.estimatedCostUSDMicros};
-        },
-        [&](std::size_t done, std::size_t total, const std::filesystem::path&) {
-            progress.update(done, total);
-        });
-    progress.clear();
-    for (const auto& error : stats.errors) {
-        ctx.err << "kestrel: " << error.description() << '\n';
+    auto collector = openCollector(ctx);
+    if (!collector) {
+        return kExitFailure;
+    }
+    ScanProgress scanned;
+    try {
+        scanned = scanWithProgress(ctx, *collector, std::nullopt, false);
+    } catch (const std::exception& e) {
+        ctx.err << "kestrel: the scan could not be saved: " << e.what() << '\n';
+        return kExitFailure;
+    }
+    bool partial = false;
+    for (const auto& r : collector->ingestor->lastReports()) {
+        for (const auto& error : r.errors) {
+            ctx.err << "kestrel: " << displayName(r.source) << ": " << error.description() << '\n';
+            partial = true;
+        }
     }
 
+    auto& store = *collector->store;
     const std::time_t now = std::time(nullptr);
-    const double today = localMidnight(now, 0);
-    const double week = localMidnight(now, 6);
-    const double month = localMidnight(now, 29);
-    Totals all, todayTotals, weekTotals, monthTotals;
-    std::vector<Totals> byModel(models.size());
-    double first = 0, last = 0;
-    for (const auto& [id, r] : requests) {
-        all.add(r);
-        byModel[r.model].add(r);
-        if (r.time >= today) {
-            todayTotals.add(r);
+    const auto since = [&](std::optional<int> daysBack) {
+        LedgerQuery q;
+        if (daysBack) {
+            q.from = localMidnight(now, *daysBack);
         }
-        if (r.time >= week) {
-            weekTotals.add(r);
-        }
-        if (r.time >= month) {
-            monthTotals.add(r);
-        }
-        first = all.requests == 1 ? r.time : std::min(first, r.time);
-        last = all.requests == 1 ? r.time : std::max(last, r.time);
-    }
-    std::vector<std::size_t> order(models.size());
-    for (std::size_t i = 0; i < order.size(); ++i) {
-        order[i] = i;
-    }
-    std::sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
-        const auto ta = byModel[a].tokens.billedTokens();
-        const auto tb = byModel[b].tokens.billedTokens();
-        return ta != tb ? ta > tb : models[a] < models[b];
-    });
+        return store.ledgerSummary(q);
+    };
+    const auto today = since(0), week = since(6), month = since(29), all = since(std::nullopt);
+    const auto bySource = store.ledgerSummariesBySource({});
+    const auto byModel = store.ledgerSummariesByModel({}, kTopModels);
+    const int exitCode = partial ? kExitPartial : kExitOK;
 
     if (json) {
         nlohmann::ordered_json doc;
         doc["home"] = ctx.home.string();
-        std::vector<std::string> roots;
-        for (const auto& r : stats.roots) {
-            roots.push_back(r.string());
-        }
-        doc["roots"] = roots;
-        doc["files"] = stats.files;
-        doc["lines"] = stats.lines;
-        doc["events"] = stats.events;
-        doc["malformedLines"] = stats.malformed;
-        doc["unreadableFiles"] = stats.errors.size();
-        doc["today"] = totalsJSON(todayTotals);
-        doc["last7Days"] = totalsJSON(weekTotals);
-        doc["last30Days"] = totalsJSON(monthTotals);
+        doc["ledger"] = (ctx.supportDir / UsageStore::kFileName).string();
+        doc["scan"] = {
+            {"files", scanned.files}, {"events", scanned.events}, {"changed", scanned.changed}};
+        doc["today"] = totalsJSON(today);
+        doc["last7Days"] = totalsJSON(week);
+        doc["last30Days"] = totalsJSON(month);
         doc["allTime"] = totalsJSON(all);
-        auto rows = nlohmann::ordered_json::array();
-        for (auto i : order) {
-            auto row = totalsJSON(byModel[i]);
-            row["model"] = models[i];
-            rows.push_back(row);
+        auto sources = nlohmann::ordered_json::array();
+        for (const auto& [source, summary] : bySource) {
+            auto row = totalsJSON(summary);
+            row["source"] = std::string(rawValue(source));
+            sources.push_back(row);
         }
-        doc["models"] = rows;
+        doc["sources"] = sources;
+        auto models = nlohmann::ordered_json::array();
+        for (const auto& [model, summary] : byModel) {
+            auto row = totalsJSON(summary);
+            row["model"] = model;
+            models.push_back(row);
+        }
+        doc["models"] = models;
         ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-        return stats.errors.empty() ? kExitOK : kExitPartial;
+        return exitCode;
     }
 
+    if (all.eventCount == 0) {
+        ctx.out << "No usage found below " << ctx.home.string() << ".\nKestrel looked in "
+                << lookedIn(ctx)
+                << ".\nRun `kestrel --home DIR` to read another home folder, or `kestrel status` "
+                   "to see which agents are switched on.\n";
+        return exitCode;
+    }
     const auto bold = [&](const std::string& s) {
         return ctx.colour ? "\x1b[1m" + s + "\x1b[0m" : s;
     };
-    if (stats.roots.empty()) {
-        ctx.out << "No Claude Code data folder found below " << ctx.home.string() << ".\n";
-        return stats.errors.empty() ? kExitOK : kExitPartial;
-    }
-    ctx.out << bold("Claude Code usage") << " below " << ctx.home.string() << '\n';
-    if (all.requests > 0) {
-        ctx.out << "From " << formatLocal(first, "%Y-%m-%d") << " to "
-                << formatLocal(last, "%Y-%m-%d") << "\n";
-    }
-    ctx.out << '\n';
+    ctx.out << bold("Usage below " + ctx.home.string()) << '\n' << '\n';
 
-    TextTable periods(totalsColumns("Period"));
-    periods.addRow(totalsCells("Today", todayTotals));
-    periods.addRow(totalsCells("Last 7 days", weekTotals));
-    periods.addRow(totalsCells("Last 30 days", monthTotals));
-    periods.addRow(totalsCells("All time", all));
+    TextTable periods(columns("Period"));
+    periods.addRow(cells("Today", today));
+    periods.addRow(cells("Last 7 days", week));
+    periods.addRow(cells("Last 30 days", month));
+    periods.addRow(cells("All time", all));
     periods.render(ctx.out, ctx.colour);
     ctx.out << '\n';
 
-    if (!order.empty()) {
-        TextTable byModelTable(totalsColumns("Model"));
-        for (auto i : order) {
-            byModelTable.addRow(totalsCells(models[i], byModel[i]));
-        }
-        byModelTable.addSeparator();
-        byModelTable.addRow(totalsCells("Total", all));
-        byModelTable.render(ctx.out, ctx.colour);
-        ctx.out << '\n';
+    TextTable sources(columns("Source"));
+    for (const auto& [source, summary] : bySource) {
+        sources.addRow(cells(std::string(displayName(source)), summary));
     }
-    ctx.out << fmt::format(
-        "{}, {}, {} for {}, {} skipped\n", counted(stats.files, "transcript", "transcripts"),
-        counted(stats.lines, "line", "lines"), counted(stats.events, "usage line", "usage lines"),
-        counted(all.requests, "request", "requests"),
-        counted(stats.malformed, "malformed line", "malformed lines"));
+    sources.render(ctx.out, ctx.colour);
+    ctx.out << '\n';
+
+    TextTable models(columns("Model"));
+    for (const auto& [model, summary] : byModel) {
+        models.addRow(cells(model, summary));
+    }
+    models.render(ctx.out, ctx.colour);
+    ctx.out << '\n';
+
+    ctx.out << fmt::format("This scan read {} and found {}{}.\n",
+                           counted(scanned.files, "file", "files"),
+                           counted(scanned.events, "usage record", "usage records"),
+                           scanned.changed ? "" : " (nothing new)");
     ctx.out << "Costs are list prices of the models' APIs"
-            << (all.unpriced > 0 ? "; * some requests have no price (see kestrel prices)" : "")
+            << (all.unknownCostEventCount > 0 ? "; * leaves out events without a price (see "
+                                                "kestrel prices)"
+                                              : "")
             << ".\n";
-    return stats.errors.empty() ? kExitOK : kExitPartial;
+    return exitCode;
 }
 
 }  // namespace kestrel::cli

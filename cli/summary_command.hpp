@@ -4,8 +4,8 @@
 
 namespace kestrel::cli {
 
-// `kestrel` without a command: the Claude Code usage below home, each request counted once (the
-// last line written for a message holds its final usage), by period and by model.
+// `kestrel` without a command: an incremental scan of every enabled agent, then the ledger's
+// totals for today, the last 7 and 30 days and all time, per source and for the top models.
 int runSummary(CommandContext& ctx, bool json);
 
 }  // namespace kestrel::cli

@@ -46,32 +46,44 @@ void writeHome(const TempDir& home) {
                line("m1", "opus", 10, 500) + line("m2", "haiku", 3, 7));
 }
 
-TEST(Cli, SummaryCountsEachRequestOnceWithItsFinalUsage) {
-    TempDir home;
+TEST(Cli, SummaryScansAndCountsEachRequestOnceWithItsFinalUsage) {
+    TempDir home, support;
     writeHome(home);
-    const auto r = kestrel({"--home", home.path().string(), "--json"});
+    const auto r = kestrel(
+        {"--home", home.path().string(), "--support-dir", support.path().string(), "--json"});
     ASSERT_EQ(r.code, cli::kExitOK) << r.err;
     const auto doc = nlohmann::json::parse(r.out);
-    EXPECT_EQ(doc["files"], 2);
-    EXPECT_EQ(doc["events"], 4);
-    EXPECT_EQ(doc["malformedLines"], 1);
-    EXPECT_EQ(doc["allTime"]["requests"], 2);
+    EXPECT_EQ(doc["scan"]["files"], 2);
+    EXPECT_EQ(doc["scan"]["events"], 4);
+    EXPECT_EQ(doc["allTime"]["events"], 2);
     EXPECT_EQ(doc["allTime"]["inputUncached"], 13);
     EXPECT_EQ(doc["allTime"]["outputVisible"], 507);
     EXPECT_EQ(doc["allTime"]["totalTokens"], 520);
+    EXPECT_EQ(doc["today"]["events"], 0);  // the fixture's messages are from January 2026
     ASSERT_EQ(doc["models"].size(), 2u);
     EXPECT_EQ(doc["models"][0]["model"], "opus");  // largest first
     EXPECT_EQ(doc["models"][0]["totalTokens"], 510);
+    ASSERT_EQ(doc["sources"].size(), 1u);
+    EXPECT_EQ(doc["sources"][0]["source"], "claude");
+
+    // A second run finds nothing new and shows the same ledger.
+    const auto again = kestrel(
+        {"--home", home.path().string(), "--support-dir", support.path().string(), "--json"});
+    const auto second = nlohmann::json::parse(again.out);
+    EXPECT_EQ(second["scan"]["files"], 0);
+    EXPECT_FALSE(second["scan"]["changed"].get<bool>());
+    EXPECT_EQ(second["allTime"], doc["allTime"]);
 }
 
-TEST(Cli, SummaryTableIsAlignedAndNamesTheHome) {
-    TempDir home;
+TEST(Cli, SummaryTablesAreAlignedAndNameTheHome) {
+    TempDir home, support;
     writeHome(home);
-    const auto r = kestrel({"--home", home.path().string()});
+    const auto r =
+        kestrel({"--home", home.path().string(), "--support-dir", support.path().string()});
     ASSERT_EQ(r.code, cli::kExitOK) << r.err;
     EXPECT_NE(r.out.find(home.path().string()), std::string::npos);
     EXPECT_EQ(r.out.find("\x1b["), std::string::npos) << "no colours off a terminal";
-    // Every row of the model table ends its "Total tokens" column at the same place.
+    // Every row of the model table ends its "Cost" column at the same place.
     std::istringstream lines(r.out);
     std::string text;
     std::vector<std::size_t> ends;
@@ -83,11 +95,11 @@ TEST(Cli, SummaryTableIsAlignedAndNamesTheHome) {
         if (inModels && text.empty()) {
             break;
         }
-        if (inModels && text.find("\xe2\x94\x80") == std::string::npos) {
+        if (inModels) {
             ends.push_back(text.size());
         }
     }
-    ASSERT_EQ(ends.size(), 4u);  // header, two models, total
+    ASSERT_EQ(ends.size(), 3u);  // header, two models
     for (auto end : ends) {
         EXPECT_EQ(end, ends[0]);
     }
@@ -129,9 +141,11 @@ TEST(Cli, LinkedRootsAreReadOnce) {
     writeHome(home);
     std::filesystem::create_directories(home / ".config");
     std::filesystem::create_directory_symlink(home / ".claude", home / ".config/claude");
-    const auto r = kestrel({"--home", home.path().string(), "--json"});
+    TempDir support;
+    const auto r = kestrel(
+        {"--home", home.path().string(), "--support-dir", support.path().string(), "--json"});
     ASSERT_EQ(r.code, cli::kExitOK) << r.err;
-    EXPECT_EQ(nlohmann::json::parse(r.out)["files"], 2);
+    EXPECT_EQ(nlohmann::json::parse(r.out)["scan"]["files"], 2);
 }
 
 TEST(Cli, BadUsageExitsWithTwoAndSaysWhy) {
@@ -157,10 +171,12 @@ TEST(Cli, HelpAndEmptyHomes) {
     EXPECT_EQ(help.code, cli::kExitOK);
     EXPECT_NE(help.out.find("events"), std::string::npos);
 
-    TempDir home;
-    const auto none = kestrel({"--home", home.path().string()});
-    EXPECT_EQ(none.code, cli::kExitOK);
-    EXPECT_NE(none.out.find("No Claude Code data folder"), std::string::npos);
+    TempDir home, support;
+    const auto none =
+        kestrel({"--home", home.path().string(), "--support-dir", support.path().string()});
+    EXPECT_EQ(none.code, cli::kExitOK) << none.err;
+    EXPECT_NE(none.out.find("No usage found below"), std::string::npos) << none.out;
+    EXPECT_NE(none.out.find(".codex"), std::string::npos) << "names where it looked";
 }
 
 }  // namespace

@@ -156,7 +156,8 @@ TEST_F(ScanAndPricesTest, BadInputIsRefusedWithTheReason) {
          cli::kExitUsage,
          "--long-threshold"},
         {{"prices", "rm", "nothing-here"}, cli::kExitUsage, "no price override"},
-        {{"scan", "--source", "codex"}, cli::kExitUsage, "not supported yet"},
+        {{"scan", "--source", "cursor"}, cli::kExitUsage, "not supported yet"},
+        {{"scan", "--source", "nope"}, cli::kExitUsage, "unknown source \"nope\""},
     };
     for (const auto& c : cases) {
         const auto r = kestrel(c.args);

@@ -1,0 +1,236 @@
+#include "cli/status_command.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "cli/cli.hpp"
+#include "cli/local_time.hpp"
+#include "cli/store_access.hpp"
+#include "cli/text_table.hpp"
+
+namespace kestrel::cli {
+namespace {
+
+double currentTime() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+std::string_view capabilityLabel(IntegrationCapability capability) {
+    switch (capability) {
+        case IntegrationCapability::installationDetection:
+            return "detect";
+        case IntegrationCapability::activity:
+            return "activity";
+        case IntegrationCapability::usageImport:
+            return "import";
+        case IntegrationCapability::subscriptionDiscovery:
+            return "plans";
+        case IntegrationCapability::quota:
+            return "quota";
+        case IntegrationCapability::hookManagement:
+            return "hooks";
+    }
+    return "?";
+}
+
+template <class E>
+nlohmann::ordered_json rawValues(const std::set<E>& values) {
+    auto out = nlohmann::ordered_json::array();
+    for (E v : values) {
+        out.push_back(std::string(rawValue(v)));
+    }
+    return out;
+}
+
+nlohmann::ordered_json paths(const std::vector<std::filesystem::path>& list) {
+    auto out = nlohmann::ordered_json::array();
+    for (const auto& p : list) {
+        out.push_back(p.string());
+    }
+    return out;
+}
+
+template <class T>
+nlohmann::ordered_json orNull(const std::optional<T>& value) {
+    return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
+}
+
+nlohmann::ordered_json healthJSON(const IntegrationHealth& h) {
+    nlohmann::ordered_json j;
+    j["state"] = std::string(rawValue(h.state));
+    j["hook"] = h.hook ? nlohmann::ordered_json(std::string(rawValue(*h.hook))) : nullptr;
+    j["checkedAt"] = h.checkedAt;
+    j["diagnosticCode"] = orNull(h.diagnosticCode);
+    return j;
+}
+
+nlohmann::ordered_json scanJSON(const IntegrationScanResult& s) {
+    nlohmann::ordered_json j;
+    j["finishedAt"] = s.finishedAt;
+    j["installedRootCount"] = s.installedRootCount;
+    j["acceptedObservationCount"] = s.acceptedObservationCount;
+    j["rejectedObservationCount"] = s.rejectedObservationCount;
+    j["conflictCount"] = s.conflictCount;
+    j["coverageIssueCount"] = s.coverageIssueCount;
+    j["health"] = healthJSON(s.health);
+    return j;
+}
+
+struct StatusRow {
+    const IntegrationPlugin* plugin = nullptr;
+    const IntegrationInstance* instance = nullptr;
+    const IntegrationInstallation* installation = nullptr;
+    IntegrationListGroup group = IntegrationListGroup::notInstalled;
+};
+
+// Every plug-in has an instance after reconciling, switched on by default; an instance counts
+// towards the list only once its agent is installed, so that agents absent from this machine
+// do not crowd the enabled section.
+IntegrationListGroup groupOf(const IntegrationInstance& instance, bool installed) {
+    return installed ? classify(&instance, SourceStatus::authorizedEmpty)
+                     : classify(nullptr, SourceStatus::notInstalled);
+}
+
+std::vector<StatusRow> statusRows(const IntegrationsSession& session,
+                                  const std::vector<IntegrationInstallation>& installations) {
+    const auto& registry = session.coordinator->registry();
+    std::vector<StatusRow> rows;
+    for (const auto& plugin : registry.plugins()) {
+        StatusRow row{&plugin, nullptr, nullptr, IntegrationListGroup::notInstalled};
+        for (const auto& instance : session.instances) {
+            if (instance.pluginID == plugin.descriptor.id) {
+                row.instance = &instance;
+            }
+        }
+        for (const auto& installation : installations) {
+            if (installation.pluginID == plugin.descriptor.id) {
+                row.installation = &installation;
+            }
+        }
+        if (row.instance == nullptr || row.installation == nullptr) {
+            continue;  // reconciling returns one instance per plug-in; nothing to show otherwise
+        }
+        row.group = groupOf(*row.instance, !row.installation->installedRoots.empty());
+        rows.push_back(row);
+    }
+    // Groups in their declaration order, plug-in order kept within each.
+    std::ranges::stable_sort(rows, {},
+                             [](const StatusRow& r) { return static_cast<int>(r.group); });
+    return rows;
+}
+
+nlohmann::ordered_json rowJSON(const StatusRow& row) {
+    nlohmann::ordered_json j;
+    j["group"] = std::string(rawValue(row.group));
+    const auto fields = instanceJSON(*row.instance, row.plugin->descriptor);
+    for (auto it = fields.begin(); it != fields.end(); ++it) {
+        j[it.key()] = it.value();
+    }
+    j["installedRoots"] = paths(row.installation->installedRoots);
+    j["candidateRoots"] = paths(row.installation->candidateRoots);
+    return j;
+}
+
+std::vector<std::string> rowCells(const StatusRow& row) {
+    const auto& instance = *row.instance;
+    std::vector<std::string> cells{
+        row.plugin->descriptor.displayName,
+        std::string(rawValue(row.group)),
+        std::string(rawValue(instance.health.state)),
+        groupedNumber(static_cast<int64_t>(row.installation->installedRoots.size())),
+        capabilityLabels(instance.enabledCapabilities),
+    };
+    if (const auto& scan = instance.lastScanResult) {
+        cells.push_back(formatLocal(scan->finishedAt, "%Y-%m-%d %H:%M"));
+        cells.push_back(groupedNumber(scan->acceptedObservationCount));
+        cells.push_back(groupedNumber(scan->rejectedObservationCount));
+    } else {
+        cells.push_back("never");
+    }
+    return cells;
+}
+
+}  // namespace
+
+std::unique_ptr<IntegrationsSession> openIntegrations(CommandContext& ctx) {
+    auto session = std::make_unique<IntegrationsSession>();
+    session->store = openStore(ctx);
+    if (!session->store) {
+        return nullptr;
+    }
+    session->coordinator = std::make_unique<IntegrationInstanceCoordinator>(
+        PluginRegistry::builtIn(), *session->store);
+    session->now = currentTime();
+    session->instances =
+        session->coordinator->reconcileInstallations(ctx.home, session->now, ctx.env);
+    return session;
+}
+
+std::string capabilityLabels(const std::set<IntegrationCapability>& capabilities) {
+    std::string out;
+    for (auto c : capabilities) {
+        out += out.empty() ? "" : ",";
+        out += capabilityLabel(c);
+    }
+    return out.empty() ? "-" : out;
+}
+
+nlohmann::ordered_json instanceJSON(const IntegrationInstance& instance,
+                                    const IntegrationPluginDescriptor& descriptor) {
+    nlohmann::ordered_json j;
+    j["source"] = std::string(rawValue(descriptor.legacySource));
+    j["displayName"] = descriptor.displayName;
+    j["instanceID"] = instance.id.rawValue;
+    j["pluginID"] = instance.pluginID.rawValue;
+    j["enabled"] = instance.isEnabled();
+    j["health"] = healthJSON(instance.health);
+    j["enabledCapabilities"] = rawValues(instance.enabledCapabilities);
+    j["grantedPermissions"] = rawValues(instance.grantedPermissions);
+    j["lastScanResult"] =
+        instance.lastScanResult ? scanJSON(*instance.lastScanResult) : nlohmann::ordered_json();
+    j["archivedAt"] = orNull(instance.archivedAt);
+    return j;
+}
+
+int runStatus(CommandContext& ctx, bool json) {
+    auto session = openIntegrations(ctx);
+    if (!session) {
+        return kExitFailure;
+    }
+    const auto installations =
+        session->coordinator->registry().detectInstallations(ctx.home, session->now, ctx.env);
+    const auto rows = statusRows(*session, installations);
+
+    if (json) {
+        auto doc = nlohmann::ordered_json::array();
+        for (const auto& row : rows) {
+            doc.push_back(rowJSON(row));
+        }
+        ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        return kExitOK;
+    }
+
+    TextTable table({{"Agent"},
+                     {"Group"},
+                     {"Health"},
+                     {"Roots", Align::right},
+                     {"Capabilities"},
+                     {"Last scan"},
+                     {"Accepted", Align::right},
+                     {"Rejected", Align::right}});
+    std::size_t detected = 0, enabled = 0;
+    for (const auto& row : rows) {
+        table.addRow(rowCells(row));
+        detected += row.group != IntegrationListGroup::notInstalled ? 1 : 0;
+        enabled += row.group == IntegrationListGroup::enabled ? 1 : 0;
+    }
+    table.render(ctx.out, ctx.colour);
+    ctx.out << fmt::format("{} of {} agents detected below {}, {} enabled.\n", detected,
+                           rows.size(), ctx.home.string(), enabled);
+    return kExitOK;
+}
+
+}  // namespace kestrel::cli
