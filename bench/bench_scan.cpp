@@ -9,7 +9,7 @@
 #include <chrono>
 #include <filesystem>
 
-#include "cli/claude_scan.hpp"
+#include "core/ledger/ingestor.hpp"
 #include "tools/claude_corpus.hpp"
 
 namespace {
@@ -59,22 +59,24 @@ int main(int argc, char** argv) {
         UsageStore store(work / "support");
         const auto prices = PriceTable::resolved(store);
         const AppSettings settings;
+        Ingestor ingestor(store, prices, nullptr);
+        const std::set<AgentSource> claude{AgentSource::claude};
         auto t0 = Clock::now();
-        const auto first =
-            cli::scanClaude(store, homeDir, emptyEnvironment(), settings, prices, false);
+        ingestor.scan(homeDir, settings, claude, false);
         auto t1 = Clock::now();
+        const auto first = ingestor.lastReports().at(0);
         fmt::print("first     {:.0f} ms: {} files, {:.1f} MB, {} events, {} accepted\n",
                    millis(t0, t1), first.filesRead, first.bytes / 1e6, first.events,
-                   first.outcome ? first.outcome->ledgerEventCount : 0);
+                   first.counts.accepted);
 
         std::vector<double> again;
         for (int r = 0; r < repeat; ++r) {
             auto a = Clock::now();
-            const auto rescan =
-                cli::scanClaude(store, homeDir, emptyEnvironment(), settings, prices, false);
+            const auto progress = ingestor.scan(homeDir, settings, claude, false);
             auto b = Clock::now();
             again.push_back(millis(a, b));
-            if (rescan.filesRead != 0 || rescan.outcome) {
+            const auto rescan = ingestor.lastReports().at(0);
+            if (rescan.filesRead != 0 || rescan.committed || progress.changed) {
                 fmt::print("unchanged rescan read {} files: the checkpoints did not hold\n",
                            rescan.filesRead);
                 status = 1;

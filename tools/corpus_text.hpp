@@ -1,0 +1,89 @@
+#pragma once
+// Building blocks of the synthetic agent homes: a seeded random stream that is the same on every
+// platform, and writers for identifiers, times and text that are already valid JSON string
+// bodies, so that lines can be assembled by appending without an escaping pass.
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kestrel::corpus::detail {
+
+// xoshiro256** seeded through splitmix64: the same stream everywhere, which the <random>
+// distributions do not promise, so a seed names one corpus.
+class Rng {
+  public:
+    explicit Rng(uint64_t seed);
+
+    uint64_t next();
+
+    // The modulo bias is far below anything a corpus could show.
+    uint64_t below(uint64_t n) { return n == 0 ? 0 : next() % n; }
+    int64_t between(int64_t lo, int64_t hi) {
+        return lo + static_cast<int64_t>(below(static_cast<uint64_t>(hi - lo + 1)));
+    }
+    double unit() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
+    bool chance(double p) { return unit() < p; }
+    // Log-uniform: as many values between 200 and 2,000 as between 2,000 and 20,000.
+    int64_t logUniform(int64_t lo, int64_t hi) {
+        const double a = std::log(static_cast<double>(lo));
+        const double b = std::log(static_cast<double>(hi));
+        return std::clamp(static_cast<int64_t>(std::exp(a + unit() * (b - a))), lo, hi);
+    }
+    template <typename T, std::size_t N>
+    const T& pick(const std::array<T, N>& items) {
+        return items[below(N)];
+    }
+
+  private:
+    std::array<uint64_t, 4> state_{};
+};
+
+inline constexpr std::string_view kBase62 =
+    "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+inline constexpr std::string_view kBase64 =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+inline constexpr std::string_view kHex = "0123456789abcdef";
+
+// `n` characters drawn from `alphabet` (at most 64 letters).
+void appendChars(std::string& out, Rng& rng, std::string_view alphabet, int64_t n);
+// A random version-4 UUID in its 36-character form.
+void appendUuid(std::string& out, Rng& rng);
+std::string uuid(Rng& rng);
+void appendInt(std::string& out, int64_t v);
+// `v` with exactly one decimal ("12.0"), as the agents write percentages.
+void appendTenths(std::string& out, int64_t tenths);
+// "2025-10-03T10:15:30.123Z" for milliseconds since the epoch.
+void appendTimestamp(std::string& out, int64_t ms);
+// "2025-10-03T10-15-30" and "2025/10/03" for milliseconds since the epoch (no zone applied).
+std::string fileTime(int64_t ms);
+std::string datePath(int64_t ms);
+
+// A template is expanded by replacing $w with a word, $T with a type name, $v with a verb, $n
+// with a number and $i with an indentation.
+void expand(std::string& out, Rng& rng, std::string_view tpl);
+
+// About `size` bytes of expanded templates, each picked at random.
+template <std::size_t N>
+std::string buildPool(Rng& rng, const std::array<std::string_view, N>& templates,
+                      std::size_t size) {
+    std::string p;
+    p.reserve(size + 512);
+    while (p.size() < size)
+        expand(p, rng, rng.pick(templates));
+    return p;
+}
+
+// Appends about `len` bytes of `pool` from a random place. The pool must hold only \n, \t and
+// \" escapes (never "\\"); the slice never splits an escape or a UTF-8 sequence, so it is a
+// valid JSON string body when the pool is.
+void appendSlice(std::string& out, Rng& rng, const std::string& pool, int64_t len);
+
+// Appends `body`, a valid JSON string body, escaped once more: the text of a JSON document that
+// is itself carried in a string.
+void appendEscaped(std::string& out, std::string_view body);
+
+}  // namespace kestrel::corpus::detail
