@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <iterator>
+#include <unordered_map>
 
 #include "core/integrations/source_health.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
@@ -33,6 +34,33 @@ std::optional<FileError> unreadableRoot(const std::filesystem::path& root) {
     ::closedir(dir);
     return std::nullopt;
 }
+
+// The events of one source, one per id. Several records of one usage (a message logged line by
+// line, a session resumed into a new file) share an id and the last one read holds, as in the
+// ledger's upsert; keeping only that one bounds a scan's memory by the usage, not the lines.
+class LatestEvents {
+  public:
+    void add(UsageEvent&& event) {
+        ++produced_;
+        auto [it, added] = index_.try_emplace(event.id, events_.size());
+        if (added) {
+            events_.push_back(std::move(event));
+        } else {
+            events_[it->second] = std::move(event);
+        }
+    }
+    int64_t produced() const { return produced_; }
+    const std::vector<UsageEvent>& events() const { return events_; }
+    void release() {
+        std::vector<UsageEvent>().swap(events_);
+        std::unordered_map<std::string, std::size_t>().swap(index_);
+    }
+
+  private:
+    std::vector<UsageEvent> events_;
+    std::unordered_map<std::string, std::size_t> index_;
+    int64_t produced_ = 0;
+};
 
 std::string normalised(const std::filesystem::path& path) {
     std::error_code ec;
@@ -221,7 +249,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     }
     const SourceReadContext context{settings, prices, planned.defaultModel};
     const auto& reader = planned.reader;
-    std::vector<UsageEvent> events;
+    LatestEvents events;
     std::vector<UsageEvent> fileEvents;
     std::vector<SourceCheckpoint> checkpoints;
     std::optional<AccountSnapshot> quota;
@@ -285,8 +313,9 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         // Readers that collect rather than stream hand their events back in the result.
         fileEvents.insert(fileEvents.end(), std::make_move_iterator(result->events.begin()),
                           std::make_move_iterator(result->events.end()));
-        events.insert(events.end(), std::make_move_iterator(fileEvents.begin()),
-                      std::make_move_iterator(fileEvents.end()));
+        for (auto& e : fileEvents) {
+            events.add(std::move(e));
+        }
         // Several files may carry a quota reading; the newest one is the account's state.
         if (result->quota && (!quota || result->quota->fetchedAt >= quota->fetchedAt)) {
             quota = std::move(result->quota);
@@ -294,7 +323,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         result->checkpoint.fileStamp = decision.fileStamp;
         checkpoints.push_back(std::move(result->checkpoint));
     }
-    report.events = static_cast<int64_t>(events.size());
+    report.events = events.produced();
     progress.files += report.filesRead;
     progress.events += report.events;
 
@@ -308,10 +337,12 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         adapterCheckpoint.adapterID = std::string(rawValue(planned.source));
         adapterCheckpoint.parserVersion = reader.parserVersion;
         adapterCheckpoint.updatedAt = completedAt;
-        const auto batch = UsageBatchBuilder::batch(
+        std::optional<UsageBatch> batch = UsageBatchBuilder::batch(
             UsageBatchBuilder::newRunID(adapterCheckpoint.adapterID, startedAt),
-            adapterCheckpoint.adapterID, planned.source, events, startedAt, completedAt,
+            adapterCheckpoint.adapterID, planned.source, events.events(), startedAt, completedAt,
             settings.storeSession, adapterCheckpoint);
+        // The batch holds everything the commit needs; the events would only double the peak.
+        events.release();
         // A full rescan removes what the files no longer prove; with a file unread that would
         // remove usage that is still there, so the commit then only adds.
         std::optional<AgentSource> replacing;
