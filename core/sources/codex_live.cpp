@@ -2,7 +2,15 @@
 
 #include <sqlite3.h>
 
+#ifdef __APPLE__
+#include <sys/sysctl.h>
+#include <sys/time.h>
+#endif
+
 #include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -29,6 +37,8 @@ Database openReadOnly(const std::filesystem::path& path) {
     }
     // The agent may be writing; wait briefly rather than fail the scan.
     sqlite3_busy_timeout(db.get(), 200);
+    // A second guard besides the read-only open: nothing here may ever change the agent's file.
+    sqlite3_exec(db.get(), "PRAGMA query_only=1;", nullptr, nullptr, nullptr);
     return db;
 }
 
@@ -192,6 +202,47 @@ std::vector<InProgressRow> inProgressRows(const std::filesystem::path& database,
         }
     });
     return rows;
+}
+
+std::optional<double> bootTimeFromProcStat(std::string_view procStat) {
+    std::size_t at = 0;
+    while (at < procStat.size()) {
+        auto end = procStat.find('\n', at);
+        if (end == std::string_view::npos) {
+            end = procStat.size();
+        }
+        auto line = procStat.substr(at, end - at);
+        at = end + 1;
+        if (!line.starts_with("btime ")) {
+            continue;
+        }
+        line.remove_prefix(6);
+        while (!line.empty() && line.back() == ' ') {
+            line.remove_suffix(1);
+        }
+        int64_t seconds = 0;
+        const auto [ptr, ec] = std::from_chars(line.data(), line.data() + line.size(), seconds);
+        if (ec != std::errc() || ptr != line.data() + line.size() || seconds <= 0) {
+            return std::nullopt;
+        }
+        return static_cast<double>(seconds);
+    }
+    return std::nullopt;
+}
+
+std::optional<double> systemStartedAt() {
+#ifdef __APPLE__
+    timeval boot{};
+    std::size_t size = sizeof(boot);
+    if (sysctlbyname("kern.boottime", &boot, &size, nullptr, 0) != 0 || boot.tv_sec <= 0) {
+        return std::nullopt;
+    }
+    return static_cast<double>(boot.tv_sec) + boot.tv_usec / 1e6;
+#else
+    std::ifstream in("/proc/stat");
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return bootTimeFromProcStat(text);
+#endif
 }
 
 bool hasInProgressTurn(const std::filesystem::path& codexHome,

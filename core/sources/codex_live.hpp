@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrel::CodexLive {
@@ -25,6 +26,13 @@ std::vector<std::filesystem::path> databases(const std::filesystem::path& folder
 // that cannot be opened or lacks the tables yields nothing.
 std::vector<InProgressRow> inProgressRows(const std::filesystem::path& database,
                                           std::optional<double> systemStartedAt);
+
+// When the machine last started, in epoch seconds: `btime` of /proc/stat on Linux,
+// kern.boottime on macOS; absent when the system does not say.
+std::optional<double> systemStartedAt();
+
+// The `btime` value of a /proc/stat text; absent when there is no well-formed one.
+std::optional<double> bootTimeFromProcStat(std::string_view procStat);
 
 // True when any database in `codexHome` has a thread with a turn in progress.
 bool hasInProgressTurn(const std::filesystem::path& codexHome,

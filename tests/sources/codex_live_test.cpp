@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 
 #include <algorithm>
+#include <chrono>
 
 #include "tests/support/temp_dir.hpp"
 
@@ -99,6 +100,55 @@ TEST(CodexLive, UnusableDatabasesYieldNothing) {
     }
     EXPECT_FALSE(CodexLive::hasInProgressTurn(dir.path(), std::nullopt));
     EXPECT_FALSE(CodexLive::hasInProgressTurn(dir / "missing", std::nullopt));
+}
+
+TEST(CodexLive, ALockedDatabaseYieldsNothingAndStaysUntouched) {
+    TempDir dir;
+    const auto path = dir / "state_5.sqlite";
+    run(path, std::string(kThreads) +
+                  "CREATE TABLE thread_turns(thread_id TEXT, status TEXT, started_at REAL);"
+                  "INSERT INTO thread_turns VALUES('root','inProgress',5000);");
+    const auto before = std::filesystem::last_write_time(path);
+    const auto size = std::filesystem::file_size(path);
+
+    // The agent holds its write lock for longer than the reader is willing to wait.
+    sqlite3* agent = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &agent), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(agent, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_TRUE(CodexLive::inProgressRows(path, std::nullopt).empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
+    sqlite3_exec(agent, "ROLLBACK;", nullptr, nullptr, nullptr);
+    sqlite3_close(agent);
+
+    EXPECT_EQ(CodexLive::inProgressRows(path, std::nullopt).size(), 1u);
+    EXPECT_EQ(std::filesystem::last_write_time(path), before);
+    EXPECT_EQ(std::filesystem::file_size(path), size);
+}
+
+TEST(CodexLive, BootTimeComesFromTheBtimeLine) {
+    const struct {
+        const char* text;
+        std::optional<double> boot;
+    } cases[] = {
+        {"cpu  1 2 3\nbtime 1763800000\nprocesses 9\n", 1763800000.0},
+        {"btime 1763800000", 1763800000.0},
+        {"cpu 1\nbtime  \n", std::nullopt},
+        {"btime 17638x0000\n", std::nullopt},
+        {"btime -5\n", std::nullopt},
+        {"xbtime 5\n", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CodexLive::bootTimeFromProcStat(c.text), c.boot) << c.text;
+    }
+    // This machine's own: in the past, and not before the first rollouts were written.
+    const auto boot = CodexLive::systemStartedAt();
+    ASSERT_TRUE(boot.has_value());
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    EXPECT_LT(*boot, now);
+    EXPECT_GT(*boot, 1.5e9);
 }
 
 }  // namespace
