@@ -7,6 +7,7 @@
 
 #include "core/integrations/integration_instance_repository.hpp"
 #include "tests/support/temp_dir.hpp"
+#include "tests/support/unprivileged.hpp"
 
 namespace kestrel {
 namespace {
@@ -166,12 +167,12 @@ TEST_F(IngestorTest, SourceStatusFollowsWhatTheScanMet) {
 }
 
 TEST_F(IngestorTest, AnUnreadableRootIsUnauthorized) {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "permissions do not bind root";
-    }
     home.write(kClaudeFile, claudeLine("m1", 5));
     std::filesystem::permissions(home / ".claude", std::filesystem::perms::none);
-    scan();
+    {
+        test_support::Unprivileged asUser;
+        scan();
+    }
     std::filesystem::permissions(home / ".claude", std::filesystem::perms::owner_all);
     EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::unauthorized);
     EXPECT_EQ(coordinator.canRun(IntegrationCapability::usageImport, AgentSource::claude), true);
@@ -227,15 +228,15 @@ TEST_F(IngestorTest, AFileThatVanishesMidScanIsCountedNotAnError) {
 }
 
 TEST_F(IngestorTest, AnUnreadableFileIsAReadErrorAndForceThenRemovesNothing) {
-    if (::geteuid() == 0) {
-        GTEST_SKIP() << "permissions do not bind root";
-    }
     home.write(".claude/projects/a/1.jsonl", claudeLine("a1", 1));
     const auto locked = home.write(".claude/projects/b/2.jsonl", claudeLine("b1", 1));
     scan();
     ASSERT_EQ(ledgerEvents(), 2);
     std::filesystem::permissions(locked, std::filesystem::perms::none);
-    scan(std::nullopt, true);
+    {
+        test_support::Unprivileged asUser;
+        scan(std::nullopt, true);
+    }
     std::filesystem::permissions(locked, std::filesystem::perms::owner_all);
     const auto r = reportOf(AgentSource::claude);
     EXPECT_EQ(r.status, SourceStatus::readError);
