@@ -193,7 +193,7 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
     std::string tail =
         result.changed ? fmt::format("Saved to {}", ctx.supportDir.string())
                        : std::string("Nothing new since the last scan; the ledger is unchanged");
-    if (!repriced.skipped) {
+    if (!repriced.skipped && repriced.count > 0) {
         tail += fmt::format("; prices changed, {} repriced",
                             counted(repriced.count, "observation", "observations"));
     }

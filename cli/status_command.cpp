@@ -9,6 +9,7 @@
 #include "cli/local_time.hpp"
 #include "cli/store_access.hpp"
 #include "cli/text_table.hpp"
+#include "core/plans/account_snapshot_json.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -134,6 +135,51 @@ nlohmann::ordered_json rowJSON(const StatusRow& row) {
     return j;
 }
 
+std::string windowName(const QuotaWindow& w) {
+    if (w.label) {
+        return *w.label;
+    }
+    switch (w.kind) {
+        case QuotaWindowKind::session5h:
+            return "5-hour window";
+        case QuotaWindowKind::weekly:
+            return "weekly window";
+        case QuotaWindowKind::weeklyModelScoped:
+            return "weekly window (" + w.scopeKey.value_or("model") + ")";
+        case QuotaWindowKind::monthly:
+            return "monthly window";
+        case QuotaWindowKind::extraCredits:
+            return "extra credits";
+        case QuotaWindowKind::apiPrepaid:
+            return "prepaid balance";
+    }
+    return "window";
+}
+
+// "Codex quota (plus, read from its logs at 2026-11-22 19:06): 5-hour window 12% used, resets
+// 20:15; weekly window 41% used, resets 2026-11-27 09:00".
+std::string quotaLine(const AccountSnapshot& q) {
+    std::string windows;
+    for (const auto& w : q.windows) {
+        std::string text = windowName(w);
+        if (w.usedPercent) {
+            text += fmt::format(" {:.0f}% used", *w.usedPercent);
+        }
+        if (w.resetsAt) {
+            const bool today =
+                formatLocal(*w.resetsAt, "%Y-%m-%d") == formatLocal(currentTime(), "%Y-%m-%d");
+            text += ", resets " + formatLocal(*w.resetsAt, today ? "%H:%M" : "%Y-%m-%d %H:%M");
+        }
+        windows += (windows.empty() ? "" : "; ") + text;
+    }
+    const std::string plan = q.identity.planLabel.empty() ? "" : q.identity.planLabel + ", ";
+    const std::string origin =
+        q.provenance == QuotaProvenance::localSession ? "read from its logs" : "fetched";
+    return fmt::format("{} quota ({}{} at {}): {}{}", displayName(q.identity.source), plan, origin,
+                       formatLocal(q.fetchedAt, "%Y-%m-%d %H:%M"),
+                       windows.empty() ? "no windows" : windows, q.stale ? " (stale)" : "");
+}
+
 std::vector<std::string> rowCells(const StatusRow& row) {
     const auto& instance = *row.instance;
     std::vector<std::string> cells{
@@ -203,11 +249,21 @@ int runStatus(CommandContext& ctx, bool json) {
     const auto installations =
         session->coordinator->registry().detectInstallations(ctx.home, session->now, ctx.env);
     const auto rows = statusRows(*session, installations);
+    const auto quotas = session->store->quotas();
+    const auto quotaOf = [&](AgentSource source) -> const AccountSnapshot* {
+        auto it = std::ranges::find(quotas, source,
+                                    [](const AccountSnapshot& q) { return q.identity.source; });
+        return it == quotas.end() ? nullptr : &*it;
+    };
 
     if (json) {
         auto doc = nlohmann::ordered_json::array();
         for (const auto& row : rows) {
-            doc.push_back(rowJSON(row));
+            auto j = rowJSON(row);
+            const auto* quota = quotaOf(row.plugin->descriptor.legacySource);
+            j["quota"] = quota ? nlohmann::ordered_json::parse(nlohmann::json(*quota).dump())
+                               : nlohmann::ordered_json(nullptr);
+            doc.push_back(std::move(j));
         }
         ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
         return kExitOK;
@@ -230,6 +286,25 @@ int runStatus(CommandContext& ctx, bool json) {
     table.render(ctx.out, ctx.colour);
     ctx.out << fmt::format("{} of {} agents detected below {}, {} enabled.\n", detected,
                            rows.size(), ctx.home.string(), enabled);
+
+    std::string folders;
+    for (const auto& row : rows) {
+        for (const auto& root : row.installation->installedRoots) {
+            folders += fmt::format("  {}: {}\n", row.plugin->descriptor.displayName, root.string());
+        }
+    }
+    if (!folders.empty()) {
+        ctx.out << "\nData folders:\n" << folders;
+    }
+    std::string quotaLines;
+    for (const auto& row : rows) {
+        if (const auto* quota = quotaOf(row.plugin->descriptor.legacySource)) {
+            quotaLines += "  " + quotaLine(*quota) + "\n";
+        }
+    }
+    if (!quotaLines.empty()) {
+        ctx.out << "\nQuota:\n" << quotaLines;
+    }
     return kExitOK;
 }
 

@@ -144,6 +144,36 @@ TEST_F(StatusCommandTest, InstalledAgentsComeFirstAndDisablingMovesThemDown) {
     EXPECT_TRUE(row(status, "claude")["archivedAt"].is_null());
 }
 
+TEST_F(StatusCommandTest, QuotaReadFromAnAgentsLogsIsShown) {
+    std::filesystem::create_directories(home / ".codex");
+    {
+        UsageStore store(support.path());
+        AccountSnapshot quota;
+        quota.identity.source = AgentSource::codex;
+        quota.identity.planLabel = "plus";
+        quota.provenance = QuotaProvenance::localSession;
+        quota.fetchedAt = 1000.0;
+        QuotaWindow five;
+        five.kind = QuotaWindowKind::session5h;
+        five.usedPercent = 12.4;
+        QuotaWindow week;
+        week.kind = QuotaWindowKind::weekly;
+        week.usedPercent = 41;
+        quota.windows = {five, week};
+        ASSERT_TRUE(store.saveQuota(quota));
+    }
+    const auto status = statusJSON();
+    EXPECT_EQ(row(status, "codex")["quota"]["windows"].size(), 2u);
+    EXPECT_TRUE(row(status, "claude")["quota"].is_null());
+    const auto text = call([](auto& ctx) { return cli::runStatus(ctx, false); });
+    EXPECT_NE(text.out.find("Codex quota (plus, read from its logs at "), std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find("5-hour window 12% used; weekly window 41% used"), std::string::npos)
+        << text.out;
+    EXPECT_NE(text.out.find("  Codex: " + (home / ".codex").string()), std::string::npos)
+        << text.out;
+}
+
 TEST_F(StatusCommandTest, BadNamesAreUsageErrorsThatSayWhy) {
     struct Case {
         std::function<Outcome()> run;
