@@ -22,7 +22,7 @@ test: build-ci
 
 bench: deps
 	@cmake --preset release >/dev/null
-	@cmake --build --preset release --target kestrel-bench-claude kestrel-bench-ledger kestrel-bench-scan
+	@cmake --build --preset release --target kestrel-bench-claude kestrel-bench-ledger kestrel-bench-scan kestrel-bench-many-files
 	@./build/release/bench/kestrel-bench-claude $(ARGS)
 
 format:
