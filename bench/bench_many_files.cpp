@@ -70,9 +70,10 @@ int main(int argc, char** argv) {
             ingestor.scan(work / "home", settings, claude, false);
             const auto b = Clock::now();
             const auto r = ingestor.lastReports().at(0);
-            fmt::print("{:<9} {:.0f} ms: {} files seen, {} read, {} unchanged, {} events, status {}\n",
-                       what, millis(a, b), r.filesSeen, r.filesRead, r.filesUnchanged, r.events,
-                       rawValue(r.status));
+            fmt::print(
+                "{:<9} {:.0f} ms: {} files seen, {} read, {} unchanged, {} events, status {}\n",
+                what, millis(a, b), r.filesSeen, r.filesRead, r.filesUnchanged, r.events,
+                rawValue(r.status));
             return r;
         };
         const auto first = timed("first");

@@ -11,7 +11,6 @@
 #include "core/integrations/source_health.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
-#include "core/sources/source_readers.hpp"
 
 namespace kestrel {
 namespace {
@@ -82,10 +81,12 @@ struct Ingestor::Planned {
 };
 
 Ingestor::Ingestor(UsageStore& store, PriceTable prices,
-                   IntegrationInstanceCoordinator* coordinator, EnvironmentLookup env)
+                   IntegrationInstanceCoordinator* coordinator, EnvironmentLookup env,
+                   ReaderLookup readers)
     : store_(store),
       coordinator_(coordinator),
       env_(env ? std::move(env) : emptyEnvironment()),
+      readers_(readers ? std::move(readers) : ReaderLookup(SourceReaders::reader)),
       prices_(std::move(prices)) {}
 
 std::vector<AgentSource> Ingestor::scannableSources(const std::filesystem::path& home,
@@ -111,7 +112,10 @@ std::vector<AgentSource> Ingestor::chooseSources(
         enabled = coordinator_->enabledSources(IntegrationCapability::usageImport);
     }
     std::vector<AgentSource> out;
-    for (auto source : scannableSources(home, env_)) {
+    for (auto source : allAgentSources()) {
+        if (!readers_(source) || !AgentCatalog::spec(source, home, env_)) {
+            continue;
+        }
         if (sources && !sources->contains(source)) {
             continue;
         }
@@ -167,7 +171,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
         }
         Planned planned;
         planned.source = source;
-        planned.reader = *SourceReaders::reader(source);
+        planned.reader = *readers_(source);
         planned.roots = AgentCatalog::installedRoots(source, home, env_);
         // Two roots (or a link inside one) may lead to the same file: read it once.
         std::set<std::pair<dev_t, ino_t>> seen;
@@ -188,7 +192,9 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
             for (auto& checkpoint : store_.checkpoints(source)) {
                 planned.stored.emplace(checkpoint.stableID, std::move(checkpoint));
             }
-            planned.defaultModel = planned.reader.defaultModel(planned.roots);
+            if (planned.reader.defaultModel) {
+                planned.defaultModel = planned.reader.defaultModel(planned.roots);
+            }
         }
         total += static_cast<int64_t>(planned.files.size());
         plans.push_back(std::move(planned));

@@ -19,6 +19,7 @@
 #include "core/model/app_settings.hpp"
 #include "core/pricing/price_table.hpp"
 #include "core/sources/agent_catalog.hpp"
+#include "core/sources/source_readers.hpp"
 
 namespace kestrel {
 
@@ -37,10 +38,14 @@ class Ingestor {
     // Called after each source's commit with what it came to.
     using SourceDone = std::function<void(const SourceScanReport&)>;
 
+    // The reader of a source, absent when it has none.
+    using ReaderLookup = std::function<std::optional<SourceReader>(AgentSource)>;
+
     // `store` and `coordinator` (which may be null: every source is then eligible) must outlive
-    // the ingestor. `env` resolves the agents' own folder variables.
+    // the ingestor. `env` resolves the agents' own folder variables; `readers` defaults to the
+    // built-in readers.
     Ingestor(UsageStore& store, PriceTable prices, IntegrationInstanceCoordinator* coordinator,
-             EnvironmentLookup env = emptyEnvironment());
+             EnvironmentLookup env = emptyEnvironment(), ReaderLookup readers = {});
 
     // One scan of `sources` (absent: every eligible source; a full scan also reconciles the
     // integration instances first). With `force` every file is read from its start and the
@@ -65,7 +70,7 @@ class Ingestor {
     // nothing.
     void setPaused(bool paused);
 
-    // The sources that can be read at all (they have a catalogue entry and a reader).
+    // The sources that can be read at all (they have a catalogue entry and a built-in reader).
     static std::vector<AgentSource> scannableSources(const std::filesystem::path& home,
                                                      const EnvironmentLookup& env);
 
@@ -89,6 +94,7 @@ class Ingestor {
     UsageStore& store_;
     IntegrationInstanceCoordinator* coordinator_;
     EnvironmentLookup env_;
+    ReaderLookup readers_;
 
     std::mutex scanMutex_;  // one scan at a time
     mutable std::mutex stateMutex_;

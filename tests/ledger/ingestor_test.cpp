@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "core/integrations/integration_instance_repository.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -315,6 +317,103 @@ TEST_F(IngestorTest, WithoutACoordinatorEverySourceWithAReaderIsEligible) {
     EXPECT_EQ(progress.events, 2);
     EXPECT_EQ(bare.status(AgentSource::codex), SourceStatus::healthy);
     EXPECT_EQ(bare.status(AgentSource::claude), SourceStatus::notInstalled);
+}
+
+// A database-backed agent is read as one pseudo-file per store: a store whose file and
+// write-ahead log are unchanged is not opened; a change to either hands the reader its previous
+// checkpoint, whose cursor says where to go on; a full rescan starts it from nothing.
+TEST(IngestorStoreTest, AStoreIsOnePseudoFileReadWhenItOrItsLogChanged) {
+    TempDir home, support;
+    const auto db = home.write(".local/share/opencode/opencode.db", "row\nrow\n");
+    UsageStore store(support.path());
+    std::vector<std::optional<SourceCheckpoint>> calls;
+    SourceReader fake;
+    fake.kind = SourceReaderKind::store;
+    fake.parserVersion = 3;
+    fake.discover = [](const std::filesystem::path& root) {
+        std::vector<std::filesystem::path> out;
+        if (std::filesystem::exists(root / "opencode.db")) {
+            out.push_back(root / "opencode.db");
+        }
+        return out;
+    };
+    fake.ingest = [&](const std::filesystem::path& file,
+                      const std::optional<SourceCheckpoint>& checkpoint, const SourceReadContext&,
+                      const SourceEventSink& sink) -> std::expected<IngestResult, FileError> {
+        calls.push_back(checkpoint);
+        // Each line of the database or its log is a row; the cursor is the number of rows
+        // already turned into events.
+        std::stringstream all;
+        all << std::ifstream(file).rdbuf();
+        if (std::ifstream wal(file.string() + "-wal"); wal) {
+            all << wal.rdbuf();
+        }
+        std::string row;
+        int64_t rows = 0;
+        const int64_t done = checkpoint ? std::stoll(checkpoint->parserContext) : 0;
+        while (std::getline(all, row)) {
+            if (++rows > done) {
+                UsageEvent e;
+                e.id = "opencode:row" + std::to_string(rows);
+                e.source = AgentSource::opencode;
+                e.occurredAt = 1.7e9 + static_cast<double>(rows);
+                e.provider = "anthropic";
+                e.model = "claude-sonnet-4-5";
+                e.sessionID = "s";
+                e.raw.input = 10;
+                e.raw.output = 1;
+                e.exclusive.inputUncached = 10;
+                e.exclusive.outputVisible = 1;
+                e.providerInputTotal = 10;
+                e.providerOutputTotal = 1;
+                e.providerTotal = 11;
+                sink(std::move(e));
+            }
+        }
+        IngestResult result;
+        result.checkpoint.source = AgentSource::opencode;
+        result.checkpoint.stableID = file.string();
+        result.checkpoint.parserVersion = 3;
+        result.checkpoint.parserContext = std::to_string(rows);
+        return result;
+    };
+    Ingestor ingestor(store, PriceTable::bundled(), nullptr, emptyEnvironment(),
+                      [&](AgentSource s) -> std::optional<SourceReader> {
+                          if (s == AgentSource::opencode) {
+                              return fake;
+                          }
+                          return std::nullopt;
+                      });
+    const AppSettings settings;
+    const auto scan = [&](bool force = false) {
+        return ingestor.scan(home.path(), settings, std::nullopt, force);
+    };
+    const auto events = [&] { return store.ledgerEventCount({}); };
+
+    scan();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_FALSE(calls[0].has_value());
+    EXPECT_EQ(events(), 2);
+
+    const auto unchanged = scan();
+    EXPECT_EQ(calls.size(), 1u) << "an unchanged store is not opened";
+    EXPECT_FALSE(unchanged.changed);
+
+    // The agent writes into its log only: the store is read on from its cursor.
+    const auto dbStamp = std::filesystem::last_write_time(db);
+    home.write(".local/share/opencode/opencode.db-wal", "row\n");
+    ASSERT_EQ(std::filesystem::last_write_time(db), dbStamp);
+    scan();
+    ASSERT_EQ(calls.size(), 2u);
+    ASSERT_TRUE(calls[1].has_value());
+    EXPECT_EQ(calls[1]->parserContext, "2");
+    EXPECT_EQ(events(), 3);
+
+    scan(true);
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_FALSE(calls[2].has_value()) << "a full rescan starts the store from nothing";
+    EXPECT_EQ(events(), 3);
+    EXPECT_EQ(ingestor.status(AgentSource::opencode), SourceStatus::healthy);
 }
 
 }  // namespace
