@@ -1,63 +1,24 @@
 #include "core/sources/claude_line_reader.hpp"
 
 #include <simdjson.h>
-#include <string.h>
 
-#include <cmath>
-
+#include "core/sources/json_fields.hpp"
 #include "core/sources/utf8.hpp"
 
 namespace kestrel {
 
 namespace dom = simdjson::dom;
+using JsonFields::isBlank;
+using JsonFields::looksLikeObject;
+using JsonFields::readCount;
+using JsonFields::readString;
 
 namespace {
 
 // Cheap pre-filters: a line that carries usage mentions both words; the rest (user turns with
 // large tool results, snapshots, summaries) is never parsed.
 bool mayCarryUsage(std::string_view line) {
-    return ::memmem(line.data(), line.size(), "\"usage\"", 7) != nullptr &&
-           ::memmem(line.data(), line.size(), "assistant", 9) != nullptr;
-}
-
-bool isBlank(std::string_view line) {
-    for (char c : line) {
-        if (c != ' ' && c != '\t' && c != '\r' && c != '\n') {
-            return false;
-        }
-    }
-    return true;
-}
-
-// A line that is not even shaped like an object is malformed without parsing it.
-bool looksLikeObject(std::string_view line) {
-    const auto first = line.find_first_not_of(" \t\r");
-    const auto last = line.find_last_not_of(" \t\r");
-    return first != std::string_view::npos && line[first] == '{' && line[last] == '}';
-}
-
-// Counts are integers; tolerate a float spelling ("12.0") but nothing else.
-bool readCount(dom::element v, int64_t& out) {
-    int64_t i;
-    if (!v.get_int64().get(i)) {
-        out = i;
-        return true;
-    }
-    double d;
-    if (!v.get_double().get(d) && std::isfinite(d) && std::fabs(d) < 9.0e18) {
-        out = static_cast<int64_t>(std::llround(d));
-        return true;
-    }
-    return false;
-}
-
-bool readString(dom::element v, std::string& out) {
-    std::string_view s;
-    if (v.get_string().get(s)) {
-        return false;
-    }
-    out.assign(s);
-    return true;
+    return JsonFields::mentions(line, "\"usage\"") && JsonFields::mentions(line, "assistant");
 }
 
 void readCacheSplit(dom::element v, ClaudeRecord& r) {

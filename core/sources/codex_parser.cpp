@@ -19,6 +19,7 @@
 #include "core/model/token_semantics.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
 #include "core/sources/file_discovery.hpp"
+#include "core/sources/json_fields.hpp"
 #include "core/sources/jsonl.hpp"
 #include "core/sources/utf8.hpp"
 #include "core/sources/zstd_reader.hpp"
@@ -134,6 +135,12 @@ std::string sessionIDFromName(const std::filesystem::path& rollout) {
 namespace {
 
 namespace dom = simdjson::dom;
+using JsonFields::isBlank;
+using JsonFields::looksLikeObject;
+using JsonFields::mentions;
+using JsonFields::readCount;
+using JsonFields::readNumber;
+using JsonFields::readString;
 
 // ---- reading one line ----------------------------------------------------------------------
 
@@ -174,58 +181,11 @@ struct CodexLine {
     std::optional<RateLimits> rateLimits;
 };
 
-bool isBlank(std::string_view line) {
-    return line.find_first_not_of(" \t\r\n") == std::string_view::npos;
-}
-
-bool looksLikeObject(std::string_view line) {
-    const auto first = line.find_first_not_of(" \t\r");
-    const auto last = line.find_last_not_of(" \t\r");
-    return first != std::string_view::npos && line[first] == '{' && line[last] == '}';
-}
-
-bool mentions(std::string_view line, std::string_view word) {
-    return ::memmem(line.data(), line.size(), word.data(), word.size()) != nullptr;
-}
-
 // Only three kinds of record matter; the rest (messages, tool output, reasoning) is most of
 // the bytes and is never parsed.
 bool mayMatter(std::string_view line) {
     return mentions(line, "token_count") || mentions(line, "session_meta") ||
            mentions(line, "turn_context");
-}
-
-bool readInt(dom::element v, int64_t& out) {
-    int64_t i;
-    if (!v.get_int64().get(i)) {
-        out = i;
-        return true;
-    }
-    double d;
-    if (!v.get_double().get(d) && std::isfinite(d) && std::fabs(d) < 9.0e18) {
-        out = static_cast<int64_t>(std::llround(d));
-        return true;
-    }
-    return false;
-}
-
-std::optional<double> readNumber(dom::element v) {
-    double d;
-    if (!v.get_double().get(d) && std::isfinite(d)) {
-        return d;
-    }
-    int64_t i;
-    if (!v.get_int64().get(i)) {
-        return static_cast<double>(i);
-    }
-    return std::nullopt;
-}
-
-void readString(dom::element v, std::string& out) {
-    std::string_view s;
-    if (!v.get_string().get(s)) {
-        out.assign(s);
-    }
 }
 
 std::optional<Counts> readCounts(dom::element v) {
@@ -236,17 +196,17 @@ std::optional<Counts> readCounts(dom::element v) {
     Counts c;
     for (auto [key, value] : o) {
         if (key == "input_tokens") {
-            readInt(value, c.snapshot.input);
+            readCount(value, c.snapshot.input);
         } else if (key == "cached_input_tokens") {
-            readInt(value, c.snapshot.cachedInput);
+            readCount(value, c.snapshot.cachedInput);
         } else if (key == "cache_write_input_tokens") {
-            readInt(value, c.snapshot.cacheCreate);
+            readCount(value, c.snapshot.cacheCreate);
         } else if (key == "output_tokens") {
-            readInt(value, c.snapshot.output);
+            readCount(value, c.snapshot.output);
         } else if (key == "reasoning_output_tokens") {
-            readInt(value, c.snapshot.reasoning);
+            readCount(value, c.snapshot.reasoning);
         } else if (key == "total_tokens") {
-            c.hasTotal = readInt(value, c.snapshot.providerTotal);
+            c.hasTotal = readCount(value, c.snapshot.providerTotal);
         }
     }
     return c;
@@ -263,7 +223,7 @@ std::optional<LimitWindow> readWindow(dom::element v) {
             w.usedPercent = readNumber(value);
         } else if (key == "window_minutes") {
             int64_t m = 0;
-            if (readInt(value, m)) {
+            if (readCount(value, m)) {
                 w.windowMinutes = m;
             }
         } else if (key == "resets_at") {
