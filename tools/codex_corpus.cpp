@@ -4,12 +4,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "tools/corpus_text.hpp"
 
@@ -163,9 +162,8 @@ class Generator {
   private:
     // --- files -------------------------------------------------------------------------
     bool openFile(const fs::path& path);
-    bool flush();
     bool closeFile();
-    int64_t fileBytes() const { return flushed_ + static_cast<int64_t>(buf_.size()); }
+    int64_t fileBytes() const { return file_.bytes(); }
     void beginLine(Session& s, std::string_view type, int64_t stepMs);
     void endLine();
     void mark(const Session& s);
@@ -199,60 +197,28 @@ class Generator {
     Account account_;
 
     std::string buf_;
-    std::FILE* file_ = nullptr;
-    int64_t flushed_ = 0;
+    std::string error_;
+    OutputFile file_{buf_, error_};
     std::size_t lineStart_ = 0;
     CodexRollout current_;
     std::vector<Mark> marks_;
-    std::string error_;
-    bool failed_ = false;  // a write failed; the rest of the file is dropped
 
     CodexCorpusSummary summary_;
 };
 
 bool Generator::openFile(const fs::path& path) {
-    std::error_code ec;
-    fs::create_directories(path.parent_path(), ec);
-    if (ec) {
-        error_ = "cannot create " + path.parent_path().string() + ": " + ec.message();
+    if (!file_.open(path))
         return false;
-    }
-    file_ = std::fopen(path.c_str(), "wb");
-    if (file_ == nullptr) {
-        error_ = "cannot write " + path.string() + ": " + std::strerror(errno);
-        return false;
-    }
-    std::setvbuf(file_, nullptr, _IONBF, 0);  // the writes are already large
-    flushed_ = 0;
     current_ = CodexRollout{};
     current_.path = path;
     marks_.clear();
-    buf_.clear();
     return true;
 }
 
-bool Generator::flush() {
-    if (buf_.empty())
-        return true;
-    if (!failed_ && std::fwrite(buf_.data(), 1, buf_.size(), file_) != buf_.size()) {
-        error_ = std::string("write failed: ") + std::strerror(errno);
-        failed_ = true;
-    }
-    flushed_ += static_cast<int64_t>(buf_.size());
-    buf_.clear();
-    return !failed_;
-}
-
 bool Generator::closeFile() {
-    const bool ok = flush();
-    current_.bytes = flushed_;
-    summary_.textBytes += flushed_;
-    if (std::fclose(file_) != 0 && ok) {
-        error_ = std::string("close failed: ") + std::strerror(errno);
-        file_ = nullptr;
-        return false;
-    }
-    file_ = nullptr;
+    const bool ok = file_.close();
+    current_.bytes = file_.flushed();
+    summary_.textBytes += file_.flushed();
     return ok;
 }
 
@@ -274,7 +240,7 @@ void Generator::endLine() {
     buf_.push_back('\n');
     ++current_.lines;
     if (buf_.size() >= kFlushAt)
-        flush();  // a failure is reported by closeFile
+        file_.flush();  // a failure is reported by closeFile
 }
 
 void Generator::mark(const Session& s) {
@@ -657,19 +623,9 @@ void Generator::writeTurns(Session& s, int64_t budget, bool fresh) {
 // The fork's copy of its parent's history up to `m`, every line under a fresh time: the burst
 // in which the agent wrote the copy.
 bool Generator::replay(const Written& parent, const Mark& m, Session& fork) {
-    std::FILE* in = std::fopen(parent.rollout.path.c_str(), "rb");
-    if (in == nullptr) {
-        error_ = "cannot reread " + parent.rollout.path.string();
-        return false;
-    }
     const std::size_t at = buf_.size();
-    buf_.resize(at + static_cast<std::size_t>(m.bytes));
-    const std::size_t got = std::fread(buf_.data() + at, 1, static_cast<std::size_t>(m.bytes), in);
-    std::fclose(in);
-    if (got != static_cast<std::size_t>(m.bytes)) {
-        error_ = "short read of " + parent.rollout.path.string();
+    if (!appendHead(buf_, parent.rollout.path, m.bytes, error_))
         return false;
-    }
     constexpr std::string_view head = "{\"timestamp\":\"";
     constexpr std::size_t stampLength = 24;
     std::size_t line = at;
@@ -689,7 +645,7 @@ bool Generator::replay(const Written& parent, const Mark& m, Session& fork) {
     current_.replayedLines += m.lines;
     current_.replayedReports += m.tokenCounts;
     if (buf_.size() >= kFlushAt)
-        flush();
+        file_.flush();
     return true;
 }
 
@@ -802,14 +758,9 @@ std::expected<CodexCorpusSummary, std::string> Generator::run() {
     std::vector<double> weights(static_cast<std::size_t>(total));
     for (auto& w : weights)
         w = 0.3 + 1.4 * rng_.unit();
-    double weightLeft = 0;
-    for (double w : weights)
-        weightLeft += w;
+    Shares shares(std::move(weights));
     auto budgetFor = [&](std::size_t file) {
-        const double left = static_cast<double>(target - summary_.textBytes);
-        const double b = left * weights[file] / weightLeft;
-        weightLeft -= weights[file];
-        return std::max<int64_t>(static_cast<int64_t>(b), 2'000);
+        return shares.take(file, target - summary_.textBytes);
     };
 
     std::vector<Written> written;

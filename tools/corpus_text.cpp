@@ -1,6 +1,10 @@
 #include "tools/corpus_text.hpp"
 
+#include <cerrno>
 #include <charconv>
+#include <cstring>
+#include <system_error>
+#include <utility>
 
 namespace kestrel::corpus::detail {
 
@@ -41,6 +45,19 @@ Civil civil(int64_t ms) {
     return {y, m, d, rest / 3'600'000, rest / 60'000 % 60, rest / 1000 % 60, rest % 1000};
 }
 
+// The date and the time of day in the places they have in "2025-10-03T10:15:30", whatever the
+// separators.
+void putDate(char* b, const Civil& c) {
+    appendDigits(b, c.year, 4);
+    appendDigits(b + 5, c.month, 2);
+    appendDigits(b + 8, c.day, 2);
+}
+void putTime(char* b, const Civil& c) {
+    appendDigits(b + 11, c.hour, 2);
+    appendDigits(b + 14, c.minute, 2);
+    appendDigits(b + 17, c.second, 2);
+}
+
 constexpr std::array<std::string_view, 24> kWords = {
     "value",  "index",   "config", "buffer", "session", "token", "parser", "result",
     "offset", "handler", "count",  "client", "request", "entry", "record", "stream",
@@ -57,6 +74,8 @@ bool isContinuation(char c) {
 }
 
 }  // namespace
+
+const Vocabulary kCodeVocabulary = {kWords, kTypes, kVerbs};
 
 Rng::Rng(uint64_t seed) {
     for (auto& s : state_) {
@@ -132,12 +151,8 @@ void appendTenths(std::string& out, int64_t tenths) {
 void appendTimestamp(std::string& out, int64_t ms) {
     const Civil c = civil(ms);
     char b[] = "0000-00-00T00:00:00.000Z";
-    appendDigits(b, c.year, 4);
-    appendDigits(b + 5, c.month, 2);
-    appendDigits(b + 8, c.day, 2);
-    appendDigits(b + 11, c.hour, 2);
-    appendDigits(b + 14, c.minute, 2);
-    appendDigits(b + 17, c.second, 2);
+    putDate(b, c);
+    putTime(b, c);
     appendDigits(b + 20, c.millis, 3);
     out.append(b, 24);
 }
@@ -145,25 +160,22 @@ void appendTimestamp(std::string& out, int64_t ms) {
 std::string fileTime(int64_t ms) {
     const Civil c = civil(ms);
     char b[] = "0000-00-00T00-00-00";
-    appendDigits(b, c.year, 4);
-    appendDigits(b + 5, c.month, 2);
-    appendDigits(b + 8, c.day, 2);
-    appendDigits(b + 11, c.hour, 2);
-    appendDigits(b + 14, c.minute, 2);
-    appendDigits(b + 17, c.second, 2);
+    putDate(b, c);
+    putTime(b, c);
     return std::string(b, 19);
 }
 
 std::string datePath(int64_t ms) {
     const Civil c = civil(ms);
     char b[] = "0000/00/00";
-    appendDigits(b, c.year, 4);
-    appendDigits(b + 5, c.month, 2);
-    appendDigits(b + 8, c.day, 2);
+    putDate(b, c);
     return std::string(b, 10);
 }
 
-void expand(std::string& out, Rng& rng, std::string_view tpl) {
+void expand(std::string& out, Rng& rng, std::string_view tpl, const Vocabulary& vocabulary) {
+    auto pick = [&](std::span<const std::string_view> items) {
+        return items[rng.below(items.size())];
+    };
     for (std::size_t i = 0; i < tpl.size(); ++i) {
         if (tpl[i] != '$' || i + 1 == tpl.size()) {
             out.push_back(tpl[i]);
@@ -171,13 +183,13 @@ void expand(std::string& out, Rng& rng, std::string_view tpl) {
         }
         switch (tpl[++i]) {
             case 'w':
-                out += rng.pick(kWords);
+                out += pick(vocabulary.words);
                 break;
             case 'T':
-                out += rng.pick(kTypes);
+                out += pick(vocabulary.types);
                 break;
             case 'v':
-                out += rng.pick(kVerbs);
+                out += pick(vocabulary.verbs);
                 break;
             case 'n':
                 appendInt(out, rng.logUniform(1, 100'000));
@@ -224,6 +236,83 @@ void appendEscaped(std::string& out, std::string_view body) {
         }
     }
     out.append(body, from, body.size() - from);
+}
+
+bool appendHead(std::string& out, const std::filesystem::path& path, int64_t bytes,
+                std::string& error) {
+    std::FILE* in = std::fopen(path.c_str(), "rb");
+    if (in == nullptr) {
+        error = "cannot reread " + path.string();
+        return false;
+    }
+    const std::size_t at = out.size();
+    const auto want = static_cast<std::size_t>(bytes);
+    out.resize(at + want);
+    const std::size_t got = std::fread(out.data() + at, 1, want, in);
+    std::fclose(in);
+    if (got != want) {
+        error = "short read of " + path.string();
+        return false;
+    }
+    return true;
+}
+
+Shares::Shares(std::vector<double> weights) : weights_(std::move(weights)) {
+    for (double w : weights_)
+        weightLeft_ += w;
+}
+
+int64_t Shares::take(std::size_t file, int64_t left) {
+    const double b = static_cast<double>(left) * weights_[file] / weightLeft_;
+    weightLeft_ -= weights_[file];
+    return std::max<int64_t>(static_cast<int64_t>(b), 2'000);
+}
+
+OutputFile::~OutputFile() {
+    if (file_ != nullptr)
+        std::fclose(file_);
+}
+
+bool OutputFile::open(const std::filesystem::path& path) {
+    std::error_code ec;
+    std::filesystem::create_directories(path.parent_path(), ec);
+    if (ec) {
+        error_ = "cannot create " + path.parent_path().string() + ": " + ec.message();
+        return false;
+    }
+    file_ = std::fopen(path.c_str(), "wb");
+    if (file_ == nullptr) {
+        error_ = "cannot write " + path.string() + ": " + std::strerror(errno);
+        return false;
+    }
+    std::setvbuf(file_, nullptr, _IONBF, 0);  // the writes are already large
+    flushed_ = 0;
+    failed_ = false;
+    buf_.clear();
+    return true;
+}
+
+bool OutputFile::flush() {
+    if (buf_.empty())
+        return !failed_;
+    if (!failed_ && std::fwrite(buf_.data(), 1, buf_.size(), file_) != buf_.size()) {
+        error_ = std::string("write failed: ") + std::strerror(errno);
+        failed_ = true;
+    }
+    flushed_ += static_cast<int64_t>(buf_.size());
+    buf_.clear();
+    return !failed_;
+}
+
+bool OutputFile::close() {
+    const bool ok = flush();
+    const bool closed = std::fclose(file_) == 0;
+    file_ = nullptr;
+    if (!closed && ok) {
+        error_ = std::string("close failed: ") + std::strerror(errno);
+        return false;
+    }
+    return ok;
 }
 
 }  // namespace kestrel::corpus::detail
