@@ -148,6 +148,12 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
             ctx.err << "kestrel: " << displayName(r.source)
                     << ": some files could not be read, so nothing was removed from the ledger\n";
         }
+        if (r.status == SourceStatus::formatChanged) {
+            ctx.err << "kestrel: " << displayName(r.source)
+                    << ": usage records were found but none could be read ("
+                    << counted(r.malformed, "malformed line", "malformed lines")
+                    << "); the agent may have changed how it writes them\n";
+        }
         if (r.status == SourceStatus::formatChanged || r.status == SourceStatus::unauthorized) {
             failed = true;
         }
@@ -190,9 +196,8 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
             ctx.out << displayName(r.source) << ": quota windows saved from its logs.\n";
         }
     }
-    std::string tail =
-        result.changed ? fmt::format("Saved to {}", ctx.supportDir.string())
-                       : std::string("Nothing new since the last scan; the ledger is unchanged");
+    std::string tail = result.changed ? fmt::format("Saved to {}", ctx.supportDir.string())
+                                      : std::string("No new usage; the ledger is unchanged");
     if (!repriced.skipped && repriced.count > 0) {
         tail += fmt::format("; prices changed, {} repriced",
                             counted(repriced.count, "observation", "observations"));

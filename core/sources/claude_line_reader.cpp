@@ -11,6 +11,7 @@ namespace dom = simdjson::dom;
 using JsonFields::isBlank;
 using JsonFields::looksLikeObject;
 using JsonFields::readCount;
+using JsonFields::readOptionalCount;
 using JsonFields::readString;
 
 namespace {
@@ -46,19 +47,21 @@ bool readUsage(dom::element v, ClaudeRecord& r) {
         return false;
     }
     for (auto [key, value] : usage) {
+        bool readable = true;
         if (key == "input_tokens") {
-            readCount(value, r.inputTokens);
+            readable = readOptionalCount(value, r.inputTokens);
         } else if (key == "cache_creation_input_tokens") {
-            readCount(value, r.cacheCreationInputTokens);
+            readable = readOptionalCount(value, r.cacheCreationInputTokens);
         } else if (key == "cache_read_input_tokens") {
-            readCount(value, r.cacheReadInputTokens);
+            readable = readOptionalCount(value, r.cacheReadInputTokens);
         } else if (key == "output_tokens") {
-            readCount(value, r.outputTokens);
+            readable = readOptionalCount(value, r.outputTokens);
         } else if (key == "service_tier") {
             readString(value, r.serviceTier);
         } else if (key == "cache_creation") {
             readCacheSplit(value, r);
         }
+        r.unreadableCount = r.unreadableCount || !readable;
     }
     return true;
 }
@@ -134,7 +137,8 @@ struct ClaudeLineReader::Impl {
         if (!isAssistant || !hasUsage) {
             return ClaudeLineKind::noUsage;
         }
-        return r.messageID.empty() ? ClaudeLineKind::malformed : ClaudeLineKind::usage;
+        return r.messageID.empty() || r.unreadableCount ? ClaudeLineKind::unreadableUsage
+                                                        : ClaudeLineKind::usage;
     }
 };
 

@@ -28,13 +28,16 @@ struct ClaudeRecord {
     std::string agentID;  // sub-agent transcripts
     bool isSidechain = false;
     bool isApiErrorMessage = false;
+    bool unreadableCount = false;  // a usage count of the wrong type or beyond any real request
 };
 
 enum class ClaudeLineKind {
-    usage,     // an assistant record with a usage object: `record` is filled
-    noUsage,   // a well-formed record of another kind, or without usage
-    blank,     // nothing but whitespace
-    malformed  // not JSON, not an object, or an unreadable usage record
+    usage,            // an assistant record with a usage object: `record` is filled
+    noUsage,          // a well-formed record of another kind, or without usage
+    blank,            // nothing but whitespace
+    malformed,        // not JSON, or not an object
+    unreadableUsage,  // an assistant record whose usage cannot be read: a count of the wrong
+                      // type or out of range, or no message id
 };
 
 class ClaudeLineReader {

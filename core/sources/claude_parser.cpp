@@ -156,10 +156,12 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
     IngestResult result;
     ClaudeLineReader reader;
     ClaudeRecord record;
+    int64_t usable = 0, unreadable = 0;
     auto end = JSONL::forEachCompleteLine(transcript, start, [&](std::string_view line, int64_t) {
         ++result.stats.lines;
         switch (reader.read(line, JSONL::kLinePadding, record)) {
             case ClaudeLineKind::usage:
+                ++usable;
                 if (isEmptyErrorRecord(record)) {
                     ++result.stats.withoutUsage;
                 } else {
@@ -172,6 +174,10 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
             case ClaudeLineKind::malformed:
                 ++result.stats.malformed;
                 break;
+            case ClaudeLineKind::unreadableUsage:
+                ++result.stats.malformed;
+                ++unreadable;
+                break;
             case ClaudeLineKind::blank:
                 break;
         }
@@ -182,6 +188,9 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
     result.stats.malformed += end->oversizedLines;
     result.stats.lines += end->oversizedLines;
     result.stats.bytes = end->nextOffset - start;
+    // Usage records that are there but none of which can be read: the agent changed how it
+    // writes them, which a person should hear about rather than see zero.
+    result.formatChanged = unreadable > 0 && usable == 0;
 
     SourceCheckpoint& cp = result.checkpoint;
     cp.source = AgentSource::claude;

@@ -148,7 +148,9 @@ enum class LineKind { blank, malformed, other, sessionMeta, turnContext, tokenCo
 
 struct Counts {
     TokenSnapshot snapshot;
-    bool hasTotal = false;  // total_tokens was written
+    bool hasTotal = false;    // total_tokens was written
+    int known = 0;            // token keys read
+    bool unreadable = false;  // a token key of the wrong type or out of range
 };
 
 struct LimitWindow {
@@ -195,18 +197,28 @@ std::optional<Counts> readCounts(dom::element v) {
     }
     Counts c;
     for (auto [key, value] : o) {
+        int64_t* field = nullptr;
         if (key == "input_tokens") {
-            readCount(value, c.snapshot.input);
+            field = &c.snapshot.input;
         } else if (key == "cached_input_tokens") {
-            readCount(value, c.snapshot.cachedInput);
+            field = &c.snapshot.cachedInput;
         } else if (key == "cache_write_input_tokens") {
-            readCount(value, c.snapshot.cacheCreate);
+            field = &c.snapshot.cacheCreate;
         } else if (key == "output_tokens") {
-            readCount(value, c.snapshot.output);
+            field = &c.snapshot.output;
         } else if (key == "reasoning_output_tokens") {
-            readCount(value, c.snapshot.reasoning);
+            field = &c.snapshot.reasoning;
         } else if (key == "total_tokens") {
-            c.hasTotal = readCount(value, c.snapshot.providerTotal);
+            field = &c.snapshot.providerTotal;
+        }
+        if (field == nullptr || value.is_null()) {
+            continue;
+        }
+        if (readCount(value, *field)) {
+            ++c.known;
+            c.hasTotal = c.hasTotal || field == &c.snapshot.providerTotal;
+        } else {
+            c.unreadable = true;
         }
     }
     return c;
@@ -466,6 +478,8 @@ struct Reading {
     IngestResult& result;
     const EventSink& sink;
     double quotaAt = -1;
+    int64_t usableReports = 0;
+    int64_t unreadableReports = 0;
 
     const TokenSnapshot* baseline() const {
         return context.tokenUsageBaselines.empty() ? nullptr : &context.tokenUsageBaselines.back();
@@ -557,15 +571,30 @@ struct Reading {
                 }
             }
         }
-        if (!line.hasInfo || (line.total && isContextFill(*line.total)) ||
-            (!line.total && (!line.last || isContextFill(*line.last)))) {
+        if (!line.hasInfo) {
+            ++result.stats.withoutUsage;  // a rate-limit-only report
+            return;
+        }
+        const bool totalUsable = line.total && !line.total->unreadable && line.total->known > 0;
+        const bool lastUsable = line.last && !line.last->unreadable && line.last->known > 0;
+        if ((line.total && line.total->unreadable) || (line.last && line.last->unreadable) ||
+            (!totalUsable && !lastUsable)) {
+            // Usage that is there but cannot be read: a count of the wrong type or far beyond
+            // any request, or token objects without a single known key.
+            ++result.stats.malformed;
+            ++unreadableReports;
+            return;
+        }
+        ++usableReports;
+        if ((totalUsable && isContextFill(*line.total)) ||
+            (!totalUsable && isContextFill(*line.last))) {
             ++result.stats.withoutUsage;
             return;
         }
         std::optional<TokenSnapshot> usage;
         TokenSnapshot identityTotals;
         bool hasTotal = false;
-        if (line.total) {
+        if (totalUsable) {
             const TokenSnapshot& totals = line.total->snapshot;
             identityTotals = totals;
             hasTotal = line.total->hasTotal;
@@ -593,12 +622,20 @@ struct Reading {
             usage = line.last->snapshot;
             hasTotal = line.last->hasTotal;
             TokenSnapshot moved = baseline() ? *baseline() : TokenSnapshot{};
-            moved.input += usage->input;
-            moved.cachedInput += usage->cachedInput;
-            moved.cacheCreate += usage->cacheCreate;
-            moved.output += usage->output;
-            moved.reasoning += usage->reasoning;
-            moved.providerTotal += usage->providerTotal;
+            bool overflow = false;
+            for (auto [sum, add] : {std::pair{&moved.input, usage->input},
+                                    std::pair{&moved.cachedInput, usage->cachedInput},
+                                    std::pair{&moved.cacheCreate, usage->cacheCreate},
+                                    std::pair{&moved.output, usage->output},
+                                    std::pair{&moved.reasoning, usage->reasoning},
+                                    std::pair{&moved.providerTotal, usage->providerTotal}}) {
+                overflow = __builtin_add_overflow(*sum, add, sum) || overflow;
+            }
+            if (overflow) {
+                // Only a file built to break readers sums past 64 bits; it proves nothing.
+                ++result.stats.malformed;
+                return;
+            }
             setBaseline(moved);
             identityTotals = moved;
         }
@@ -730,6 +767,9 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
     }
     result.stats.malformed += end->oversizedLines;
     result.stats.lines += end->oversizedLines;
+    // Token reports that are there but none of which can be read: Codex changed how it writes
+    // them, which a person should hear about rather than see zero.
+    result.formatChanged = reading.unreadableReports > 0 && reading.usableReports == 0;
 
     SourceCheckpoint& cp = result.checkpoint;
     cp.source = AgentSource::codex;

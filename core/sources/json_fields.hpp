@@ -31,20 +31,34 @@ inline bool mentions(std::string_view line, std::string_view word) {
     return ::memmem(line.data(), line.size(), word.data(), word.size()) != nullptr;
 }
 
-// A token count: an integer, or a float spelling of one ("12.0", rounded); false, leaving `out`
-// alone, for anything else.
+// No single request comes near a trillion tokens; a count beyond it is damage or hostility, and
+// refusing it here keeps every later sum of counts far from 64-bit overflow.
+inline constexpr int64_t kMaxTokenCount = 1'000'000'000'000;
+
+// A token count: an integer, or a float spelling of one ("12.0", rounded), at most
+// kMaxTokenCount either way from zero; false, leaving `out` alone, for anything else.
 inline bool readCount(simdjson::dom::element v, int64_t& out) {
     int64_t i;
     if (!v.get_int64().get(i)) {
+        if (i > kMaxTokenCount || i < -kMaxTokenCount) {
+            return false;
+        }
         out = i;
         return true;
     }
     double d;
-    if (!v.get_double().get(d) && std::isfinite(d) && std::fabs(d) < 9.0e18) {
+    if (!v.get_double().get(d) && std::isfinite(d) &&
+        std::fabs(d) <= static_cast<double>(kMaxTokenCount)) {
         out = static_cast<int64_t>(std::llround(d));
         return true;
     }
     return false;
+}
+
+// As readCount, for a field that may also be null (absent): true when it is a count or null,
+// false for any other value, such as a string or a count out of range.
+inline bool readOptionalCount(simdjson::dom::element v, int64_t& out) {
+    return v.is_null() || readCount(v, out);
 }
 
 // Any finite number; absent for other values.

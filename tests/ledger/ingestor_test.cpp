@@ -162,10 +162,20 @@ TEST_F(IngestorTest, SourceStatusFollowsWhatTheScanMet) {
     scan();
     EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::authorizedEmpty);
 
+    // Usage records none of which can be read: the agent changed its format.
+    home.write(".claude/projects/p/s.jsonl",
+               R"({"type":"assistant","message":{"id":"m","usage":{"output_tokens":"5"}}})"
+               "\n");
+    scan();
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::formatChanged);
+    EXPECT_EQ(
+        repository.activeInstance(*PluginRegistry::stableID(AgentSource::claude))->health.state,
+        IntegrationHealthState::formatChanged);
+
     // An empty selection reads nothing and leaves statuses alone.
     const auto none = scan(std::set<AgentSource>{});
     EXPECT_EQ(none, ScanProgress{});
-    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::authorizedEmpty);
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::formatChanged);
 }
 
 TEST_F(IngestorTest, AnUnreadableRootIsUnauthorized) {

@@ -125,6 +125,15 @@ TEST(ClaudeIngest, ClassifiesEveryLineShape) {
          0, 0, 1},
         {"assistant without id",
          R"({"type":"assistant","message":{"model":"m","usage":{"output_tokens":3}}})", 0, 1, 0},
+        {"count as text", assistantLine("m6", 5, "", R"(,"input_tokens":"12")"), 0, 1, 0},
+        {"count beyond any request",
+         R"({"type":"assistant","message":{"id":"m7","usage":{"input_tokens":9000000000000000000,)"
+         R"("cache_read_input_tokens":9000000000000000000,"output_tokens":1}}})",
+         0, 1, 0},
+        {"null count is absent",
+         R"({"type":"assistant","message":{"id":"m8","usage":{"input_tokens":null,)"
+         R"("output_tokens":2}}})",
+         1, 0, 0},
         {"API error line",
          R"({"type":"assistant","isApiErrorMessage":true,"message":{"id":"m4",)"
          R"("model":"<synthetic>","usage":{"input_tokens":0,"output_tokens":0}}})",
@@ -145,6 +154,29 @@ TEST(ClaudeIngest, ClassifiesEveryLineShape) {
         EXPECT_EQ(result.stats.malformed, c.malformed) << c.name;
         EXPECT_EQ(result.stats.withoutUsage, c.withoutUsage) << c.name;
         EXPECT_EQ(result.stats.lines, 1) << c.name;
+    }
+}
+
+// Usage records that are all unreadable tell of a changed format; one readable record among them
+// says the format holds and the others are damage.
+TEST(ClaudeIngest, OnlyUnreadableUsageIsAFormatChange) {
+    const std::string bad = assistantLine("b1", 5, "", R"(,"output_tokens":{"n":5})");
+    const struct {
+        std::string text;
+        bool formatChanged;
+    } cases[] = {
+        {bad + bad, true},
+        {bad + assistantLine("g1", 5), false},
+        {R"({"type":"user","message":{"content":"no usage at all"}})"
+         "\n",
+         false},
+        {"not json\n", false},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        EXPECT_EQ(ingestFile(dir.write("projects/p/s.jsonl", c.text)).formatChanged,
+                  c.formatChanged)
+            << c.text;
     }
 }
 

@@ -368,6 +368,53 @@ TEST(CodexIngest, MalformedLinesAreSkippedAndCounted) {
     EXPECT_EQ(result.stats.lines, 6);
 }
 
+// Reports whose counts cannot be trusted are malformed and change nothing, so the reports around
+// them keep their meaning; a file of nothing else says the format changed.
+TEST(CodexIngest, UnreadableReportsAreMalformedAndOnlyThemIsAFormatChange) {
+    const auto raw = [](const nlohmann::json& total) {
+        return line(ts(30), "event_msg",
+                    {{"type", "token_count"}, {"info", {{"total_token_usage", total}}}});
+    };
+    const struct {
+        const char* name;
+        std::string bad;
+    } cases[] = {
+        {"count as text", raw({{"input_tokens", "12"}, {"output_tokens", 1}})},
+        {"count beyond any request",
+         raw({{"input_tokens", 9000000000000000000LL}, {"output_tokens", 1}})},
+        {"large negative count", raw({{"input_tokens", -9000000000000000000LL}})},
+        {"no known key", raw({{"prompt", 12}, {"completion", 3}})},
+        {"token object of another type", raw("lots")},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        const auto alone = ingestFile(dir.write(kName, meta(kSession, ts(0)) + c.bad));
+        EXPECT_TRUE(alone.events.empty()) << c.name;
+        EXPECT_EQ(alone.stats.malformed, 1) << c.name;
+        EXPECT_TRUE(alone.formatChanged) << c.name;
+
+        // Between two good reports it neither counts nor moves the baseline.
+        const auto mixed =
+            ingestFile(dir.write(kName, meta(kSession, ts(0)) + report(ts(10), {100, 0, 10, 0}) +
+                                            c.bad + report(ts(50), {160, 0, 15, 0})));
+        ASSERT_EQ(mixed.events.size(), 2u) << c.name;
+        EXPECT_EQ(mixed.events[1].raw.input, 60) << c.name;
+        EXPECT_FALSE(mixed.formatChanged) << c.name;
+    }
+    // The largest count a request could plausibly carry is still read.
+    TempDir dir;
+    const auto huge = [](int second) {
+        const nlohmann::json last{{"input_tokens", 1'000'000'000'000LL}, {"output_tokens", 1}};
+        return line(ts(second), "event_msg",
+                    {{"type", "token_count"}, {"info", {{"last_token_usage", last}}}});
+    };
+    std::string text = meta(kSession, ts(0));
+    for (int i = 1; i <= 3; ++i) {
+        text += huge(i);
+    }
+    EXPECT_EQ(ingestFile(dir.write(kName, text)).events.size(), 3u);
+}
+
 TEST(CodexIngest, EventEnvelopeWithCacheWritesIsAccepted) {
     TempDir dir;
     nlohmann::json info{{"total_token_usage",
