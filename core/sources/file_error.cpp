@@ -7,7 +7,9 @@ namespace kestrel {
 
 std::string FileError::description() const {
     std::string out = "cannot " + operation + " " + path;
-    if (errorNumber != 0) {
+    if (!detail.empty()) {
+        out += ": " + detail;
+    } else if (errorNumber != 0) {
         out += ": ";
         out += std::strerror(errorNumber);
     }
@@ -15,7 +17,7 @@ std::string FileError::description() const {
 }
 
 FileError fileErrorFromErrno(std::string path, std::string operation) {
-    return FileError{std::move(path), std::move(operation), errno};
+    return FileError{std::move(path), std::move(operation), errno, {}};
 }
 
 }  // namespace kestrel

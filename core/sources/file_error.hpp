@@ -10,8 +10,10 @@ struct FileError {
     std::string path;
     std::string operation;  // "open", "read", "stat", ...
     int errorNumber = 0;    // errno at the failure
+    std::string detail;     // the cause in words where errno has none (a damaged frame, ...)
 
-    // "cannot read /x/y.jsonl: Permission denied"
+    // "cannot read /x/y.jsonl: Permission denied"; the detail, when there is one, stands for
+    // the errno text.
     std::string description() const;
 
     bool operator==(const FileError&) const = default;

@@ -27,7 +27,8 @@ class ReadOnlyFile {
             return std::unexpected(fileErrorFromErrno(path.string(), "stat"));
         }
         if (!S_ISREG(st.st_mode)) {
-            return std::unexpected(FileError{path.string(), "read (not a regular file)", EINVAL});
+            return std::unexpected(
+                FileError{path.string(), "read (not a regular file)", EINVAL, {}});
         }
         const int flags = ::fcntl(fd, F_GETFL);
         if (flags >= 0) {

@@ -106,6 +106,12 @@ class LineSplitter {
     JSONL::ReadEnd end_;
 };
 
+// A decoder error in words ("Unknown frame descriptor": not Zstandard data at all, ...).
+FileError damaged(const std::filesystem::path& path, std::size_t code) {
+    return FileError{path.string(), "decompress", EILSEQ,
+                     std::string("damaged Zstandard data (") + ZSTD_getErrorName(code) + ")"};
+}
+
 }  // namespace
 
 std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path& path,
@@ -117,7 +123,7 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
     }
     std::unique_ptr<ZSTD_DStream, StreamFreer> stream(ZSTD_createDStream());
     if (!stream || ZSTD_isError(ZSTD_initDStream(stream.get()))) {
-        return std::unexpected(FileError{path.string(), "decompress", ENOMEM});
+        return std::unexpected(FileError{path.string(), "decompress", ENOMEM, {}});
     }
     std::vector<char> in(ZSTD_DStreamInSize());
     std::vector<char> out(ZSTD_DStreamOutSize());
@@ -138,7 +144,7 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
             ZSTD_outBuffer output{out.data(), out.size(), 0};
             pending = ZSTD_decompressStream(stream.get(), &output, &input);
             if (ZSTD_isError(pending)) {
-                return std::unexpected(FileError{path.string(), "decompress", EILSEQ});
+                return std::unexpected(damaged(path, pending));
             }
             splitter.feed(out.data(), output.pos);
         }
@@ -148,7 +154,7 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
             ZSTD_inBuffer none{nullptr, 0, 0};
             const std::size_t hint = ZSTD_decompressStream(stream.get(), &output, &none);
             if (ZSTD_isError(hint)) {
-                return std::unexpected(FileError{path.string(), "decompress", EILSEQ});
+                return std::unexpected(damaged(path, hint));
             }
             if (output.pos == 0) {
                 break;  // nothing held back; after a finished frame the hint is the next header
@@ -162,7 +168,8 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
     }
     if (sawInput && pending != 0) {
         // The last frame stops short: the file was cut off.
-        return std::unexpected(FileError{path.string(), "decompress", EILSEQ});
+        return std::unexpected(FileError{path.string(), "decompress", EILSEQ,
+                                         "the compressed data ends inside a frame (cut off?)"});
     }
     return splitter.finish();
 }

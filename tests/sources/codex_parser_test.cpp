@@ -346,15 +346,28 @@ TEST(CodexIngest, CompressedRolloutReadsLikeThePlainOne) {
     EXPECT_EQ(ingestFile(zstFile, stale).events.size(), 3u);
 }
 
-TEST(CodexIngest, DamagedCompressedRolloutIsAReadError) {
-    TempDir dir;
-    std::string packed = compress(basicSession());
-    packed.resize(packed.size() / 2);
-    const auto file = dir.write(std::string(kName) + ".zst", packed);
-    const auto result =
-        CodexParser::ingest(file, std::nullopt, AppSettings{}, PriceTable::empty(), "gpt-5");
-    ASSERT_FALSE(result.has_value());
-    EXPECT_EQ(result.error().operation, "decompress");
+TEST(CodexIngest, DamagedCompressedRolloutIsAReadErrorThatSaysWhy) {
+    const std::string packed = compress(basicSession());
+    std::string corrupt = packed;
+    corrupt[0] = 'X';  // the frame's magic number
+    const struct {
+        const char* name;
+        std::string bytes;
+        const char* says;
+    } cases[] = {
+        {"cut off", packed.substr(0, packed.size() / 2), "ends inside a frame"},
+        {"not Zstandard", corrupt, "damaged Zstandard data"},
+    };
+    for (const auto& c : cases) {
+        TempDir dir;
+        const auto file = dir.write(std::string(kName) + ".zst", c.bytes);
+        const auto result =
+            CodexParser::ingest(file, std::nullopt, AppSettings{}, PriceTable::empty(), "gpt-5");
+        ASSERT_FALSE(result.has_value()) << c.name;
+        EXPECT_EQ(result.error().operation, "decompress") << c.name;
+        EXPECT_NE(result.error().description().find(c.says), std::string::npos)
+            << result.error().description();
+    }
 }
 
 TEST(CodexIngest, MalformedLinesAreSkippedAndCounted) {
