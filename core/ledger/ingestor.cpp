@@ -1,7 +1,6 @@
 #include "core/ledger/ingestor.hpp"
 
 #include <dirent.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <chrono>
@@ -76,7 +75,7 @@ struct Ingestor::Planned {
     std::vector<std::filesystem::path> roots;
     std::vector<FileError> rootErrors;
     std::vector<std::filesystem::path> files;
-    std::map<std::string, SourceCheckpoint> stored;  // by stable id
+    const std::map<std::string, SourceCheckpoint>* stored = nullptr;  // by stable id
     std::string defaultModel;
 };
 
@@ -173,25 +172,24 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
         planned.source = source;
         planned.reader = *readers_(source);
         planned.roots = AgentCatalog::installedRoots(source, home, env_);
-        // Two roots (or a link inside one) may lead to the same file: read it once.
-        std::set<std::pair<dev_t, ino_t>> seen;
         for (const auto& root : planned.roots) {
             if (auto error = unreadableRoot(root)) {
                 planned.rootErrors.push_back(*error);
                 continue;
             }
-            for (auto& file : planned.reader.discover(root)) {
-                struct stat st {};
-                if (::stat(file.c_str(), &st) == 0 && !seen.insert({st.st_dev, st.st_ino}).second) {
-                    continue;
-                }
-                planned.files.push_back(std::move(file));
-            }
+            auto found = planned.reader.discover(root);
+            planned.files.insert(planned.files.end(), std::make_move_iterator(found.begin()),
+                                 std::make_move_iterator(found.end()));
         }
         if (!planned.roots.empty()) {
-            for (auto& checkpoint : store_.checkpoints(source)) {
-                planned.stored.emplace(checkpoint.stableID, std::move(checkpoint));
+            auto cached = checkpointCache_.find(source);
+            if (cached == checkpointCache_.end()) {
+                cached = checkpointCache_.try_emplace(source).first;
+                for (auto& checkpoint : store_.checkpoints(source)) {
+                    cached->second.emplace(checkpoint.stableID, std::move(checkpoint));
+                }
             }
+            planned.stored = &cached->second;
             if (planned.reader.defaultModel) {
                 planned.defaultModel = planned.reader.defaultModel(planned.roots);
             }
@@ -261,6 +259,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     std::optional<AccountSnapshot> quota;
     bool formatChanged = false;
     bool readFailed = false;
+    std::set<std::pair<uint64_t, uint64_t>> identities;
 
     for (std::size_t i = 0; i < planned.files.size(); ++i) {
         if (stop.stop_requested()) {
@@ -268,8 +267,10 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         }
         const auto& file = planned.files[i];
         std::optional<SourceCheckpoint> previous;
-        if (auto it = planned.stored.find(normalised(file)); it != planned.stored.end()) {
-            previous = it->second;
+        if (planned.stored != nullptr) {
+            if (auto it = planned.stored->find(normalised(file)); it != planned.stored->end()) {
+                previous = it->second;
+            }
         }
         FileReadDecision decision;
         if (reader.kind == SourceReaderKind::store) {
@@ -281,6 +282,12 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
                                 : FileReadPlan::resume;
         } else {
             decision = decideFileRead(file, previous, reader.parserVersion);
+        }
+        // Two roots (or a link inside one) may lead to the same file: it is read once.
+        if (decision.identity && !identities.insert(*decision.identity).second) {
+            --report.filesSeen;
+            onFileProgress(static_cast<int64_t>(i + 1), 0, planned.source);
+            continue;
         }
         if (force) {
             decision.plan = FileReadPlan::fromStart;
@@ -359,7 +366,18 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
                 report.replaceWithheld = true;
             }
         }
-        const auto outcome = store_.ingest({}, checkpoints, replacing, batch);
+        std::optional<LedgerIngestOutcome> outcome;
+        try {
+            outcome = store_.ingest({}, checkpoints, replacing, batch);
+        } catch (...) {
+            checkpointCache_.erase(planned.source);  // what the ledger holds is read again
+            throw;
+        }
+        auto& cached = checkpointCache_[planned.source];
+        for (auto& checkpoint : checkpoints) {
+            auto id = checkpoint.stableID;
+            cached.insert_or_assign(std::move(id), std::move(checkpoint));
+        }
         report.committed = true;
         report.replaced = replacing.has_value();
         if (outcome) {

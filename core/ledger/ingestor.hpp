@@ -103,6 +103,10 @@ class Ingestor {
     std::map<AgentSource, SourceStatus> sourceStatus_;
     std::map<AgentSource, ScanIngestCounts> scanIngestCounts_;
     std::vector<SourceScanReport> lastReports_;
+    // The stored checkpoints of each source, by stable id, as the ledger holds them: loaded once,
+    // then kept in step with every commit, so that a scan started by a watcher batch does not
+    // read and decode every checkpoint of the source again. Used by the scanning thread only.
+    std::map<AgentSource, std::map<std::string, SourceCheckpoint>> checkpointCache_;
     std::atomic<bool> paused_{false};
     std::atomic<int64_t> liveCompleted_{0};
     std::atomic<int64_t> liveTotal_{0};

@@ -10,6 +10,7 @@ namespace {
 
 struct FileFacts {
     int64_t size = 0;
+    uint64_t device = 0;
     uint64_t inode = 0;
     std::string stamp;
 };
@@ -21,7 +22,8 @@ std::optional<FileFacts> examine(const std::filesystem::path& path) {
     }
     const int64_t mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 +
                             static_cast<int64_t>(st.st_mtim.tv_nsec);
-    return FileFacts{static_cast<int64_t>(st.st_size), static_cast<uint64_t>(st.st_ino),
+    return FileFacts{static_cast<int64_t>(st.st_size), static_cast<uint64_t>(st.st_dev),
+                     static_cast<uint64_t>(st.st_ino),
                      std::to_string(st.st_size) + ":" + std::to_string(mtimeNs)};
 }
 
@@ -39,6 +41,7 @@ FileReadDecision decideFileRead(const std::filesystem::path& path,
     const auto facts = examine(path);
     if (facts) {
         d.fileStamp = facts->stamp;
+        d.identity = std::pair{facts->device, facts->inode};
     }
     if (!checkpoint) {
         d.reason = "new file";

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "core/model/source_checkpoint.hpp"
 
@@ -24,7 +25,9 @@ struct FileReadDecision {
     FileReadPlan plan = FileReadPlan::fromStart;
     int64_t startOffset = 0;
     std::optional<std::string> fileStamp;  // "<size>:<mtime ns>" now; absent when stat failed
-    std::string reason;                    // why, for diagnostics ("new file", "replaced", ...)
+    // (device, inode) now, telling two paths to one file apart; absent when stat failed
+    std::optional<std::pair<uint64_t, uint64_t>> identity;
+    std::string reason;  // why, for diagnostics ("new file", "replaced", ...)
 };
 
 // "<size>:<mtime ns>" of the file, or absent when it cannot be examined.

@@ -34,6 +34,16 @@ struct Walker {
                 return;
             }
             const auto& path = it->path();
+            // The type read with the folder listing spares a stat per file; only folders (for
+            // their identity) and links (to follow them) need one.
+            std::error_code typeError;
+            if (!it->is_symlink(typeError) && !typeError && it->is_regular_file(typeError) &&
+                !typeError) {
+                if (!options.accept || options.accept(path)) {
+                    found.push_back(path);
+                }
+                continue;
+            }
             struct stat st {};
             if (::stat(path.c_str(), &st) != 0) {
                 continue;  // dangling link, vanished file, no permission
@@ -66,7 +76,15 @@ std::vector<std::filesystem::path> discoverFiles(const std::filesystem::path& ro
     }
     walker.ancestors.insert({st.st_dev, st.st_ino});
     walker.walk(root, 0);
-    std::sort(walker.found.begin(), walker.found.end());
+    // Component by component (a folder before a file whose name extends the folder's), computed
+    // on the text with the separator ranked lowest: path::compare's own walk costs several times
+    // as much for the same order.
+    std::ranges::sort(walker.found, [](const std::filesystem::path& a,
+                                       const std::filesystem::path& b) {
+        const auto rank = [](char c) { return c == '/' ? 0 : static_cast<unsigned char>(c) + 1; };
+        return std::ranges::lexicographical_compare(
+            a.native(), b.native(), [&](char x, char y) { return rank(x) < rank(y); });
+    });
     return std::move(walker.found);
 }
 
