@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <ctime>
+#include <filesystem>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -119,11 +120,19 @@ int runWatch(CommandContext& ctx, const WatchOptions& options, bool json, std::s
     int exitCode = kExitOK;
     try {
         scanWithProgress(ctx, *collector, *only, false, onSourceDone, stop);
-        ctx.out << fmt::format(
-                       "Watching {} below {}; Ctrl-C stops.",
-                       counted(static_cast<int64_t>(roots.size()), "agent folder", "agent folders"),
-                       ctx.home.string())
-                << std::endl;
+        int64_t present = 0;
+        for (const auto& root : roots) {
+            std::error_code ec;
+            present += std::filesystem::exists(root, ec) ? 1 : 0;
+        }
+        // With --json the standard output carries only the commit lines.
+        (json ? ctx.err : ctx.out)
+            << fmt::format(
+                   "Watching {} below {} (and {} more where agents may appear); Ctrl-C "
+                   "stops.",
+                   counted(present, "agent folder", "agent folders"), ctx.home.string(),
+                   static_cast<int64_t>(roots.size()) - present)
+            << std::endl;
         if (onReady) {
             onReady();
         }

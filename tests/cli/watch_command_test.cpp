@@ -45,15 +45,15 @@ std::string codexReport(const std::string& ts, int64_t input) {
 // `kestrel watch` on a thread of its own, stopped the way Ctrl-C stops it.
 class WatchCommandTest : public ::testing::Test {
   protected:
-    void start() {
+    void start(bool json = false) {
         ctx.home = home.path();
         ctx.supportDir = support.path();
         ctx.env = emptyEnvironment();
         std::promise<void> ready;
         auto isReady = ready.get_future();
-        runner = std::thread([this, promise = std::move(ready)]() mutable {
+        runner = std::thread([this, json, promise = std::move(ready)]() mutable {
             exitCode =
-                cli::runWatch(ctx, {}, false, stopper.get_token(), [&] { promise.set_value(); });
+                cli::runWatch(ctx, {}, json, stopper.get_token(), [&] { promise.set_value(); });
         });
         ASSERT_EQ(isReady.wait_for(20s), std::future_status::ready) << err.str();
     }
@@ -130,6 +130,24 @@ TEST_F(WatchCommandTest, AnAgentFolderThatAppearsLaterIsFollowed) {
             codexReport("2026-03-02T11:00:05Z", 100));
     EXPECT_TRUE(ledgerReaches(1)) << out.str() << err.str();
     EXPECT_EQ(stop(), cli::kExitOK);
+}
+
+TEST_F(WatchCommandTest, JsonOutputIsOneObjectPerCommit) {
+    home.write(".claude/projects/p/a.jsonl", claudeLine("m1"));
+    start(true);
+    home.append(".claude/projects/p/a.jsonl", claudeLine("m2"));
+    ASSERT_TRUE(ledgerReaches(2)) << err.str();
+    EXPECT_EQ(stop(), cli::kExitOK);
+    std::istringstream lines(out.str());
+    std::string text;
+    int commits = 0;
+    while (std::getline(lines, text)) {
+        const auto j = nlohmann::json::parse(text);  // throws on anything that is not JSON
+        EXPECT_EQ(j["source"], "claude");
+        commits += j["events"].get<int>();
+    }
+    EXPECT_EQ(commits, 2);  // the first scan's and the watcher's
+    EXPECT_NE(err.str().find("Watching"), std::string::npos);
 }
 
 TEST_F(WatchCommandTest, AnUnknownSourceIsAUsageError) {
