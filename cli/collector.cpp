@@ -3,30 +3,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
-#include <chrono>
 
 #include "cli/local_time.hpp"
 #include "cli/store_access.hpp"
 #include "cli/text_table.hpp"
+#include "core/model/timestamp.hpp"
 #include "core/pricing/money_format.hpp"
 #include "core/pricing/price_table.hpp"
 
 namespace kestrel::cli {
-namespace {
-
-std::string lower(std::string_view s) {
-    std::string out(s);
-    std::ranges::transform(out, out.begin(), [](unsigned char c) { return std::tolower(c); });
-    return out;
-}
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
-}  // namespace
 
 std::unique_ptr<Collector> openCollector(CommandContext& ctx) {
     auto collector = std::make_unique<Collector>();
@@ -40,7 +25,7 @@ std::unique_ptr<Collector> openCollector(CommandContext& ctx) {
         collector->store->repriceIfFingerprintChanged(prices, ctx.settings.billingMode);
     collector->coordinator = std::make_unique<IntegrationInstanceCoordinator>(
         PluginRegistry::builtIn(), *collector->store);
-    collector->coordinator->reconcileInstallations(ctx.home, now(), ctx.env);
+    collector->coordinator->reconcileInstallations(ctx.home, epochNow(), ctx.env);
     collector->ingestor = std::make_unique<Ingestor>(*collector->store, std::move(prices),
                                                      collector->coordinator.get(), ctx.env);
     return collector;
@@ -67,13 +52,7 @@ std::optional<std::optional<std::set<AgentSource>>> parseSources(
     const auto readable = Ingestor::scannableSources(ctx.home, ctx.env);
     std::set<AgentSource> out;
     for (const auto& name : names) {
-        std::optional<AgentSource> found;
-        for (auto s : allAgentSources()) {
-            if (lower(rawValue(s)) == lower(name) || lower(displayName(s)) == lower(name)) {
-                found = s;
-                break;
-            }
-        }
+        const auto found = agentSourceNamed(name);
         if (!found) {
             std::string known;
             for (auto s : allAgentSources()) {

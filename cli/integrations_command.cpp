@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cctype>
 #include <optional>
 
 #include "cli/cli.hpp"
@@ -15,22 +14,6 @@ namespace {
 constexpr std::string_view kNetworkPresetNotice =
     "Enables Local read and Online lookup for every detected Agent: reads local credentials to "
     "query official quota or account usage. Hooks are never installed by this action.";
-
-std::string lower(std::string_view s) {
-    std::string out(s);
-    std::ranges::transform(out, out.begin(), [](unsigned char c) { return std::tolower(c); });
-    return out;
-}
-
-std::optional<AgentSource> findSource(std::string_view name) {
-    const auto wanted = lower(name);
-    for (auto s : allAgentSources()) {
-        if (lower(rawValue(s)) == wanted || lower(displayName(s)) == wanted) {
-            return s;
-        }
-    }
-    return std::nullopt;
-}
 
 std::string knownSources() {
     std::string out;
@@ -79,7 +62,7 @@ std::size_t pluginIndex(const PluginRegistry& registry, const IntegrationPluginI
 
 int runIntegrationsSetEnabled(CommandContext& ctx, const std::string& source, bool enabled,
                               bool json) {
-    const auto found = findSource(source);
+    const auto found = agentSourceNamed(source);
     if (!found) {
         ctx.err << "kestrel: unknown agent \"" << source << "\" (known: " << knownSources()
                 << ")\n";

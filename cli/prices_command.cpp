@@ -3,24 +3,19 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
 #include "cli/store_access.hpp"
 #include "cli/text_table.hpp"
 #include "core/model/calendar.hpp"
+#include "core/model/timestamp.hpp"
 #include "core/pricing/decimal.hpp"
 #include "core/pricing/price_table.hpp"
 #include "core/pricing/reprice_outcome.hpp"
 
 namespace kestrel::cli {
 namespace {
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 std::string longContextText(const PriceRow& row) {
     if (!row.hasLongContextRates()) {
@@ -81,7 +76,7 @@ int runPrices(CommandContext& ctx, bool json) {
     auto isOverride = [&](const PriceRow& row) {
         return std::find(overridden.begin(), overridden.end(), row.match) != overridden.end();
     };
-    const auto rows = table.currentRows(now(), Calendar::current());
+    const auto rows = table.currentRows(epochNow(), Calendar::current());
 
     if (json) {
         auto list = nlohmann::ordered_json::array();
@@ -150,7 +145,7 @@ int runPricesSet(CommandContext& ctx, const PriceOverrideOptions& o) {
     row.match = o.match;
     // Replacing the row in force for the same pattern needs its dates: an override is matched
     // to a row by pattern and both dates.
-    const auto current = table.currentRows(now(), Calendar::current());
+    const auto current = table.currentRows(epochNow(), Calendar::current());
     const auto same = std::find_if(current.begin(), current.end(),
                                    [&](const PriceRow& r) { return r.match == o.match; });
     row.effectiveFrom = o.from.value_or(same != current.end() ? same->effectiveFrom : "1970-01-01");

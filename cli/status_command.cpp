@@ -3,21 +3,16 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
 #include "cli/store_access.hpp"
 #include "cli/text_table.hpp"
+#include "core/model/timestamp.hpp"
 #include "core/plans/account_snapshot_json.hpp"
 
 namespace kestrel::cli {
 namespace {
-
-double currentTime() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 std::string_view capabilityLabel(IntegrationCapability capability) {
     switch (capability) {
@@ -167,7 +162,7 @@ std::string quotaLine(const AccountSnapshot& q) {
         }
         if (w.resetsAt) {
             const bool today =
-                formatLocal(*w.resetsAt, "%Y-%m-%d") == formatLocal(currentTime(), "%Y-%m-%d");
+                formatLocal(*w.resetsAt, "%Y-%m-%d") == formatLocal(epochNow(), "%Y-%m-%d");
             text += ", resets " + formatLocal(*w.resetsAt, today ? "%H:%M" : "%Y-%m-%d %H:%M");
         }
         windows += (windows.empty() ? "" : "; ") + text;
@@ -209,7 +204,7 @@ std::unique_ptr<IntegrationsSession> openIntegrations(CommandContext& ctx) {
     }
     session->coordinator = std::make_unique<IntegrationInstanceCoordinator>(
         PluginRegistry::builtIn(), *session->store);
-    session->now = currentTime();
+    session->now = epochNow();
     session->instances =
         session->coordinator->reconcileInstallations(ctx.home, session->now, ctx.env);
     return session;

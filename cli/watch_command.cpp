@@ -17,14 +17,10 @@
 #include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
 #include "core/ledger/file_watcher.hpp"
+#include "core/model/timestamp.hpp"
 
 namespace kestrel::cli {
 namespace {
-
-double now() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 bool isUnder(const std::string& path, const std::string& root) {
     return path == root ||
@@ -64,7 +60,7 @@ void printCommit(CommandContext& ctx, const SourceScanReport& r, UsageStore& sto
     if (r.events == 0 && !r.quotaSaved) {
         return;
     }
-    const auto t = now();
+    const auto t = epochNow();
     if (json) {
         nlohmann::ordered_json j;
         j["time"] = t;
@@ -167,7 +163,7 @@ int runWatch(CommandContext& ctx, const WatchOptions& options, bool json, std::s
                 throw;
             } catch (const std::exception& e) {
                 // A locked or busy ledger is retried with the next change; the watcher goes on.
-                ctx.err << "kestrel: " << formatLocal(now(), "%H:%M:%S")
+                ctx.err << "kestrel: " << formatLocal(epochNow(), "%H:%M:%S")
                         << " the scan could not be saved: " << e.what() << '\n';
             }
         }

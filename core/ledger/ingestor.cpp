@@ -3,21 +3,16 @@
 #include <dirent.h>
 
 #include <cerrno>
-#include <chrono>
 #include <iterator>
 #include <unordered_map>
 
 #include "core/integrations/source_health.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
+#include "core/model/timestamp.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
 
 namespace kestrel {
 namespace {
-
-double wallClock() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 // A root that exists but cannot be listed: the user has not granted access to it.
 std::optional<FileError> unreadableRoot(const std::filesystem::path& root) {
@@ -148,7 +143,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
                             const FileProgress& onFileProgress, const SourceDone& onSourceDone,
                             std::stop_token stop) {
     std::lock_guard scanning(scanMutex_);
-    const double startedAt = wallClock();
+    const double startedAt = epochNow();
     ScanProgress progress;
     const auto chosen = chooseSources(home, sources, startedAt);
 
@@ -211,7 +206,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
             },
             stop, progress);
         completed += static_cast<int64_t>(planned.files.size());
-        recordHealth(sourceReport, wallClock());
+        recordHealth(sourceReport, epochNow());
         {
             std::lock_guard guard(stateMutex_);
             sourceStatus_[planned.source] = sourceReport.status;
@@ -245,7 +240,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         return report;
     }
 
-    const double startedAt = wallClock();
+    const double startedAt = epochNow();
     PriceTable prices;
     {
         std::lock_guard guard(stateMutex_);
@@ -345,7 +340,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     }
     // Nothing new and no rescan asked for: the ledger stays exactly as it was.
     if (!checkpoints.empty() || force) {
-        const double completedAt = wallClock();
+        const double completedAt = epochNow();
         AdapterCheckpoint adapterCheckpoint;
         adapterCheckpoint.adapterID = std::string(rawValue(planned.source));
         adapterCheckpoint.parserVersion = reader.parserVersion;

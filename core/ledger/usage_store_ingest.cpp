@@ -1,7 +1,6 @@
 // The single write path of usage into the ledger: one batch, one transaction, all or nothing.
 
 #include <algorithm>
-#include <chrono>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
@@ -11,16 +10,12 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/model/timestamp.hpp"
 
 namespace kestrel {
 namespace {
 
 using sqlite::Statement;
-
-double wallClock() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 // Checkpoints that belong to no integration instance share one fixed key.
 constexpr const char* kNoInstanceKey = "-";
@@ -380,7 +375,7 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
             .bind(5, batch->startedAt);
         s.startRun.run();
 
-        const double now = wallClock();
+        const double now = epochNow();
         writeObservations(db, *batch, now, s.upsertIssue, outcome);
 
         for (auto issue : batch->coverageIssues) {

@@ -1,12 +1,11 @@
 // Repricing the stored ledger when prices change: every observation's cost is computed again,
 // its event's cost row follows, and the cost findings are refreshed. Paged, in one transaction.
 
-#include <chrono>
-
 #include "core/ledger/ledger_validator.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/model/timestamp.hpp"
 #include "core/pricing/price_fingerprint.hpp"
 #include "core/pricing/price_table.hpp"
 
@@ -15,11 +14,6 @@ namespace {
 
 constexpr int kPageSize = 2000;
 constexpr const char* kFingerprintKey = "price_fingerprint";
-
-double wallClock() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 template <class E>
 E enumOr(const std::string& text, E fallback) {
@@ -103,7 +97,7 @@ int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool 
         "  severity, origin, diagnostic_code, detected_at, resolved_at\n"
         ") VALUES(?,?,?,NULL,?,?,?,'validation',NULL,?,NULL);");
 
-    const double now = wallClock();
+    const double now = epochNow();
     int64_t repriced = 0;
     std::string after;  // keyset paging: ids above the last one seen
     for (;;) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 
 namespace kestrel {
 namespace {
@@ -113,6 +114,22 @@ int64_t usageSemanticsVersion(AgentSource source) {
         default:
             return 1;
     }
+}
+
+std::optional<AgentSource> agentSourceNamed(std::string_view name) {
+    const auto same = [&](std::string_view known) {
+        return known.size() == name.size() &&
+               std::equal(known.begin(), known.end(), name.begin(), [](char a, char b) {
+                   return std::tolower(static_cast<unsigned char>(a)) ==
+                          std::tolower(static_cast<unsigned char>(b));
+               });
+    };
+    for (auto source : allAgentSources()) {
+        if (same(rawValue(source)) || same(displayName(source))) {
+            return source;
+        }
+    }
+    return std::nullopt;
 }
 
 }  // namespace kestrel

@@ -3,6 +3,7 @@
 // below are frozen: several differ from the case names on purpose ("every-code", "dsh", ...).
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -99,6 +100,10 @@ std::span<const AgentSource> allAgentSources();
 
 // The product name shown in lists and headings ("Claude Code", "Kimi Code", ...).
 std::string_view displayName(AgentSource source);
+
+// The source a person named: its raw value ("codex") or its display name ("Claude Code"), in
+// any case; absent for other text.
+std::optional<AgentSource> agentSourceNamed(std::string_view name);
 
 // A short label for the menu-bar text and narrow table columns ("CC", "Codex", ...).
 std::string_view shortLabel(AgentSource source);

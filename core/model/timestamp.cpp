@@ -1,5 +1,6 @@
 #include "core/model/timestamp.hpp"
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -163,6 +164,11 @@ std::string formatISO8601UTC(double secondsSinceEpoch) {
                   static_cast<long long>(rem / 60 % 60), static_cast<long long>(rem % 60),
                   static_cast<long long>(millis));
     return buf;
+}
+
+double epochNow() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 }  // namespace kestrel

@@ -12,6 +12,9 @@ namespace kestrel {
 // anything else, including impossible dates such as February 30.
 std::optional<double> parseISO8601(std::string_view text);
 
+// The current time in seconds since the Unix epoch.
+double epochNow();
+
 // "2026-08-21T10:15:30.123Z" (milliseconds, UTC).
 std::string formatISO8601UTC(double secondsSinceEpoch);
 

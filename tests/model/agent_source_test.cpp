@@ -108,5 +108,21 @@ TEST(AgentSource, UserFacingTextsAreDistinctAndPresent) {
     EXPECT_EQ(labels.size(), std::size(kRows));
 }
 
+TEST(AgentSource, NamedByRawValueOrDisplayNameInAnyCase) {
+    const struct {
+        const char* name;
+        std::optional<AgentSource> source;
+    } cases[] = {
+        {"codex", AgentSource::codex},        {"CODEX", AgentSource::codex},
+        {"Claude Code", AgentSource::claude}, {"claude code", AgentSource::claude},
+        {"trae-cn", AgentSource::traeWorkCN}, {"claude", AgentSource::claude},
+        {"claude-code", std::nullopt},        {"", std::nullopt},
+        {"Claude Code ", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(agentSourceNamed(c.name), c.source) << '"' << c.name << '"';
+    }
+}
+
 }  // namespace
 }  // namespace kestrel
