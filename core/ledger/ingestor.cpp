@@ -297,8 +297,15 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         }
 
         fileEvents.clear();
-        auto result = reader.ingest(file, previous, context,
-                                    [&](UsageEvent&& e) { fileEvents.push_back(std::move(e)); });
+        std::expected<IngestResult, FileError> result;
+        try {
+            result = reader.ingest(file, previous, context,
+                                   [&](UsageEvent&& e) { fileEvents.push_back(std::move(e)); });
+        } catch (const std::exception& e) {
+            // A reader that fails in a way it did not foresee costs this file, not the scan.
+            result = std::unexpected(FileError{file.string(), "read", 0, e.what()});
+            fileEvents.clear();
+        }
         onFileProgress(static_cast<int64_t>(i + 1), 0, planned.source);
         if (!result) {
             // Gone since discovery (an agent's clean-up): nothing to read, nothing lost.

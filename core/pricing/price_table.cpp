@@ -78,8 +78,15 @@ int64_t microsPerMTok(const std::string& price) {
     return parseDecimalScaled(price, kMicrosDigits).value_or(0);
 }
 
+// tokens × price / 10^6, split at the million so that a large but possible count times a high
+// price does not pass 64 bits on the way (the quotient is exact: q·p + r·p / 10^6).
 int64_t bucketCost(int64_t tokens, const std::string& price) {
-    return checkedMul(tokens, microsPerMTok(price), "cost of a token bucket") / kTokensPerMillion;
+    const int64_t perMTok = microsPerMTok(price);
+    const int64_t millions = tokens / kTokensPerMillion;
+    const int64_t rest = tokens % kTokensPerMillion;
+    return checkedAdd(checkedMul(millions, perMTok, "cost of a token bucket"),
+                      checkedMul(rest, perMTok, "cost of a token bucket") / kTokensPerMillion,
+                      "cost of a token bucket");
 }
 
 std::string decimalText(const nlohmann::json& value) {

@@ -5,6 +5,7 @@
 
 #include "core/sources/claude_parser.hpp"
 #include "core/sources/codex_parser.hpp"
+#include "core/sources/utf8.hpp"
 
 namespace kestrel {
 namespace {
@@ -19,10 +20,18 @@ std::string_view trim(std::string_view s) {
 }
 
 // The top-level `model = "..."` of Codex's config.toml (before the first table header). A full
-// TOML parser is not worth it for one quoted string.
+// TOML parser is not worth it for one quoted string. Only a small regular file is read: a FIFO
+// or a device in its place must not stall the scan.
 std::string codexConfiguredModel(const std::vector<std::filesystem::path>& roots) {
+    constexpr std::uintmax_t kMaxConfigBytes = 1 << 20;
     for (const auto& root : roots) {
-        std::ifstream in(root / "config.toml");
+        const auto config = root / "config.toml";
+        std::error_code ec;
+        if (!std::filesystem::is_regular_file(config, ec) ||
+            std::filesystem::file_size(config, ec) > kMaxConfigBytes || ec) {
+            continue;
+        }
+        std::ifstream in(config);
         std::string line;
         while (in && std::getline(in, line)) {
             const auto text = trim(line);
@@ -40,7 +49,8 @@ std::string codexConfiguredModel(const std::vector<std::filesystem::path>& roots
             if (rest.size() >= 2 && (rest.front() == '"' || rest.front() == '\'')) {
                 const auto close = rest.find(rest.front(), 1);
                 if (close != std::string_view::npos && close > 1) {
-                    return std::string(rest.substr(1, close - 1));
+                    // The name lands in checkpoints and the ledger, which hold valid UTF-8 only.
+                    return utf8::replaceInvalid(rest.substr(1, close - 1));
                 }
             }
         }

@@ -1,6 +1,7 @@
 #include "core/ledger/ingestor.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -254,6 +255,56 @@ TEST_F(IngestorTest, AnUnreadableFileIsAReadErrorAndForceThenRemovesNothing) {
     EXPECT_EQ(r.status, SourceStatus::readError);
     EXPECT_TRUE(r.replaceWithheld);
     EXPECT_EQ(ledgerEvents(), 2);  // the unread file's usage was not removed
+}
+
+// The agent's config.toml is read for the default model: neither a FIFO in its place nor bytes
+// that are not UTF-8 may stall or fail the scan.
+TEST_F(IngestorTest, AHostileCodexConfigDoesNotStopTheScan) {
+    home.write(kClaudeFile, claudeLine("m1", 5));
+    // No turn_context: the model comes from the configuration.
+    const std::string rollout =
+        codexLine("2026-08-21T10:00:00.000Z", "session_meta",
+                  {{"id", "0198c1a2-1111-7222-8333-444455556666"}, {"cwd", "/home/u"}}) +
+        codexReport("2026-08-21T10:01:00.000Z", 100, 10);
+    home.write(kCodexFile, rollout);
+
+    ASSERT_EQ(::mkfifo((home / ".codex/config.toml").c_str(), 0600), 0);
+    scan();
+    EXPECT_EQ(ingestor.status(AgentSource::codex), SourceStatus::healthy);
+    std::filesystem::remove(home / ".codex/config.toml");
+
+    home.write(".codex/config.toml", "model = \"gpt-\xff\xfe\"\n");
+    scan(std::nullopt, true);
+    EXPECT_EQ(ingestor.status(AgentSource::codex), SourceStatus::healthy);
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::healthy);
+    LedgerQuery q;
+    q.model = "gpt-\xef\xbf\xbd\xef\xbf\xbd";  // each bad byte became U+FFFD
+    EXPECT_EQ(store.ledgerEventCount(q), 1);
+}
+
+// A reader that fails in a way nobody foresaw costs its file, not the scan.
+TEST(IngestorReaderTest, AReaderThatThrowsIsAReadErrorOfItsFileOnly) {
+    TempDir home, support;
+    home.write(kClaudeFile, claudeLine("m1", 5));
+    home.write(kCodexFile, codexRollout(1));
+    UsageStore store(support.path());
+    Ingestor ingestor(
+        store, PriceTable::bundled(), nullptr, emptyEnvironment(),
+        [](AgentSource s) -> std::optional<SourceReader> {
+            auto reader = SourceReaders::reader(s);
+            if (reader && s == AgentSource::claude) {
+                reader->ingest = [](auto&&...) -> std::expected<IngestResult, FileError> {
+                    throw std::runtime_error("unforeseen");
+                };
+            }
+            return reader;
+        });
+    ingestor.scan(home.path(), AppSettings{}, std::nullopt, false);
+    EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::readError);
+    EXPECT_EQ(ingestor.status(AgentSource::codex), SourceStatus::healthy);
+    const auto reports = ingestor.lastReports();
+    ASSERT_EQ(reports.front().errors.size(), 1u);
+    EXPECT_NE(reports.front().errors[0].description().find("unforeseen"), std::string::npos);
 }
 
 TEST_F(IngestorTest, CancellationLeavesTheLedgerAsCommittedSoFar) {

@@ -217,6 +217,16 @@ TEST(PriceTableCost, UntrustedUnknownAndLocal) {
               3000);
 }
 
+// The largest count a reader lets through, at a high price: exact, with no overflow on the way.
+TEST(PriceTableCost, LargestReadableCountsArePricedExactly) {
+    const auto table = tableOf({rowOf("m", "2025-01-01", {}, "120.000001")});
+    const int64_t tokens = 1'000'000'000'000 - 1;
+    const auto cost = table.costMicros({tokens, 0, 0, 0, 0}, true, "m", noon("2025-07-01"),
+                                       BillingMode::apiEquivalent, 0, kUTC);
+    // (10^12 - 1) × 120,000,001 µ$ / 10^6, truncated.
+    EXPECT_EQ(cost.micros, 120'000'000'999'879);
+}
+
 using PriceTableDeathTest = testing::Test;
 
 TEST_F(PriceTableDeathTest, MoneyOverflowAborts) {
