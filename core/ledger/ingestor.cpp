@@ -68,7 +68,8 @@ struct Ingestor::Planned {
     AgentSource source = AgentSource::claude;
     SourceReader reader;
     std::vector<std::filesystem::path> roots;
-    std::vector<FileError> rootErrors;
+    std::vector<FileError> rootErrors;  // roots that cannot be listed at all
+    std::vector<FileError> listErrors;  // folders below a root that could not all be listed
     std::vector<std::filesystem::path> files;
     const std::map<std::string, SourceCheckpoint>* stored = nullptr;  // by stable id
     std::string defaultModel;
@@ -172,7 +173,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
                 planned.rootErrors.push_back(*error);
                 continue;
             }
-            auto found = planned.reader.discover(root);
+            auto found = planned.reader.discover(root, planned.listErrors);
             planned.files.insert(planned.files.end(), std::make_move_iterator(found.begin()),
                                  std::make_move_iterator(found.end()));
         }
@@ -233,6 +234,9 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     report.source = planned.source;
     report.roots = planned.roots;
     report.errors = planned.rootErrors;
+    // A partial list must not pass for the whole: its errors also hold back a full rescan's
+    // removals below.
+    report.errors.insert(report.errors.end(), planned.listErrors.begin(), planned.listErrors.end());
     report.filesSeen = static_cast<int64_t>(planned.files.size());
     if (planned.roots.empty()) {
         report.status = SourceStatus::notInstalled;
@@ -433,6 +437,14 @@ SourceStatus Ingestor::decideStatus(const Planned& planned, const SourceScanRepo
     }
     if (!planned.rootErrors.empty()) {
         return SourceStatus::unauthorized;
+    }
+    for (const auto& error : planned.listErrors) {
+        if (error.errorNumber == EACCES || error.errorNumber == EPERM) {
+            return SourceStatus::unauthorized;  // a folder inside the agent's data is closed
+        }
+    }
+    if (!planned.listErrors.empty()) {
+        return SourceStatus::readError;
     }
     if (report.events > 0 || store_.hasLedgerEvents(planned.source)) {
         return SourceStatus::healthy;

@@ -17,8 +17,9 @@ namespace kestrel::ClaudeParser {
 
 static_assert(JSONL::kLinePadding >= 64, "the line reader parses in place with 64 bytes of room");
 
-std::vector<std::filesystem::path> discover(const std::filesystem::path& root) {
-    return discoverFilesWithSuffix(root / "projects", ".jsonl");
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>* errors) {
+    return discoverFilesWithSuffix(root / "projects", ".jsonl", errors);
 }
 
 std::string projectKey(const std::filesystem::path& transcript) {

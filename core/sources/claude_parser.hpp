@@ -24,8 +24,9 @@ inline constexpr int64_t parserVersion = 1;
 inline constexpr int64_t checkpointSchemaVersion = 1;
 
 // Every regular "*.jsonl" file below `root`/projects, at any depth (sub-agent transcripts live in
-// nested folders), sorted by path.
-std::vector<std::filesystem::path> discover(const std::filesystem::path& root);
+// nested folders), sorted by path. Folders that could not be listed go to `errors` when given.
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>* errors = nullptr);
 
 // The component after "projects" with every "-Users-" removed; the parent folder's name when the
 // path has no such component.

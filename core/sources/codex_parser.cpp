@@ -1,16 +1,14 @@
 #include "core/sources/codex_parser.hpp"
 
 #include <simdjson.h>
-#include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
-#include <set>
+#include <unordered_set>
 
 #include "core/model/base64.hpp"
 #include "core/model/event_id.hpp"
@@ -73,30 +71,36 @@ bool isRolloutName(const std::string& name) {
 
 }  // namespace
 
-std::vector<std::filesystem::path> discover(const std::filesystem::path& root) {
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>* errors) {
     DiscoveryOptions options;
     options.accept = [](const std::filesystem::path& p) {
         return isRolloutName(p.filename().string());
     };
+    options.errors = errors;
     std::vector<std::filesystem::path> all;
-    for (const char* folder : {"sessions", "archived_sessions"}) {
+    // In this order the two sorted lists make one sorted list.
+    for (const char* folder : {"archived_sessions", "sessions"}) {
         auto found = discoverFiles(root / folder, options);
-        all.insert(all.end(), found.begin(), found.end());
+        all.insert(all.end(), std::make_move_iterator(found.begin()),
+                   std::make_move_iterator(found.end()));
     }
-    const std::set<std::filesystem::path> present(all.begin(), all.end());
+    std::unordered_set<std::string> plainFiles;
+    for (const auto& p : all) {
+        if (!isCompressed(p)) {
+            plainFiles.insert(p.native());
+        }
+    }
     std::vector<std::filesystem::path> kept;
+    kept.reserve(all.size());
     for (auto& p : all) {
-        if (isCompressed(p)) {
-            // The plain file is the live one; the compressed copy would only repeat it.
-            auto plain = p;
-            plain.replace_extension();  // drops ".zst"
-            if (present.contains(plain)) {
-                continue;
-            }
+        // The plain file is the live one; a compressed copy beside it would only repeat it.
+        if (isCompressed(p) &&
+            plainFiles.contains(p.native().substr(0, p.native().size() - 4))) {  // less ".zst"
+            continue;
         }
         kept.push_back(std::move(p));
     }
-    std::sort(kept.begin(), kept.end());
     return kept;
 }
 

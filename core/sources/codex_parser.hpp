@@ -56,8 +56,9 @@ inline constexpr double kForkReplayGapSeconds = 1.0;
 
 // Every "rollout-*.jsonl" and "rollout-*.jsonl.zst" below `root`/sessions and
 // `root`/archived_sessions, sorted by path. A compressed file is left out when the plain file
-// of the same name sits next to it.
-std::vector<std::filesystem::path> discover(const std::filesystem::path& root);
+// of the same name sits next to it. Folders that could not be listed go to `errors` when given.
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>* errors = nullptr);
 
 // "2026-08-21" from "rollout-2026-08-21T10-15-30-<uuid>.jsonl"; absent for other names. The date
 // is the local one of the machine that wrote the file.

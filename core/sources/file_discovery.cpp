@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <utility>
 
@@ -23,14 +24,26 @@ struct Walker {
     std::size_t folderBudget = 200'000;
     std::vector<std::filesystem::path> found;
 
+    void report(const std::filesystem::path& dir, int errorNumber, std::string detail = {}) {
+        // A tree of links can fail the same way thousands of times; the first few say it.
+        constexpr std::size_t kMaxReported = 20;
+        if (options.errors != nullptr && errorNumber != ENOENT &&
+            options.errors->size() < kMaxReported) {
+            options.errors->push_back(
+                FileError{dir.string(), "list", errorNumber, std::move(detail)});
+        }
+    }
+
     void walk(const std::filesystem::path& dir, int depth) {
         std::error_code ec;
         std::filesystem::directory_iterator it(dir, ec);
         if (ec) {
-            return;  // unreadable folders are skipped; the scan goes on
+            report(dir, ec.value());  // skipped; the scan goes on
+            return;
         }
         for (const auto end = std::filesystem::directory_iterator(); it != end; it.increment(ec)) {
             if (ec) {
+                report(dir, ec.value());
                 return;
             }
             const auto& path = it->path();
@@ -49,12 +62,19 @@ struct Walker {
                 continue;  // dangling link, vanished file, no permission
             }
             if (S_ISDIR(st.st_mode)) {
-                if (depth < options.maxDepth && folderBudget > 0 &&
-                    ancestors.insert({st.st_dev, st.st_ino}).second) {
-                    --folderBudget;
-                    walk(path, depth + 1);
-                    ancestors.erase({st.st_dev, st.st_ino});
+                if (ancestors.contains({st.st_dev, st.st_ino})) {
+                    continue;  // a link back up: the loop closes here
                 }
+                if (depth >= options.maxDepth || folderBudget == 0) {
+                    report(path, 0,
+                           depth >= options.maxDepth ? "deeper than the folder depth read"
+                                                     : "more folders than are read");
+                    continue;
+                }
+                --folderBudget;
+                ancestors.insert({st.st_dev, st.st_ino});
+                walk(path, depth + 1);
+                ancestors.erase({st.st_dev, st.st_ino});
             } else if (S_ISREG(st.st_mode)) {
                 if (!options.accept || options.accept(path)) {
                     found.push_back(path);
@@ -89,8 +109,10 @@ std::vector<std::filesystem::path> discoverFiles(const std::filesystem::path& ro
 }
 
 std::vector<std::filesystem::path> discoverFilesWithSuffix(const std::filesystem::path& root,
-                                                           std::string_view suffix) {
+                                                           std::string_view suffix,
+                                                           std::vector<FileError>* errors) {
     DiscoveryOptions options;
+    options.errors = errors;
     options.accept = [suffix](const std::filesystem::path& p) {
         const auto name = p.filename().native();
         return name.size() > suffix.size() && name.ends_with(suffix);

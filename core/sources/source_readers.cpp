@@ -62,7 +62,9 @@ SourceReader claudeReader() {
     SourceReader r;
     r.kind = SourceReaderKind::jsonLines;
     r.parserVersion = ClaudeParser::parserVersion;
-    r.discover = [](const std::filesystem::path& root) { return ClaudeParser::discover(root); };
+    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
+        return ClaudeParser::discover(root, &errors);
+    };
     r.ingest = [](const std::filesystem::path& file,
                   const std::optional<SourceCheckpoint>& checkpoint,
                   const SourceReadContext& context, const SourceEventSink& sink) {
@@ -76,7 +78,9 @@ SourceReader codexReader() {
     SourceReader r;
     r.kind = SourceReaderKind::jsonLines;
     r.parserVersion = CodexParser::parserVersion;
-    r.discover = [](const std::filesystem::path& root) { return CodexParser::discover(root); };
+    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
+        return CodexParser::discover(root, &errors);
+    };
     r.ingest = [](const std::filesystem::path& file,
                   const std::optional<SourceCheckpoint>& checkpoint,
                   const SourceReadContext& context, const SourceEventSink& sink) {

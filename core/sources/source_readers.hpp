@@ -41,8 +41,11 @@ using SourceEventSink = std::function<void(UsageEvent&&)>;
 struct SourceReader {
     SourceReaderKind kind = SourceReaderKind::jsonLines;
     int64_t parserVersion = 1;
-    // The files (or stores) below one installed root, sorted.
-    std::function<std::vector<std::filesystem::path>(const std::filesystem::path& root)> discover;
+    // The files (or stores) below one installed root, sorted. Folders that could not be listed
+    // (so that the list may be partial) go to `errors`.
+    std::function<std::vector<std::filesystem::path>(const std::filesystem::path& root,
+                                                     std::vector<FileError>& errors)>
+        discover;
     // Reads one file from `checkpoint` (none: from its start); events go to the sink.
     std::function<std::expected<IngestResult, FileError>(
         const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,

@@ -307,6 +307,27 @@ TEST(IngestorReaderTest, AReaderThatThrowsIsAReadErrorOfItsFileOnly) {
     EXPECT_NE(reports.front().errors[0].description().find("unforeseen"), std::string::npos);
 }
 
+// A folder inside the agent's data that cannot be listed makes the list partial: the scan says
+// so, and a full rescan must not take the unlisted files' usage for gone.
+TEST_F(IngestorTest, AClosedFolderBelowARootHoldsBackAFullRescan) {
+    home.write(".claude/projects/a/1.jsonl", claudeLine("a1", 1));
+    home.write(".claude/projects/b/2.jsonl", claudeLine("b1", 1));
+    scan();
+    ASSERT_EQ(ledgerEvents(), 2);
+    std::filesystem::permissions(home / ".claude/projects/b", std::filesystem::perms::none);
+    {
+        test_support::Unprivileged asUser;
+        scan(std::set{AgentSource::claude}, true);
+    }
+    std::filesystem::permissions(home / ".claude/projects/b", std::filesystem::perms::owner_all);
+    const auto r = reportOf(AgentSource::claude);
+    EXPECT_EQ(r.status, SourceStatus::unauthorized);
+    EXPECT_TRUE(r.replaceWithheld);
+    ASSERT_EQ(r.errors.size(), 1u);
+    EXPECT_EQ(r.errors[0].path, (home / ".claude/projects/b").string());
+    EXPECT_EQ(ledgerEvents(), 2);
+}
+
 TEST_F(IngestorTest, CancellationLeavesTheLedgerAsCommittedSoFar) {
     home.write(".claude/projects/a/1.jsonl", claudeLine("a1", 1));
     home.write(".claude/projects/b/2.jsonl", claudeLine("b1", 1));
@@ -391,7 +412,7 @@ TEST(IngestorStoreTest, AStoreIsOnePseudoFileReadWhenItOrItsLogChanged) {
     SourceReader fake;
     fake.kind = SourceReaderKind::store;
     fake.parserVersion = 3;
-    fake.discover = [](const std::filesystem::path& root) {
+    fake.discover = [](const std::filesystem::path& root, std::vector<FileError>&) {
         std::vector<std::filesystem::path> out;
         if (std::filesystem::exists(root / "opencode.db")) {
             out.push_back(root / "opencode.db");

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/support/temp_dir.hpp"
+#include "tests/support/unprivileged.hpp"
 
 namespace kestrel {
 namespace {
@@ -87,6 +88,9 @@ TEST_F(FileDiscoveryTest, SymlinkLoopsTerminate) {
     link("d/e/grand", "../..");  // to root again, from deeper
     link("top", "root");         // unresolvable relative name: dangling
     EXPECT_EQ(jsonl(), (Paths{a, b}));
+    std::vector<FileError> errors;
+    (void)discoverFilesWithSuffix(root(), ".jsonl", &errors);
+    EXPECT_TRUE(errors.empty()) << "a closed loop is not a partial list";
 }
 
 TEST_F(FileDiscoveryTest, FollowsLinksOutsideRootAndIgnoresDanglingOnes) {
@@ -142,13 +146,37 @@ TEST_F(FileDiscoveryTest, MaxDepthCountsFoldersBelowRoot) {
         SCOPED_TRACE("maxDepth " + std::to_string(maxDepth));
         DiscoveryOptions options;
         options.maxDepth = maxDepth;
+        std::vector<FileError> errors;
+        options.errors = &errors;
         const Paths expected(levels.begin(), levels.begin() + maxDepth + 1);
         Paths found = discoverFiles(root(), options);
+        // What the limit leaves out is said: the list is partial.
+        ASSERT_EQ(errors.size(), maxDepth < 3 ? 1u : 0u);
+        if (!errors.empty()) {
+            EXPECT_NE(errors[0].description().find("deeper than"), std::string::npos);
+        }
         std::sort(found.begin(), found.end(), [](const fs::path& l, const fs::path& r) {
             return std::distance(l.begin(), l.end()) < std::distance(r.begin(), r.end());
         });
         EXPECT_EQ(found, expected);
     }
+}
+
+TEST_F(FileDiscoveryTest, AFolderThatCannotBeListedIsSkippedAndReported) {
+    const auto open = file("open/a.jsonl");
+    file("closed/b.jsonl");
+    fs::permissions(root() / "closed", fs::perms::none);
+    std::vector<FileError> errors;
+    Paths found;
+    {
+        test_support::Unprivileged asUser;
+        found = discoverFilesWithSuffix(root(), ".jsonl", &errors);
+    }
+    fs::permissions(root() / "closed", fs::perms::owner_all);
+    EXPECT_EQ(found, Paths{open});
+    ASSERT_EQ(errors.size(), 1u);
+    EXPECT_EQ(errors[0].path, (root() / "closed").string());
+    EXPECT_EQ(errors[0].errorNumber, EACCES);
 }
 
 }  // namespace
