@@ -254,11 +254,12 @@ void FileWatcher::drainEvents() {
 
 void FileWatcher::handleEvent(int wd, uint32_t mask, const std::string& name) {
     if ((mask & IN_Q_OVERFLOW) != 0) {
-        // Events were lost, folder creations among them: rescan, and watch what we missed.
+        // Events were lost, folder creations among them: rescan, and watch the folders that
+        // appeared unseen (the walk goes through the folders already watched).
         noteFullRescan();
         for (const auto& root : roots_) {
             if (!pendingRoots_.contains(root)) {
-                addTree(root, false);
+                addTree(root, false, true);
             }
         }
         return;
@@ -348,12 +349,27 @@ bool FileWatcher::isRoot(const std::string& path) const {
 
 // Watches --------------------------------------------------------------------------------------
 
-void FileWatcher::addTree(const std::string& path, bool report) {
+void FileWatcher::addTree(const std::string& path, bool report, bool revisit) {
     std::vector<std::string> stack{path};
+    std::set<std::pair<dev_t, ino_t>> visited;  // revisit only: where links loop, the walk ends
     while (!stack.empty()) {
         const std::string folder = std::move(stack.back());
         stack.pop_back();
-        if (addWatch(folder, true) < 0) {
+        if (revisit) {
+            struct stat st {};
+            if (!statPath(folder, st) || !visited.insert({st.st_dev, st.st_ino}).second) {
+                continue;
+            }
+            if (addWatch(folder, true) < 0) {
+                const auto known = byIdentity_.find({st.st_dev, st.st_ino});
+                const bool watched = known != byIdentity_.end() &&
+                                     watches_.contains(known->second) &&
+                                     watches_.at(known->second).tree;
+                if (!watched) {
+                    continue;  // unwatchable: nothing below it can be followed either
+                }
+            }
+        } else if (addWatch(folder, true) < 0) {
             continue;  // already watched (a symlink loop or a second path to it), or unwatchable
         }
         std::error_code ec;

@@ -135,7 +135,9 @@ class FileWatcher {
 
     // Adds watches for `path` and every folder below it; with `report`, what it finds is noted
     // as changed (a folder that just appeared may have been filled before its watch existed).
-    void addTree(const std::string& path, bool report);
+    // Without `revisit` the walk stops at folders already watched; with it, it goes through
+    // them too and adds only what is missing (after events were lost).
+    void addTree(const std::string& path, bool report, bool revisit = false);
     // A watch for the folder at `path`; -1 when it cannot or need not be added.
     int addWatch(const std::string& path, bool tree);
     void dropWatch(int wd, bool removeFromKernel);

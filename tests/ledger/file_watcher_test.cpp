@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -244,6 +245,48 @@ TEST(FileWatcherTest, RunningOutOfWatchesAsksForAFullRescan) {
     ASSERT_TRUE(watcher.start().has_value());
     EXPECT_EQ(watcher.watchCount(), 2u);
     EXPECT_TRUE(inbox.waitForFullRescan());
+}
+
+// The kernel drops events when its queue is full; folders created meanwhile were never seen. The
+// watcher asks for a full rescan and watches them from then on. The queue is filled for real: the
+// watcher's thread is held in its callback while more files appear than the queue holds.
+TEST(FileWatcherTest, AfterLostEventsFoldersMadeMeanwhileAreWatched) {
+    std::ifstream limit("/proc/sys/fs/inotify/max_queued_events");
+    std::size_t queue = 0;
+    if (!(limit >> queue) || queue > 100'000) {
+        GTEST_SKIP() << "the inotify queue is too large to fill in a test";
+    }
+    TempDir dir;
+    fs::create_directories(dir / "root/busy");
+    std::mutex gate;
+    std::unique_lock held(gate);
+    std::atomic<bool> holding{false};
+    Inbox inbox;
+    FileWatcher watcher(
+        {(dir / "root").string()},
+        [&](FileWatcherBatch batch) {
+            holding = true;
+            std::lock_guard wait(gate);  // held until the queue has overflowed
+            inbox.callback()(std::move(batch));
+        },
+        20ms);
+    ASSERT_TRUE(watcher.start());
+
+    dir.write("root/busy/first.jsonl", "x");
+    for (int i = 0; i < 1000 && !holding; ++i) {
+        std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_TRUE(holding) << "the first batch never came";
+    for (std::size_t i = 0; i <= queue; ++i) {
+        std::ofstream(dir / "root/busy" / ("f" + std::to_string(i)));
+    }
+    fs::create_directories(dir / "root/later");  // the queue is full: its creation is lost
+    held.unlock();
+    ASSERT_TRUE(inbox.waitForFullRescan());
+
+    inbox.clear();
+    const auto file = dir.write("root/later/new.jsonl", "{}\n");
+    EXPECT_TRUE(inbox.waitForPath(file)) << "the folder made while events were lost is watched";
 }
 
 TEST(FileWatcherTest, StopWaitsForTheCallbackAndNothingIsDeliveredAfterIt) {
