@@ -189,9 +189,10 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
     result.stats.malformed += end->oversizedLines;
     result.stats.lines += end->oversizedLines;
     result.stats.bytes = end->nextOffset - start;
-    // Usage records that are there but none of which can be read: the agent changed how it
-    // writes them, which a person should hear about rather than see zero.
-    result.formatChanged = unreadable > 0 && usable == 0;
+    // A whole file whose usage records are there but none of which can be read: the agent
+    // changed how it writes them, which a person should hear about rather than see zero. (One
+    // odd record appended to a file that read well is damage, not a new format.)
+    result.formatChanged = start == 0 && unreadable > 0 && usable == 0;
 
     SourceCheckpoint& cp = result.checkpoint;
     cp.source = AgentSource::claude;

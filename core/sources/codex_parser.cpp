@@ -771,9 +771,11 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
     }
     result.stats.malformed += end->oversizedLines;
     result.stats.lines += end->oversizedLines;
-    // Token reports that are there but none of which can be read: Codex changed how it writes
-    // them, which a person should hear about rather than see zero.
-    result.formatChanged = reading.unreadableReports > 0 && reading.usableReports == 0;
+    // A whole file whose token reports are there but none of which can be read: Codex changed
+    // how it writes them, which a person should hear about rather than see zero. (One odd
+    // report appended to a file that read well is damage, not a new format.)
+    result.formatChanged =
+        start == 0 && reading.unreadableReports > 0 && reading.usableReports == 0;
 
     SourceCheckpoint& cp = result.checkpoint;
     cp.source = AgentSource::codex;

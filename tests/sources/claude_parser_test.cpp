@@ -178,6 +178,14 @@ TEST(ClaudeIngest, OnlyUnreadableUsageIsAFormatChange) {
                   c.formatChanged)
             << c.text;
     }
+    // An odd record appended to a file that read well is damage, not a new format.
+    TempDir dir;
+    const auto file = dir.write("projects/p/s.jsonl", assistantLine("g1", 5));
+    const auto first = ingestFile(file);
+    dir.append("projects/p/s.jsonl", bad);
+    const auto next = ingestFile(file, first.checkpoint);
+    EXPECT_EQ(next.stats.malformed, 1);
+    EXPECT_FALSE(next.formatChanged);
 }
 
 TEST(ClaudeIngest, AbsentCountsAreZeroAndFloatSpellingsCount) {
