@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <ctime>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -56,29 +57,57 @@ struct PendingChanges {
     bool any = false;
 };
 
-void printCommit(CommandContext& ctx, const SourceScanReport& r, UsageStore& store, bool json) {
-    if (r.events == 0 && !r.quotaSaved) {
-        return;
+// Prints one line per commit that added usage to the ledger. "New" is what the ledger gained: a
+// file read again from its start (rewritten by its agent) yields events already there.
+class CommitPrinter {
+  public:
+    CommitPrinter(CommandContext& ctx, UsageStore& store, bool json)
+        : ctx_(ctx), store_(store), json_(json) {
+        for (const auto& [source, summary] : store.ledgerSummariesBySource({})) {
+            known_[source] = summary.eventCount;
+        }
     }
-    const auto t = epochNow();
-    if (json) {
-        nlohmann::ordered_json j;
-        j["time"] = t;
-        j["source"] = std::string(rawValue(r.source));
-        j["events"] = r.events;
-        j["accepted"] = r.counts.accepted;
-        j["rejected"] = r.counts.rejected;
-        LedgerQuery today;
-        today.from = localMidnight(static_cast<std::time_t>(t), 0);
-        j["todayCostUSDMicros"] = store.ledgerSummary(today).knownCostUSDMicros.value_or(0);
-        ctx.out << j.dump() << std::endl;
-        return;
+
+    void operator()(const SourceScanReport& r) {
+        if (!r.committed && !r.quotaSaved) {
+            return;
+        }
+        LedgerQuery ofSource;
+        ofSource.source = r.source;
+        const int64_t count = store_.ledgerEventCount(ofSource);
+        const int64_t added = count - known_[r.source];
+        known_[r.source] = count;
+        if (added <= 0 && !r.quotaSaved) {
+            return;
+        }
+        const auto t = epochNow();
+        if (json_) {
+            nlohmann::ordered_json j;
+            j["time"] = t;
+            j["source"] = std::string(rawValue(r.source));
+            j["events"] = std::max<int64_t>(added, 0);
+            j["accepted"] = r.counts.accepted;
+            j["rejected"] = r.counts.rejected;
+            j["quotaSaved"] = r.quotaSaved;
+            LedgerQuery today;
+            today.from = localMidnight(static_cast<std::time_t>(t), 0);
+            j["todayCostUSDMicros"] = store_.ledgerSummary(today).knownCostUSDMicros.value_or(0);
+            ctx_.out << j.dump() << std::endl;
+            return;
+        }
+        ctx_.out << fmt::format("{}  {}  +{}  today {}{}", formatLocal(t, "%H:%M:%S"),
+                                displayName(r.source),
+                                counted(std::max<int64_t>(added, 0), "event", "events"),
+                                todaysCost(store_), r.quotaSaved ? "  (quota updated)" : "")
+                 << std::endl;
     }
-    ctx.out << fmt::format("{}  {}  +{}  today {}{}", formatLocal(t, "%H:%M:%S"),
-                           displayName(r.source), counted(r.events, "event", "events"),
-                           todaysCost(store), r.quotaSaved ? "  (quota updated)" : "")
-            << std::endl;
-}
+
+  private:
+    CommandContext& ctx_;
+    UsageStore& store_;
+    bool json_;
+    std::map<AgentSource, int64_t> known_;  // ledger events per source after the last commit
+};
 
 }  // namespace
 
@@ -94,7 +123,8 @@ int runWatch(CommandContext& ctx, const WatchOptions& options, bool json, std::s
     }
     auto& ingestor = *collector->ingestor;
     auto& store = *collector->store;
-    const auto onSourceDone = [&](const SourceScanReport& r) { printCommit(ctx, r, store, json); };
+    CommitPrinter printer(ctx, store, json);
+    const auto onSourceDone = [&](const SourceScanReport& r) { printer(r); };
 
     PendingChanges pending;
     // Started before the first scan, so that nothing written during it goes unnoticed.

@@ -14,9 +14,10 @@ struct WatchOptions {
 };
 
 // `kestrel watch`: a first scan, then a scan of the sources concerned by every batch of changes
-// below the agents' folders, printing one line per commit with new events. Runs until `stop` is
-// requested; `onReady` is called once the watcher is running. The watcher is stopped before the
-// ledger closes, and a scan in progress is cancelled between files, so nothing is half-committed.
+// below the agents' folders, printing one line per commit that added events to the ledger (or
+// saved a quota reading). Runs until `stop` is requested; `onReady` is called once the watcher is
+// running. The watcher is stopped before the ledger closes, and a scan in progress is cancelled
+// between files, so nothing is half-committed.
 int runWatch(CommandContext& ctx, const WatchOptions& options, bool json, std::stop_token stop,
              const std::function<void()>& onReady = {});
 

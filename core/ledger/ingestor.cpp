@@ -100,8 +100,9 @@ std::vector<AgentSource> Ingestor::chooseSources(
     double now) {
     std::optional<std::set<AgentSource>> enabled;
     if (coordinator_ != nullptr) {
-        // A full scan first brings the instances in line with what is installed now.
-        if (!sources) {
+        // A full scan first brings the instances in line with what is installed now; a paused
+        // ingestor (the ledger is being rebuilt) writes nothing at all.
+        if (!sources && !paused_) {
             coordinator_->reconcileInstallations(home, now, env_);
         }
         enabled = coordinator_->enabledSources(IntegrationCapability::usageImport);

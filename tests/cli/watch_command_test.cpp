@@ -132,6 +132,21 @@ TEST_F(WatchCommandTest, AnAgentFolderThatAppearsLaterIsFollowed) {
     EXPECT_EQ(stop(), cli::kExitOK);
 }
 
+// An agent that rewrites a transcript (compaction) makes it be read from its start again; the
+// line printed counts what the ledger gained, not what was read.
+TEST_F(WatchCommandTest, ARewrittenFileCountsOnlyItsNewUsage) {
+    home.write(".claude/projects/p/a.jsonl", claudeLine("m1") + claudeLine("m2"));
+    start();
+    ASSERT_TRUE(ledgerReaches(2));
+    std::filesystem::remove(home / ".claude/projects/p/a.jsonl");
+    home.write(".claude/projects/p/a.jsonl",
+               claudeLine("m1") + claudeLine("m2") + claudeLine("m3"));
+    ASSERT_TRUE(ledgerReaches(3)) << out.str() << err.str();
+    EXPECT_EQ(stop(), cli::kExitOK);
+    EXPECT_NE(out.str().find("Claude Code  +1 event  today"), std::string::npos) << out.str();
+    EXPECT_EQ(out.str().find("+3 events"), std::string::npos) << out.str();
+}
+
 TEST_F(WatchCommandTest, JsonOutputIsOneObjectPerCommit) {
     home.write(".claude/projects/p/a.jsonl", claudeLine("m1"));
     start(true);

@@ -385,9 +385,12 @@ TEST_F(IngestorTest, ASwitchedOffOrPausedSourceIsNotRead) {
 
     ingestor.setPaused(true);
     home.append(kClaudeFile, claudeLine("m3", 5));
+    std::filesystem::create_directories(home / ".gemini");  // installed meanwhile
+    const auto instances = repository.loadAll();
     EXPECT_EQ(scan(), ScanProgress{});
     EXPECT_EQ(ingestor.status(AgentSource::claude), SourceStatus::paused);
     EXPECT_EQ(ledgerEvents(AgentSource::claude), 2);
+    EXPECT_EQ(repository.loadAll(), instances) << "a paused scan writes nothing";
     ingestor.setPaused(false);
     EXPECT_EQ(scan().events, 1);
 }
