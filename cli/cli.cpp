@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "cli/collector.hpp"
 #include "cli/events_command.hpp"
 #include "cli/integrations_command.hpp"
 #include "cli/prices_command.hpp"
@@ -71,12 +72,8 @@ bool checkSources(CommandContext& ctx, const std::vector<std::string>& sources) 
     for (const auto& raw : sources) {
         auto source = fromRawValue<AgentSource>(raw);
         if (!source) {
-            std::string known;
-            for (auto s : allAgentSources()) {
-                known += known.empty() ? "" : ", ";
-                known += rawValue(s);
-            }
-            ctx.err << "kestrel: unknown source \"" << raw << "\" (known: " << known << ")\n";
+            ctx.err << "kestrel: unknown source \"" << raw
+                    << "\" (known: " << sourceNames(allAgentSources()) << ")\n";
             return false;
         }
         if (*source != AgentSource::claude) {

@@ -54,27 +54,28 @@ std::optional<std::optional<std::set<AgentSource>>> parseSources(
     for (const auto& name : names) {
         const auto found = agentSourceNamed(name);
         if (!found) {
-            std::string known;
-            for (auto s : allAgentSources()) {
-                known += known.empty() ? "" : ", ";
-                known += rawValue(s);
-            }
-            ctx.err << "kestrel: unknown source \"" << name << "\" (known: " << known << ")\n";
+            ctx.err << "kestrel: unknown source \"" << name
+                    << "\" (known: " << sourceNames(allAgentSources()) << ")\n";
             return std::nullopt;
         }
         if (std::ranges::find(readable, *found) == readable.end()) {
-            std::string can;
-            for (auto s : readable) {
-                can += can.empty() ? "" : ", ";
-                can += rawValue(s);
-            }
             ctx.err << "kestrel: reading " << displayName(*found)
-                    << " records is not supported yet (readable: " << can << ")\n";
+                    << " records is not supported yet (readable: " << sourceNames(readable)
+                    << ")\n";
             return std::nullopt;
         }
         out.insert(*found);
     }
     return std::optional<std::set<AgentSource>>(std::move(out));
+}
+
+std::string sourceNames(std::span<const AgentSource> sources) {
+    std::string out;
+    for (auto s : sources) {
+        out += out.empty() ? "" : ", ";
+        out += rawValue(s);
+    }
+    return out;
 }
 
 std::string todaysCost(UsageStore& store) {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -39,6 +40,9 @@ ScanProgress scanWithProgress(CommandContext& ctx, Collector& collector,
 // An empty list gives an absent set (every source).
 std::optional<std::optional<std::set<AgentSource>>> parseSources(
     CommandContext& ctx, const std::vector<std::string>& names);
+
+// "claude, codex, ...": the sources' raw values, for messages that list what is accepted.
+std::string sourceNames(std::span<const AgentSource> sources);
 
 // Today's cost so far over every source, from the ledger ("$0.42").
 std::string todaysCost(UsageStore& store);

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "cli/cli.hpp"
+#include "cli/collector.hpp"
 #include "cli/status_command.hpp"
 
 namespace kestrel::cli {
@@ -16,12 +17,11 @@ constexpr std::string_view kNetworkPresetNotice =
     "query official quota or account usage. Hooks are never installed by this action.";
 
 std::string knownSources() {
-    std::string out;
+    std::vector<AgentSource> sources;
     for (const auto& plugin : PluginRegistry::builtIn().plugins()) {
-        out += out.empty() ? "" : ", ";
-        out += rawValue(plugin.descriptor.legacySource);
+        sources.push_back(plugin.descriptor.legacySource);
     }
-    return out;
+    return sourceNames(sources);
 }
 
 const IntegrationInstance* instanceOf(const IntegrationsSession& session,

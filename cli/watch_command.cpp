@@ -23,11 +23,6 @@
 namespace kestrel::cli {
 namespace {
 
-bool isUnder(const std::string& path, const std::string& root) {
-    return path == root ||
-           (path.size() > root.size() && path.starts_with(root) && path[root.size()] == '/');
-}
-
 // The readable sources one of whose roots holds one of `paths`.
 std::set<AgentSource> sourcesFor(const std::vector<std::string>& paths, const CommandContext& ctx) {
     std::set<AgentSource> out;
@@ -39,7 +34,8 @@ std::set<AgentSource> sourcesFor(const std::vector<std::string>& paths, const Co
         for (const auto& root : spec->roots) {
             const auto r = root.lexically_normal().string();
             for (const auto& p : paths) {
-                if (isUnder(p, r) || isUnder(r, p)) {  // a root's parent may be what changed
+                // A root's parent may be what changed.
+                if (FileWatcher::isAtOrBelow(p, r) || FileWatcher::isAtOrBelow(r, p)) {
                     out.insert(source);
                 }
             }

@@ -31,13 +31,6 @@ std::string join(const std::string& dir, const std::string& name) {
     return dir == "/" ? dir + name : dir + "/" + name;
 }
 
-bool isAtOrBelow(const std::string& path, const std::string& folder) {
-    if (path.size() < folder.size() || path.compare(0, folder.size(), folder) != 0) {
-        return false;
-    }
-    return path.size() == folder.size() || folder == "/" || path[folder.size()] == '/';
-}
-
 std::string parentOf(const std::string& path) {
     const auto slash = path.rfind('/');
     if (slash == std::string::npos || slash == 0) {
@@ -83,6 +76,16 @@ FileWatcher::FileWatcher(std::vector<std::string> roots, Callback callback,
 
 FileWatcher::~FileWatcher() {
     stop();
+}
+
+bool FileWatcher::isAtOrBelow(std::string_view path, std::string_view folder) {
+    while (folder.size() > 1 && folder.back() == '/') {
+        folder.remove_suffix(1);
+    }
+    if (!path.starts_with(folder)) {
+        return false;
+    }
+    return path.size() == folder.size() || folder == "/" || path[folder.size()] == '/';
 }
 
 bool FileWatcher::requiresFullRescan(uint32_t fsEventFlags) {

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_set>
 #include <utility>
@@ -107,6 +108,10 @@ class FileWatcher {
 
     // The FSEvents rule: a delivery whose flags intersect `fsevents::kFullRescanMask`.
     static bool requiresFullRescan(uint32_t fsEventFlags);
+
+    // Whether `path` is `folder` or lies below it (text only: "/a/bc" is not below "/a/b"); how
+    // the paths of a batch are matched to the roots they concern.
+    static bool isAtOrBelow(std::string_view path, std::string_view folder);
 
   private:
     struct Watch {

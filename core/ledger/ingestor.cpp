@@ -55,12 +55,6 @@ class LatestEvents {
     int64_t produced_ = 0;
 };
 
-std::string normalised(const std::filesystem::path& path) {
-    std::error_code ec;
-    auto absolute = std::filesystem::absolute(path, ec);
-    return (ec ? path : absolute).lexically_normal().string();
-}
-
 }  // namespace
 
 // One chosen source between discovery and reading.
@@ -268,7 +262,8 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         const auto& file = planned.files[i];
         std::optional<SourceCheckpoint> previous;
         if (planned.stored != nullptr) {
-            if (auto it = planned.stored->find(normalised(file)); it != planned.stored->end()) {
+            if (auto it = planned.stored->find(SourceCheckpoint::stableIDFor(file));
+                it != planned.stored->end()) {
                 previous = it->second;
             }
         }

@@ -50,4 +50,10 @@ void from_json(const nlohmann::json& j, SourceCheckpoint& c) {
     c.fileStamp = readOptional<std::string>(j, "fileStamp");
 }
 
+std::string SourceCheckpoint::stableIDFor(const std::filesystem::path& path) {
+    std::error_code ec;
+    const auto absolute = std::filesystem::absolute(path, ec);
+    return (ec ? path : absolute).lexically_normal().string();
+}
+
 }  // namespace kestrel

@@ -2,6 +2,7 @@
 // Where a reader stopped in one file or database, so that the next scan reads only what is new.
 
 #include <cstdint>
+#include <filesystem>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
@@ -27,6 +28,10 @@ struct SourceCheckpoint {
     std::optional<std::string> fileStamp;  // "<size>:<mtime ns>" at the last read
 
     bool operator==(const SourceCheckpoint&) const = default;
+
+    // The stable id of the file at `path`: its absolute, lexically normal path. Readers stamp
+    // it and the scan looks checkpoints up by it, so both must build it here.
+    static std::string stableIDFor(const std::filesystem::path& path);
 };
 
 // JSON with the field names as keys; `parserContext` as base64 text since it is raw bytes.

@@ -196,7 +196,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
 
     SourceCheckpoint& cp = result.checkpoint;
     cp.source = AgentSource::claude;
-    cp.stableID = std::filesystem::absolute(transcript).lexically_normal().string();
+    cp.stableID = SourceCheckpoint::stableIDFor(transcript);
     cp.pathHint = transcript.string();
     cp.inode = JSONL::inode(transcript);
     cp.byteOffset = end->nextOffset;

@@ -779,7 +779,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
 
     SourceCheckpoint& cp = result.checkpoint;
     cp.source = AgentSource::codex;
-    cp.stableID = std::filesystem::absolute(rollout).lexically_normal().string();
+    cp.stableID = SourceCheckpoint::stableIDFor(rollout);
     cp.pathHint = rollout.string();
     cp.inode = JSONL::inode(rollout);
     if (compressed) {
