@@ -5,6 +5,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <ctime>
 #include <filesystem>
@@ -163,8 +164,18 @@ int runWatch(CommandContext& ctx, const WatchOptions& options, bool json, std::s
             bool full = false;
             {
                 std::unique_lock lock(pending.mutex);
-                if (!pending.changed.wait(lock, stop, [&] { return pending.any; })) {
-                    break;  // stop requested
+                if (!pending.changed.wait_for(lock, stop, std::chrono::seconds(1),
+                                              [&] { return pending.any; })) {
+                    if (stop.stop_requested()) {
+                        break;
+                    }
+                    if (!watcher.isRunning()) {
+                        ctx.err << "kestrel: the file watcher stopped unexpectedly; run `kestrel "
+                                   "watch` again\n";
+                        exitCode = kExitFailure;
+                        break;
+                    }
+                    continue;
                 }
                 paths.swap(pending.paths);
                 full = pending.fullRescan;

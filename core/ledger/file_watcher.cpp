@@ -221,6 +221,7 @@ void FileWatcher::run() {
             if (errno == EINTR) {
                 continue;
             }
+            running_ = false;  // the owner sees the watcher stopped (isRunning) and says so
             break;
         }
         if (stopRequested_) {

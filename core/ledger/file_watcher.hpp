@@ -102,6 +102,8 @@ class FileWatcher {
     // the destructor).
     void stop();
 
+    // False once stopped, and also when the watcher's thread ended on its own (a failing system
+    // call): a long-running owner checks it now and then.
     bool isRunning() const { return running_.load(); }
     // Folders (and file roots) currently under a watch; for diagnostics.
     std::size_t watchCount() const { return watchCount_.load(); }

@@ -51,7 +51,8 @@ struct SourceReader {
         const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
         const SourceReadContext& context, const SourceEventSink& sink)>
         ingest;
-    // The default model for `source` below `home`, read from the agent's configuration.
+    // The model to assume for this source, read from the agent's configuration in its roots;
+    // may be empty (no such setting).
     std::function<std::string(const std::vector<std::filesystem::path>& roots)> defaultModel;
 };
 
