@@ -6,6 +6,19 @@
 
 namespace kestrel {
 
+// What the user chose: `auto` shows yuan when the texts are in Chinese, dollars otherwise.
+enum class DisplayCurrency { automatic, usd, cny };
+
+template <>
+struct EnumCases<DisplayCurrency> {
+    using E = DisplayCurrency;
+    static constexpr std::array<std::pair<E, std::string_view>, 3> cases{{
+        {E::automatic, "auto"},
+        {E::usd, "usd"},
+        {E::cny, "cny"},
+    }};
+};
+
 enum class ResolvedCurrency { usd, cny };
 
 template <>
