@@ -1,15 +1,40 @@
 #include "core/model/calendar.hpp"
 
+#include <unicode/calendar.h>
+
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 
 #include "core/model/timestamp.hpp"
 
 namespace kestrel {
 
+namespace {
+
+// The default locale's first day of the week. ICU numbers days UCAL_SUNDAY = 1 ... UCAL_SATURDAY
+// = 7 and we number them 0 = Sunday ... 6; Monday when ICU cannot say.
+int localeFirstWeekday() {
+    constexpr int monday = 1;
+    UErrorCode status = U_ZERO_ERROR;
+    const std::unique_ptr<icu::Calendar> calendar(icu::Calendar::createInstance(status));
+    if (U_FAILURE(status) || !calendar) {
+        return monday;
+    }
+    const UCalendarDaysOfWeek first = calendar->getFirstDayOfWeek(status);
+    if (U_FAILURE(status) || first < UCAL_SUNDAY || first > UCAL_SATURDAY) {
+        return monday;
+    }
+    return static_cast<int>(first) - static_cast<int>(UCAL_SUNDAY);
+}
+
+}  // namespace
+
 Calendar Calendar::current() {
-    return Calendar{};
+    Calendar c;
+    c.firstWeekday = localeFirstWeekday();
+    return c;
 }
 
 Calendar Calendar::utc() {

@@ -1,6 +1,7 @@
 #pragma once
 // The calendar days and hours that reports group by. `current()` follows the process's time zone
-// (TZ honoured); tests pin UTC or a fixed offset.
+// (TZ honoured) and the first weekday of the process's locale; tests pin UTC or a fixed offset,
+// which start the week on Monday.
 
 #include <cstdint>
 #include <optional>
@@ -36,7 +37,8 @@ class Calendar {
     // The instant a "yyyy-MM-dd" day starts; absent when the text is not a valid date.
     std::optional<double> startOfDay(const std::string& dayKey) const;
 
-    // 0 = Sunday ... 6 = Saturday: the locale's first day of the week (Monday unless told).
+    // 0 = Sunday ... 6 = Saturday: the first day of the week. `current()` reads it from the
+    // locale (Monday when the locale cannot say); `utc()` and `fixedOffset()` use Monday.
     int firstWeekday = 1;
 
   private:

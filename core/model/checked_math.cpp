@@ -12,4 +12,10 @@ void overflowAbort(std::string_view operation, int64_t lhs, int64_t rhs) {
     std::abort();
 }
 
+void conversionAbort(std::string_view operation, double value) {
+    std::fprintf(stderr, "kestrel: fatal: %g out of the 64-bit range in %.*s\n", value,
+                 static_cast<int>(operation.size()), operation.data());
+    std::abort();
+}
+
 }  // namespace kestrel
