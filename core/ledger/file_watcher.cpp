@@ -520,6 +520,12 @@ void FileWatcher::resolvePendingUnder(const std::string& createdPath) {
 }
 
 void FileWatcher::pruneParentWatches() {
+    // A folder on the way to a missing root may have appeared since its parent's event was
+    // queued; watch it before the parent's watch goes, or its creation event goes with it.
+    const std::vector<std::string> pendingNow(pendingRoots_.begin(), pendingRoots_.end());
+    for (const auto& root : pendingNow) {
+        resolvePending(root);
+    }
     std::set<std::string> needed;
     for (const auto& root : pendingRoots_) {
         std::string parent = parentOf(root);
