@@ -15,7 +15,7 @@
 namespace kestrel::cli {
 namespace {
 
-constexpr int kTopModels = 8;
+constexpr std::size_t kTopModels = 8;
 
 int64_t totalTokens(const LedgerSummary& s) {
     int64_t sum = 0;
@@ -112,7 +112,10 @@ int runSummary(CommandContext& ctx, bool json) {
     };
     const auto today = since(0), week = since(6), month = since(29), all = since(std::nullopt);
     const auto bySource = store.ledgerSummariesBySource({});
-    const auto byModel = store.ledgerSummariesByModel({}, kTopModels);
+    auto byModel = store.ledgerSummariesByModel({});
+    if (byModel.size() > kTopModels) {
+        byModel.resize(kTopModels);
+    }
     const int exitCode = partial ? kExitPartial : kExitOK;
 
     if (json) {
@@ -133,9 +136,9 @@ int runSummary(CommandContext& ctx, bool json) {
         }
         doc["sources"] = sources;
         auto models = nlohmann::ordered_json::array();
-        for (const auto& [model, summary] : byModel) {
-            auto row = totalsJSON(summary);
-            row["model"] = model;
+        for (const auto& m : byModel) {
+            auto row = totalsJSON(m.summary);
+            row["model"] = m.model;
             models.push_back(row);
         }
         doc["models"] = models;
@@ -171,8 +174,8 @@ int runSummary(CommandContext& ctx, bool json) {
     ctx.out << '\n';
 
     TextTable models(columns("Model"));
-    for (const auto& [model, summary] : byModel) {
-        models.addRow(cells(model, summary));
+    for (const auto& m : byModel) {
+        models.addRow(cells(m.model, m.summary));
     }
     models.render(ctx.out, ctx.colour);
     ctx.out << '\n';

@@ -283,6 +283,11 @@ void UsageStore::migrate() {
         setUserVersion(db, 4);
     });
 
+    migrationStep(db, "version 5", 5, [&] {
+        sqlite::exec(db, ledger_schema::kVersion5Script);
+        setUserVersion(db, 5);
+    });
+
     {
         std::lock_guard guard(lock_);
         migrationStep(db, "window key backfill", std::nullopt, [&] { backfillWindowKeys(db); });

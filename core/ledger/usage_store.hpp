@@ -32,7 +32,7 @@ class UsageStore : public IntegrationInstanceRepository {
   public:
     static constexpr const char* kFileName = "usage.sqlite";
     static constexpr int kBusyTimeoutMs = 5000;
-    static constexpr int64_t kSchemaVersion = 4;
+    static constexpr int64_t kSchemaVersion = 5;
 
     // Opens or creates `directory`/usage.sqlite (creating the directory) and migrates it.
     // Throws StoreError(open) or StoreError(migrate).
@@ -85,14 +85,46 @@ class UsageStore : public IntegrationInstanceRepository {
     // Whether the ledger holds any event of `source`.
     bool hasLedgerEvents(AgentSource source);
 
-    // --- Ledger totals (one statement each; the filter is shared by every view) -------------
+    // --- Ledger queries (usage_store_queries.cpp) --------------------------------------------
+    //
+    // Every filter goes through ledgerFilter. Totals over whole quarter hours come from the
+    // ledger_rollups table when the filter allows it (time, source, instance, account, provider,
+    // model; not project or search), with the partial quarter hours at the ends of the range
+    // read from the events; the results equal a full aggregation of the events. Local days and
+    // hours are whole runs of quarter hours in every time zone in use today. Each throws
+    // StoreError(sql) on failure.
 
+    // A page of entries in (occurredAt, id) order, starting after `after`.
+    LedgerPage ledgerEvents(const LedgerQuery& query, LedgerSortOrder order,
+                            const std::optional<LedgerCursor>& after, int limit);
     int64_t ledgerEventCount(const LedgerQuery& query);
+    int64_t ledgerEventCount();
+    int64_t usageObservationCount(const std::optional<std::string>& integrationInstanceID = {});
     LedgerSummary ledgerSummary(const LedgerQuery& query);
     std::map<AgentSource, LedgerSummary> ledgerSummariesBySource(const LedgerQuery& query);
-    // Per model, the largest known token total first (then by name); at most `limit` rows.
-    std::vector<std::pair<std::string, LedgerSummary>> ledgerSummariesByModel(
-        const LedgerQuery& query, int limit);
+    // Heaviest known token total first, then the most expensive, then by name.
+    std::vector<LedgerModelSummary> ledgerSummariesByModel(const LedgerQuery& query);
+    // Per local day (or hour) and source, in time then source order.
+    std::vector<LedgerTimeBucket> ledgerTimeBuckets(const LedgerQuery& query,
+                                                    LedgerBucketUnit unit);
+    // Per local day (or hour) and model, in time then model order: the per-model breakdown of a
+    // period report.
+    std::vector<LedgerModelTimeBucket> ledgerModelTimeBuckets(const LedgerQuery& query,
+                                                              LedgerBucketUnit unit);
+    // Per local day in [from, to): the known token total and cost, days without events left out.
+    std::vector<LedgerDailyTotal> ledgerDailyTotals(double from, double to);
+    std::optional<LedgerDateBounds> ledgerOccurredAtBounds(const LedgerQuery& query);
+    LedgerFacets ledgerFacets(const LedgerQuery& query);
+    // Per session key (events without one are left out), the latest first.
+    std::vector<LedgerSessionSummary> ledgerSummariesBySession(const LedgerQuery& query);
+    // Per project (absent: events without a project name), heaviest first.
+    std::vector<LedgerProjectSummary> ledgerSummariesByProject(const LedgerQuery& query);
+    // Open coverage issues, grouped by code, source and origin; and counted per code.
+    std::vector<CoverageIssueGroup> coverageIssueGroups(const LedgerQuery& query);
+    std::vector<CoverageIssueCount> coverageIssueCounts(const LedgerQuery& query);
+    // Brings ledger_rollups up to date with the events (done by the queries when needed; a
+    // caller may do it ahead, for instance at the end of a scan).
+    void refreshRollups();
 
     // --- Settings (table `settings`) ----------------------------------------------------------
 

@@ -1,48 +1,97 @@
-// Totals over the ledger, filtered by a LedgerQuery and aggregated by SQLite.
+// The views of the ledger: pages of entries, totals, breakdowns by source, model, session,
+// project and time, bounds, facets and coverage. All aggregation happens in SQLite; totals over
+// whole quarter hours come from ledger_rollups when the filter allows it.
 
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <set>
 #include <variant>
 
 #include "core/ledger/ledger_query.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/model/calendar.hpp"
 
 namespace kestrel {
 namespace {
 
 using sqlite::Statement;
 
-constexpr std::string_view kAllBucketsKnown =
-    "e.input_uncached IS NOT NULL AND e.cache_read IS NOT NULL AND e.cache_write IS NOT NULL "
-    "AND e.output_visible IS NOT NULL AND e.reasoning IS NOT NULL";
+constexpr double kBucketSeconds = 900;
 
-std::string summaryColumns() {
-    const std::string known(kAllBucketsKnown);
-    return "COUNT(*), SUM(e.input_uncached), SUM(e.cache_read), SUM(e.cache_write), "
-           "SUM(e.output_visible), SUM(e.reasoning), "
-           "SUM(CASE WHEN " +
-           known +
-           " THEN e.input_uncached + e.cache_read + e.cache_write + e.output_visible + "
-           "e.reasoning END), "
-           "SUM(e.provider_total), SUM(c.amount_usd_micros), "
-           "SUM(c.amount_usd_micros IS NOT NULL), SUM(c.amount_usd_micros IS NULL), "
-           "SUM(CASE WHEN " +
-           known +
-           " THEN 1 ELSE 0 END), "
-           "SUM(CASE WHEN " +
-           known + " THEN 0 ELSE 1 END)";
-}
-
-void bindFilter(Statement& statement, const LedgerFilter& filter, int first = 1) {
-    int index = first;
-    for (const auto& p : filter.parameters) {
-        std::visit([&](const auto& v) { statement.bind(index, v); }, p);
-        ++index;
+// The quarter hour holding `t`, exactly as the schema's triggers compute it.
+int64_t bucketOf(double t) {
+    auto b = static_cast<int64_t>(t / kBucketSeconds);
+    if (static_cast<double>(b) * kBucketSeconds > t) {
+        --b;
     }
+    if (static_cast<double>(b + 1) * kBucketSeconds <= t) {
+        ++b;
+    }
+    return b;
 }
+
+double bucketStart(int64_t b) {
+    return static_cast<double>(b) * kBucketSeconds;
+}
+
+// The same expression in SQL, for grouping raw events by quarter hour.
+std::string bucketSQL(const std::string& t) {
+    const std::string b = "CAST((" + t + ") / 900 AS INTEGER)";
+    return "(" + b + " - (" + b + " * 900.0 > " + t + ") + ((" + b + " + 1) * 900.0 <= " + t + "))";
+}
+
+constexpr std::string_view kFullyKnown =
+    "CASE WHEN e.input_uncached IS NOT NULL\n"
+    "           AND e.cache_read IS NOT NULL\n"
+    "           AND e.cache_write IS NOT NULL\n"
+    "           AND e.output_visible IS NOT NULL\n"
+    "           AND e.reasoning IS NOT NULL\n"
+    "     THEN e.input_uncached + e.cache_read + e.cache_write\n"
+    "        + e.output_visible + e.reasoning\n"
+    "     ELSE NULL END";
+
+std::string knownProviderTotal() {
+    return "CASE WHEN e.provider_total IS NOT NULL THEN e.provider_total\n     ELSE " +
+           std::string(kFullyKnown) + " END";
+}
+
+constexpr std::string_view kJoin =
+    " FROM ledger_events e LEFT JOIN ledger_costs c ON c.ledger_event_id=e.id WHERE 1=1";
+
+// The thirteen summary columns over events `e` joined with costs `c`, in the order readSummary
+// reads them.
+std::string rawSummaryColumns() {
+    const std::string known(kFullyKnown);
+    const std::string provider = knownProviderTotal();
+    return "COUNT(*), SUM(e.input_uncached), SUM(e.cache_read), SUM(e.cache_write), "
+           "SUM(e.output_visible), SUM(e.reasoning), SUM(" +
+           known + "), SUM(" + provider +
+           "), SUM(c.amount_usd_micros), COUNT(c.amount_usd_micros), COUNT(*) - "
+           "COUNT(c.amount_usd_micros), COUNT(" +
+           provider + "), COUNT(*) - COUNT(" + provider + ")";
+}
+
+// The same thirteen columns over rollup rows `r`: a sum is absent when no event gave a value.
+std::string rollupSummaryColumns() {
+    const auto sum = [](std::string_view c) {
+        return "CASE WHEN SUM(r." + std::string(c) + "_n) > 0 THEN SUM(r." + std::string(c) +
+               ") END";
+    };
+    return "SUM(r.event_count), " + sum("input_uncached") + ", " + sum("cache_read") + ", " +
+           sum("cache_write") + ", " + sum("output_visible") + ", " + sum("reasoning") + ", " +
+           sum("fully_known") + ", " + sum("provider_known") +
+           ", CASE WHEN SUM(r.cost_n) > 0 THEN SUM(r.cost_usd_micros) END, SUM(r.cost_n), "
+           "SUM(r.event_count) - SUM(r.cost_n), SUM(r.provider_known_n), SUM(r.event_count) - "
+           "SUM(r.provider_known_n)";
+}
+
+constexpr int kSummaryColumns = 13;
 
 LedgerSummary readSummary(const Statement& s, int first) {
     LedgerSummary out;
-    out.eventCount = s.int64(first);
+    out.eventCount = s.optionalInt64(first).value_or(0);
     out.inputUncached = s.optionalInt64(first + 1);
     out.cacheRead = s.optionalInt64(first + 2);
     out.cacheWrite = s.optionalInt64(first + 3);
@@ -58,65 +107,667 @@ LedgerSummary readSummary(const Statement& s, int first) {
     return out;
 }
 
-}  // namespace
-
-int64_t UsageStore::ledgerEventCount(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
-    const auto filter = ledgerFilter(query);
-    Statement select(connection(),
-                     "SELECT COUNT(*) FROM ledger_events e WHERE " + filter.sql + ";");
-    bindFilter(select, filter);
-    select.step();
-    return select.int64(0);
+void bindFilter(Statement& statement, const LedgerFilter& filter, int first = 1) {
+    int index = first;
+    for (const auto& p : filter.parameters) {
+        std::visit([&](const auto& v) { statement.bind(index, v); }, p);
+        ++index;
+    }
 }
 
-LedgerSummary UsageStore::ledgerSummary(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
-    const auto filter = ledgerFilter(query);
-    Statement select(connection(), "SELECT " + summaryColumns() +
-                                       " FROM ledger_events e LEFT JOIN ledger_costs c ON "
-                                       "c.ledger_event_id = e.id WHERE " +
-                                       filter.sql + ";");
-    bindFilter(select, filter);
-    select.step();
-    return readSummary(select, 0);
+// The conditions of a query on rollup rows `r`: only the dimensions rollups keep.
+LedgerFilter rollupFilter(const LedgerQuery& q, int64_t firstBucket, int64_t endBucket) {
+    LedgerFilter f;
+    f.sql = " AND r.bucket>=? AND r.bucket<?";
+    f.parameters.emplace_back(static_cast<double>(firstBucket));
+    f.parameters.emplace_back(static_cast<double>(endBucket));
+    const auto add = [&](std::string clause, std::string value) {
+        f.sql += " AND " + std::move(clause);
+        f.parameters.emplace_back(std::move(value));
+    };
+    if (q.source) {
+        add("r.source=?", std::string(rawValue(*q.source)));
+    }
+    if (q.integrationInstanceID) {
+        add("r.integration_instance_id=?", *q.integrationInstanceID);
+    }
+    if (q.accountScope) {
+        switch (q.accountScope->kind) {
+            case LedgerAccountScope::Kind::account:
+                add("r.account_id=?", q.accountScope->accountID);
+                break;
+            case LedgerAccountScope::Kind::unassigned:
+                add("r.account_id=?", "");  // rollups keep a missing account as ''
+                break;
+            case LedgerAccountScope::Kind::all:
+                break;
+        }
+    }
+    if (q.provider) {
+        add("r.provider=?", *q.provider);
+    }
+    if (q.model) {
+        add("r.model=?", *q.model);
+    }
+    return f;
 }
 
-std::map<AgentSource, LedgerSummary> UsageStore::ledgerSummariesBySource(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
-    const auto filter = ledgerFilter(query);
-    Statement select(connection(), "SELECT e.source, " + summaryColumns() +
-                                       " FROM ledger_events e LEFT JOIN ledger_costs c ON "
-                                       "c.ledger_event_id = e.id WHERE " +
-                                       filter.sql + " GROUP BY e.source;");
-    bindFilter(select, filter);
-    std::map<AgentSource, LedgerSummary> out;
-    while (select.step()) {
-        if (auto source = fromRawValue<AgentSource>(select.text(0))) {
-            out[*source] = readSummary(select, 1);
+// How a query is answered: whole quarter hours [firstBucket, endBucket) from rollups, and the
+// pieces of the range outside them from the events. Without rollups every piece is the query.
+struct Plan {
+    bool rollups = false;
+    int64_t firstBucket = 0;
+    int64_t endBucket = 0;
+    std::vector<LedgerQuery> rawPieces;
+};
+
+Plan plan(const LedgerQuery& q) {
+    Plan p;
+    const bool searching =
+        q.search && q.search->find_first_not_of(" \t\r\n\f\v") != std::string::npos;
+    if (q.projectDisplayName || searching) {
+        p.rawPieces.push_back(q);
+        return p;
+    }
+    // An open end reaches past every stored event (times are kept far inside these bounds).
+    constexpr int64_t kLowest = -(int64_t{1} << 40);
+    constexpr int64_t kHighest = int64_t{1} << 40;
+    int64_t first = kLowest;
+    int64_t end = kHighest;
+    if (q.from) {
+        first = bucketOf(*q.from);
+        if (bucketStart(first) < *q.from) {
+            ++first;  // the first quarter hour is only partly inside: read it from the events
+        }
+    }
+    if (q.to) {
+        end = bucketOf(*q.to);  // the quarter hour holding `to` is at most partly inside
+    }
+    if (first >= end) {
+        p.rawPieces.push_back(q);
+        return p;
+    }
+    p.rollups = true;
+    p.firstBucket = first;
+    p.endBucket = end;
+    if (q.from && *q.from < bucketStart(first)) {
+        LedgerQuery head = q;
+        head.to = bucketStart(first);
+        p.rawPieces.push_back(head);
+    }
+    if (q.to && bucketStart(end) < *q.to) {
+        LedgerQuery tail = q;
+        tail.from = bucketStart(end);
+        p.rawPieces.push_back(tail);
+    }
+    return p;
+}
+
+// Rows of (group key, summary) from one statement whose first column is the key.
+template <class Key, class ReadKey>
+void collect(Statement& s, std::map<Key, LedgerSummary>& into, ReadKey&& readKey) {
+    while (s.step()) {
+        into[readKey(s)] += readSummary(s, 1);
+    }
+}
+
+// Totals per `key` (an SQL expression over `e` and, for rollups, the same column of `r`).
+template <class Key, class ReadKey>
+std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, const LedgerQuery& query,
+                                           const std::string& eventKey,
+                                           const std::string& rollupKey, ReadKey&& readKey) {
+    std::map<Key, LedgerSummary> out;
+    const Plan p = plan(query);
+    if (p.rollups) {
+        const auto f = rollupFilter(query, p.firstBucket, p.endBucket);
+        Statement s(db, "SELECT " + rollupKey + ", " + rollupSummaryColumns() +
+                            " FROM ledger_rollups r WHERE 1=1" + f.sql + " GROUP BY 1;");
+        bindFilter(s, f);
+        collect(s, out, readKey);
+    }
+    for (const auto& piece : p.rawPieces) {
+        const auto f = ledgerFilter(piece);
+        Statement s(db, "SELECT " + eventKey + ", " + rawSummaryColumns() + std::string(kJoin) +
+                            f.sql + " GROUP BY 1;");
+        bindFilter(s, f);
+        collect(s, out, readKey);
+    }
+    return out;
+}
+
+// Totals per (quarter hour, key).
+template <class Key, class ReadKey>
+std::map<std::pair<int64_t, Key>, LedgerSummary> bucketTotals(sqlite3* db, const LedgerQuery& query,
+                                                              const std::string& eventKey,
+                                                              const std::string& rollupKey,
+                                                              ReadKey&& readKey) {
+    std::map<std::pair<int64_t, Key>, LedgerSummary> out;
+    const auto read = [&](const Statement& s) { return std::pair{s.int64(0), readKey(s)}; };
+    const Plan p = plan(query);
+    if (p.rollups) {
+        const auto f = rollupFilter(query, p.firstBucket, p.endBucket);
+        Statement s(db, "SELECT r.bucket, " + rollupKey + ", " + rollupSummaryColumns() +
+                            " FROM ledger_rollups r WHERE 1=1" + f.sql + " GROUP BY 1, 2;");
+        bindFilter(s, f);
+        while (s.step()) {
+            out[read(s)] += readSummary(s, 2);
+        }
+    }
+    for (const auto& piece : p.rawPieces) {
+        const auto f = ledgerFilter(piece);
+        Statement s(db, "SELECT " + bucketSQL("e.occurred_at") + ", " + eventKey + ", " +
+                            rawSummaryColumns() + std::string(kJoin) + f.sql + " GROUP BY 1, 2;");
+        bindFilter(s, f);
+        while (s.step()) {
+            out[read(s)] += readSummary(s, 2);
         }
     }
     return out;
 }
 
-std::vector<std::pair<std::string, LedgerSummary>> UsageStore::ledgerSummariesByModel(
-    const LedgerQuery& query, int limit) {
+// The local start of the day or hour holding each of a rising series of instants. Quarter hours
+// never straddle either. Days are cached as [start, next start), so that a year of quarter
+// hours costs a few hundred calendar conversions rather than tens of thousands.
+class LocalStarts {
+  public:
+    LocalStarts(LedgerBucketUnit unit) : unit_(unit), calendar_(Calendar::current()) {}
+
+    double operator()(double t) {
+        if (unit_ == LedgerBucketUnit::hour) {
+            const auto parts = calendar_.parts(t);
+            return t - parts.minute * 60.0 - parts.second - (t - std::floor(t));
+        }
+        if (!(t >= dayStart_ && t < nextDay_)) {
+            dayStart_ = calendar_.startOfDay(t);
+            nextDay_ = calendar_.addingDays(dayStart_, 1);
+        }
+        return dayStart_;
+    }
+
+    const Calendar& calendar() const { return calendar_; }
+
+  private:
+    LedgerBucketUnit unit_;
+    Calendar calendar_;
+    double dayStart_ = 1;
+    double nextDay_ = 0;  // empty: the first instant computes its day
+};
+
+std::vector<AgentSource> sourcesFrom(const std::string& keys) {
+    std::vector<AgentSource> out;
+    std::size_t at = 0;
+    while (at <= keys.size()) {
+        auto comma = keys.find(',', at);
+        if (comma == std::string::npos) {
+            comma = keys.size();
+        }
+        if (auto s = fromRawValue<AgentSource>(std::string_view(keys).substr(at, comma - at))) {
+            out.push_back(*s);
+        }
+        at = comma + 1;
+    }
+    std::ranges::sort(out);
+    out.erase(std::unique(out.begin(), out.end()), out.end());
+    return out;
+}
+
+std::optional<AgentSource> sourceAt(const Statement& s, int column) {
+    return fromRawValue<AgentSource>(s.text(column));
+}
+
+}  // namespace
+
+// --- Freshness of the rollups -----------------------------------------------------------------
+
+void UsageStore::refreshRollups() {
     std::lock_guard guard(lock_);
-    const auto filter = ledgerFilter(query);
-    Statement select(connection(),
-                     "SELECT e.model, " + summaryColumns() +
-                         " FROM ledger_events e LEFT JOIN ledger_costs c ON "
-                         "c.ledger_event_id = e.id WHERE " +
-                         filter.sql +
-                         " GROUP BY e.model ORDER BY COALESCE(SUM(e.input_uncached), 0) + "
-                         "COALESCE(SUM(e.cache_read), 0) + COALESCE(SUM(e.cache_write), 0) + "
-                         "COALESCE(SUM(e.output_visible), 0) + COALESCE(SUM(e.reasoning), 0) "
-                         "DESC, e.model LIMIT ?;");
-    bindFilter(select, filter);
-    select.bind(static_cast<int>(filter.parameters.size()) + 1, static_cast<int64_t>(limit));
-    std::vector<std::pair<std::string, LedgerSummary>> out;
-    while (select.step()) {
-        out.emplace_back(select.text(0), readSummary(select, 1));
+    sqlite3* db = connection();
+    {
+        Statement any(db, "SELECT EXISTS(SELECT 1 FROM ledger_rollup_dirty);");
+        any.step();
+        if (any.int64(0) == 0) {
+            return;
+        }
+    }
+    const std::string known(kFullyKnown);
+    const std::string provider = knownProviderTotal();
+    sqlite::Transaction transaction(db);
+    sqlite::exec(db,
+                 "DELETE FROM ledger_rollups WHERE bucket IN (SELECT bucket FROM "
+                 "ledger_rollup_dirty);\n"
+                 "INSERT INTO ledger_rollups\n"
+                 "SELECT d.bucket, e.source, e.model, e.provider, COALESCE(e.account_id, ''),\n"
+                 "  COALESCE(e.integration_instance_id, ''), COUNT(*),\n"
+                 "  SUM(e.input_uncached), COUNT(e.input_uncached),\n"
+                 "  SUM(e.cache_read), COUNT(e.cache_read),\n"
+                 "  SUM(e.cache_write), COUNT(e.cache_write),\n"
+                 "  SUM(e.output_visible), COUNT(e.output_visible),\n"
+                 "  SUM(e.reasoning), COUNT(e.reasoning),\n"
+                 "  SUM(" +
+                     known + "), COUNT(" + known +
+                     "),\n"
+                     "  SUM(" +
+                     provider + "), COUNT(" + provider +
+                     "),\n"
+                     "  SUM(c.amount_usd_micros), COUNT(c.amount_usd_micros)\n"
+                     "FROM ledger_rollup_dirty d\n"
+                     "JOIN ledger_events e ON e.occurred_at >= d.bucket * 900.0\n"
+                     "  AND e.occurred_at < (d.bucket + 1) * 900.0\n"
+                     "LEFT JOIN ledger_costs c ON c.ledger_event_id = e.id\n"
+                     "GROUP BY 1, 2, 3, 4, 5, 6;\n"
+                     "DELETE FROM ledger_rollup_dirty;");
+    transaction.commit();
+}
+
+// --- Entries ----------------------------------------------------------------------------------
+
+LedgerPage UsageStore::ledgerEvents(const LedgerQuery& query, LedgerSortOrder order,
+                                    const std::optional<LedgerCursor>& after, int limit) {
+    std::lock_guard guard(lock_);
+    const auto f = ledgerFilter(query);
+    const bool ascending = order == LedgerSortOrder::ascending;
+    const std::string op = ascending ? ">" : "<";
+    const std::string dir = ascending ? "ASC" : "DESC";
+    std::string sql =
+        "SELECT e.id, e.observation_id, e.integration_instance_id, e.account_id, e.occurred_at,\n"
+        "  e.source, e.provider, e.model, e.session_key, e.project_display_name,\n"
+        "  e.input_uncached, e.cache_read, e.cache_write, e.output_visible, e.reasoning,\n"
+        "  e.provider_input_total, e.provider_output_total, e.provider_total,\n"
+        "  e.usage_semantics_version, c.amount_usd_micros, c.completeness, c.cost_source,\n"
+        "  c.price_version, c.fx_version, c.billing_mode" +
+        std::string(kJoin) + f.sql;
+    if (after) {
+        sql += " AND (e.occurred_at" + op + "? OR (e.occurred_at=? AND e.id" + op + "?))";
+    }
+    sql += "\nORDER BY e.occurred_at " + dir + ",\n         e.id " + dir + " LIMIT ?;";
+    Statement s(connection(), sql);
+    bindFilter(s, f);
+    int next = static_cast<int>(f.parameters.size()) + 1;
+    if (after) {
+        s.bind(next, after->occurredAt);
+        s.bind(next + 1, after->occurredAt);
+        s.bind(next + 2, after->eventID);
+        next += 3;
+    }
+    s.bind(next, static_cast<int64_t>(std::max(limit, 0)));
+
+    LedgerPage page;
+    while (s.step()) {
+        LedgerEntry entry;
+        auto& e = entry.event;
+        e.id = s.text(0);
+        e.observationID = s.text(1);
+        if (auto v = s.optionalText(2)) {
+            e.integrationInstanceID = IntegrationInstanceID(*v);
+        }
+        if (auto v = s.optionalText(3)) {
+            e.accountID = SubscriptionAccountID(*v);
+        }
+        e.occurredAt = s.real(4);
+        e.source = sourceAt(s, 5).value_or(AgentSource::claude);
+        e.provider = s.text(6);
+        e.model = s.text(7);
+        e.sessionKey = s.optionalText(8);
+        e.projectDisplayName = s.optionalText(9);
+        e.tokens.inputUncached = s.optionalInt64(10);
+        e.tokens.cacheRead = s.optionalInt64(11);
+        e.tokens.cacheWrite = s.optionalInt64(12);
+        e.tokens.outputVisible = s.optionalInt64(13);
+        e.tokens.reasoning = s.optionalInt64(14);
+        e.tokens.providerInputTotal = s.optionalInt64(15);
+        e.tokens.providerOutputTotal = s.optionalInt64(16);
+        e.tokens.providerTotal = s.optionalInt64(17);
+        e.usageSemanticsVersion = s.int64(18);
+        // An entry without a cost row reads as unpriced.
+        auto& c = entry.cost;
+        c.ledgerEventID = e.id;
+        c.amountUSDMicros = s.optionalInt64(19);
+        c.completeness = fromRawValue<CostCompleteness>(s.optionalText(20).value_or(""))
+                             .value_or(CostCompleteness::none);
+        c.source =
+            fromRawValue<CostSource>(s.optionalText(21).value_or("")).value_or(CostSource::unknown);
+        c.priceVersion = s.optionalInt64(22);
+        c.fxVersion = s.optionalInt64(23);
+        c.billingMode = fromRawValue<BillingMode>(s.optionalText(24).value_or(""))
+                            .value_or(BillingMode::apiEquivalent);
+        page.entries.push_back(std::move(entry));
+    }
+    if (limit > 0 && static_cast<int>(page.entries.size()) == limit) {
+        const auto& last = page.entries.back().event;
+        page.nextCursor = LedgerCursor{last.occurredAt, last.id};
+    }
+    return page;
+}
+
+// --- Counts -----------------------------------------------------------------------------------
+
+int64_t UsageStore::ledgerEventCount(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = ledgerFilter(query);
+    Statement s(connection(), "SELECT COUNT(*) FROM ledger_events e WHERE 1=1" + f.sql + ";");
+    bindFilter(s, f);
+    s.step();
+    return s.int64(0);
+}
+
+int64_t UsageStore::ledgerEventCount() {
+    return ledgerEventCount(LedgerQuery{});
+}
+
+int64_t UsageStore::usageObservationCount(const std::optional<std::string>& instance) {
+    std::lock_guard guard(lock_);
+    Statement s(connection(), instance ? "SELECT COUNT(*) FROM usage_observations WHERE "
+                                         "integration_instance_id=?;"
+                                       : "SELECT COUNT(*) FROM usage_observations;");
+    if (instance) {
+        s.bind(1, *instance);
+    }
+    s.step();
+    return s.int64(0);
+}
+
+// --- Totals -----------------------------------------------------------------------------------
+
+LedgerSummary UsageStore::ledgerSummary(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    refreshRollups();
+    const auto byNothing =
+        groupedTotals<int>(connection(), query, "0", "0", [](const Statement&) { return 0; });
+    return byNothing.empty() ? LedgerSummary{} : byNothing.begin()->second;
+}
+
+std::map<AgentSource, LedgerSummary> UsageStore::ledgerSummariesBySource(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    refreshRollups();
+    const auto bySource = groupedTotals<std::string>(connection(), query, "e.source", "r.source",
+                                                     [](const Statement& s) { return s.text(0); });
+    std::map<AgentSource, LedgerSummary> out;
+    for (const auto& [key, summary] : bySource) {
+        if (auto source = fromRawValue<AgentSource>(key)) {
+            out[*source] += summary;
+        }
+    }
+    return out;
+}
+
+std::vector<LedgerModelSummary> UsageStore::ledgerSummariesByModel(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    refreshRollups();
+    // Per (model, source); the sources of a model are those that contributed rows.
+    const auto rows = groupedTotals<std::pair<std::string, std::string>>(
+        connection(), query, "e.model || char(31) || e.source", "r.model || char(31) || r.source",
+        [](const Statement& s) {
+            const auto key = s.text(0);
+            const auto cut = key.rfind('\x1f');
+            return std::pair{key.substr(0, cut), key.substr(cut + 1)};
+        });
+    std::map<std::string, LedgerModelSummary> models;
+    for (const auto& [key, summary] : rows) {
+        auto& m = models[key.first];
+        m.model = key.first;
+        m.summary += summary;
+        if (auto source = fromRawValue<AgentSource>(key.second)) {
+            m.sources.push_back(*source);
+        }
+    }
+    std::vector<LedgerModelSummary> out;
+    for (auto& [name, m] : models) {
+        std::ranges::sort(m.sources);
+        m.sources.erase(std::unique(m.sources.begin(), m.sources.end()), m.sources.end());
+        out.push_back(std::move(m));
+    }
+    std::ranges::stable_sort(out, [](const LedgerModelSummary& a, const LedgerModelSummary& b) {
+        const auto ta = a.summary.knownProviderTokenTotal.value_or(0);
+        const auto tb = b.summary.knownProviderTokenTotal.value_or(0);
+        if (ta != tb) {
+            return ta > tb;
+        }
+        return a.summary.knownCostUSDMicros.value_or(0) > b.summary.knownCostUSDMicros.value_or(0);
+    });
+    return out;
+}
+
+std::vector<LedgerTimeBucket> UsageStore::ledgerTimeBuckets(const LedgerQuery& query,
+                                                            LedgerBucketUnit unit) {
+    std::lock_guard guard(lock_);
+    refreshRollups();
+    LocalStarts localStart(unit);
+    const auto rows = bucketTotals<std::string>(connection(), query, "e.source", "r.source",
+                                                [](const Statement& s) { return s.text(1); });
+    std::map<std::pair<double, AgentSource>, LedgerSummary> grouped;
+    for (const auto& [key, summary] : rows) {
+        if (auto source = fromRawValue<AgentSource>(key.second)) {
+            grouped[{localStart(bucketStart(key.first)), *source}] += summary;
+        }
+    }
+    std::vector<LedgerTimeBucket> out;
+    for (const auto& [key, summary] : grouped) {
+        out.push_back({key.first, key.second, summary});
+    }
+    return out;
+}
+
+std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const LedgerQuery& query,
+                                                                      LedgerBucketUnit unit) {
+    std::lock_guard guard(lock_);
+    refreshRollups();
+    LocalStarts localStart(unit);
+    const auto rows = bucketTotals<std::pair<std::string, std::string>>(
+        connection(), query, "e.model || char(31) || e.source", "r.model || char(31) || r.source",
+        [](const Statement& s) {
+            const auto key = s.text(1);
+            const auto cut = key.rfind('\x1f');
+            return std::pair{key.substr(0, cut), key.substr(cut + 1)};
+        });
+    std::map<std::tuple<double, std::string, AgentSource>, LedgerSummary> grouped;
+    for (const auto& [key, summary] : rows) {
+        if (auto source = fromRawValue<AgentSource>(key.second.second)) {
+            grouped[{localStart(bucketStart(key.first)), key.second.first, *source}] += summary;
+        }
+    }
+    std::vector<LedgerModelTimeBucket> out;
+    for (const auto& [key, summary] : grouped) {
+        out.push_back({std::get<0>(key), std::get<1>(key), std::get<2>(key), summary});
+    }
+    return out;
+}
+
+std::vector<LedgerDailyTotal> UsageStore::ledgerDailyTotals(double from, double to) {
+    std::lock_guard guard(lock_);
+    refreshRollups();
+    LocalStarts localStart(LedgerBucketUnit::day);
+    LedgerQuery query;
+    query.from = from;
+    query.to = to;
+    const auto rows =
+        bucketTotals<int>(connection(), query, "0", "0", [](const Statement&) { return 0; });
+    std::map<double, LedgerSummary> days;
+    for (const auto& [key, summary] : rows) {
+        days[localStart(bucketStart(key.first))] += summary;
+    }
+    std::vector<LedgerDailyTotal> out;
+    for (const auto& [start, summary] : days) {
+        const auto parts = localStart.calendar().parts(start);
+        out.push_back({parts.year, parts.month, parts.day,
+                       summary.knownProviderTokenTotal.value_or(0), summary.knownCostUSDMicros});
+    }
+    return out;
+}
+
+// --- Bounds and facets ------------------------------------------------------------------------
+
+std::optional<LedgerDateBounds> UsageStore::ledgerOccurredAtBounds(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = ledgerFilter(query);
+    Statement s(connection(), "SELECT\n  (SELECT e.occurred_at FROM ledger_events e WHERE 1=1" +
+                                  f.sql +
+                                  "\n   ORDER BY e.occurred_at ASC LIMIT 1),\n  (SELECT "
+                                  "e.occurred_at FROM ledger_events e WHERE 1=1" +
+                                  f.sql + "\n   ORDER BY e.occurred_at DESC LIMIT 1);");
+    bindFilter(s, f);
+    bindFilter(s, f, static_cast<int>(f.parameters.size()) + 1);
+    s.step();
+    const auto earliest = s.optionalReal(0);
+    const auto latest = s.optionalReal(1);
+    if (!earliest || !latest) {
+        return std::nullopt;
+    }
+    return LedgerDateBounds{*earliest, *latest};
+}
+
+LedgerFacets UsageStore::ledgerFacets(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = ledgerFilter(query);
+    const auto distinct = [&](const std::string& column) {
+        Statement s(connection(), "SELECT DISTINCT e." + column +
+                                      " FROM ledger_events e\nWHERE 1=1" + f.sql + " AND e." +
+                                      column + " IS NOT NULL AND e." + column +
+                                      "<>''\nORDER BY e." + column + " COLLATE NOCASE;");
+        bindFilter(s, f);
+        std::vector<std::string> out;
+        while (s.step()) {
+            out.push_back(s.text(0));
+        }
+        return out;
+    };
+    LedgerFacets facets;
+    for (const auto& key : distinct("source")) {
+        if (auto source = fromRawValue<AgentSource>(key)) {
+            facets.sources.push_back(*source);
+        }
+    }
+    facets.integrationInstanceIDs = distinct("integration_instance_id");
+    facets.accountIDs = distinct("account_id");
+    facets.providers = distinct("provider");
+    facets.models = distinct("model");
+    facets.projects = distinct("project_display_name");
+    Statement unassigned(connection(), "SELECT EXISTS(SELECT 1 FROM ledger_events e WHERE 1=1" +
+                                           f.sql + " AND e.account_id IS NULL);");
+    bindFilter(unassigned, f);
+    unassigned.step();
+    facets.hasUnassignedAccount = unassigned.int64(0) != 0;
+    return facets;
+}
+
+// --- Sessions and projects --------------------------------------------------------------------
+
+std::vector<LedgerSessionSummary> UsageStore::ledgerSummariesBySession(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = ledgerFilter(query);
+    Statement s(connection(),
+                "SELECT e.session_key, e.source, MIN(e.occurred_at), MAX(e.occurred_at),\n"
+                "  GROUP_CONCAT(DISTINCT e.model), " +
+                    rawSummaryColumns() + std::string(kJoin) + f.sql +
+                    " AND e.session_key IS NOT NULL\nGROUP BY e.session_key, e.source\n"
+                    "ORDER BY MAX(e.occurred_at) DESC, e.session_key;");
+    bindFilter(s, f);
+    std::vector<LedgerSessionSummary> out;
+    std::map<std::pair<std::string, std::string>, std::size_t> index;
+    while (s.step()) {
+        LedgerSessionSummary row;
+        row.sessionKey = s.text(0);
+        const auto sourceKey = s.text(1);
+        row.source = fromRawValue<AgentSource>(sourceKey).value_or(AgentSource::claude);
+        row.firstAt = s.real(2);
+        row.lastAt = s.real(3);
+        const auto models = s.text(4);
+        for (std::size_t at = 0; at <= models.size();) {
+            auto comma = models.find(',', at);
+            if (comma == std::string::npos) {
+                comma = models.size();
+            }
+            if (comma > at) {
+                row.models.push_back(models.substr(at, comma - at));
+            }
+            at = comma + 1;
+        }
+        std::ranges::sort(row.models);
+        row.summary = readSummary(s, 5);
+        index[{row.sessionKey, sourceKey}] = out.size();
+        out.push_back(std::move(row));
+    }
+    // The project of each session is that of its latest event (SQLite takes a bare column from
+    // the row that gives the one MAX of the group).
+    Statement projects(connection(),
+                       "SELECT e.session_key, e.source, e.project_display_name, "
+                       "MAX(e.occurred_at) FROM ledger_events e WHERE 1=1" +
+                           f.sql + " AND e.session_key IS NOT NULL GROUP BY 1, 2;");
+    bindFilter(projects, f);
+    while (projects.step()) {
+        auto it = index.find({projects.text(0), projects.text(1)});
+        if (it != index.end()) {
+            out[it->second].projectDisplayName = projects.optionalText(2);
+        }
+    }
+    return out;
+}
+
+std::vector<LedgerProjectSummary> UsageStore::ledgerSummariesByProject(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = ledgerFilter(query);
+    Statement s(connection(), "SELECT e.project_display_name, GROUP_CONCAT(DISTINCT e.source), " +
+                                  rawSummaryColumns() + std::string(kJoin) + f.sql +
+                                  "\nGROUP BY e.project_display_name\nORDER BY SUM(" +
+                                  knownProviderTotal() + ") DESC, e.project_display_name;");
+    bindFilter(s, f);
+    std::vector<LedgerProjectSummary> out;
+    while (s.step()) {
+        LedgerProjectSummary row;
+        row.projectDisplayName = s.optionalText(0);
+        row.sources = sourcesFrom(s.optionalText(1).value_or(""));
+        row.summary = readSummary(s, 2);
+        out.push_back(std::move(row));
+    }
+    return out;
+}
+
+// --- Coverage ---------------------------------------------------------------------------------
+
+std::vector<CoverageIssueGroup> UsageStore::coverageIssueGroups(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = coverageFilter(query);
+    Statement s(connection(),
+                "SELECT ci.code, COALESCE(o.source, ci.source), ci.origin, COUNT(*)\n"
+                "FROM coverage_issues ci\n"
+                "LEFT JOIN usage_observations o ON o.id=ci.observation_id\n"
+                "WHERE ci.resolved_at IS NULL" +
+                    f.sql +
+                    "\nGROUP BY ci.code, COALESCE(o.source, ci.source), ci.origin\n"
+                    "ORDER BY ci.code, COALESCE(o.source, ci.source), ci.origin;");
+    bindFilter(s, f);
+    std::vector<CoverageIssueGroup> out;
+    while (s.step()) {
+        auto code = fromRawValue<CoverageIssueCode>(s.text(0));
+        auto origin = fromRawValue<CoverageIssueOrigin>(s.text(2));
+        if (!code || !origin) {
+            continue;  // written by a newer build
+        }
+        CoverageIssueGroup g;
+        g.code = *code;
+        if (auto key = s.optionalText(1)) {
+            g.source = fromRawValue<AgentSource>(*key);
+        }
+        g.origin = *origin;
+        g.count = s.int64(3);
+        out.push_back(g);
+    }
+    return out;
+}
+
+std::vector<CoverageIssueCount> UsageStore::coverageIssueCounts(const LedgerQuery& query) {
+    std::lock_guard guard(lock_);
+    const auto f = coverageFilter(query);
+    Statement s(connection(),
+                "SELECT ci.code, COUNT(*)\nFROM coverage_issues ci\n"
+                "LEFT JOIN usage_observations o ON o.id=ci.observation_id\n"
+                "WHERE ci.resolved_at IS NULL" +
+                    f.sql + "\nGROUP BY ci.code\nORDER BY ci.code;");
+    bindFilter(s, f);
+    std::vector<CoverageIssueCount> out;
+    while (s.step()) {
+        if (auto code = fromRawValue<CoverageIssueCode>(s.text(0))) {
+            out.push_back({*code, s.int64(1)});
+        }
     }
     return out;
 }

@@ -180,7 +180,7 @@ INSERT INTO settings VALUES('app', '{}');
     }
 
     RawDB raw(databaseIn(dir));
-    EXPECT_EQ(raw.userVersion(), 4);
+    EXPECT_EQ(raw.userVersion(), UsageStore::kSchemaVersion);
     const struct {
         const char* query;
         std::vector<std::string> expected;
@@ -224,7 +224,7 @@ TEST(LedgerMigration, VersionTwoFileGainsLedgerTablesAndIsNotRenamedAgain) {
     { UsageStore store(dir.path()); }
 
     RawDB raw(databaseIn(dir));
-    EXPECT_EQ(raw.userVersion(), 4);
+    EXPECT_EQ(raw.userVersion(), UsageStore::kSchemaVersion);
     EXPECT_EQ(raw.schema(), newFileSchema());
     EXPECT_EQ(raw.rows("SELECT id, source FROM events;"),
               std::vector<std::string>{"roo-code:y|roo-code"});
@@ -265,7 +265,7 @@ PRAGMA user_version = 3;
     { UsageStore store(dir.path()); }
 
     RawDB raw(databaseIn(dir));
-    EXPECT_EQ(raw.userVersion(), 4);
+    EXPECT_EQ(raw.userVersion(), UsageStore::kSchemaVersion);
     EXPECT_EQ(raw.value("SELECT granularity FROM usage_observations WHERE id='obs-1';"), "unknown");
     EXPECT_NE(raw.value("SELECT sql FROM sqlite_master WHERE name="
                         "'idx_account_bindings_active_identity';")

@@ -100,7 +100,15 @@ TEST(UsageStoreOpen, NewDirectoryGetsTheCurrentSchema) {
                                          "index idx_coverage_issues_observation",
                                          "index idx_coverage_issues_run",
                                          "index idx_plan_candidates_pending",
-                                         "index idx_plan_candidates_account"};
+                                         "index idx_plan_candidates_account",
+                                         "table ledger_rollups",
+                                         "table ledger_rollup_dirty",
+                                         "trigger ledger_events_rollup_insert",
+                                         "trigger ledger_events_rollup_delete",
+                                         "trigger ledger_events_rollup_update",
+                                         "trigger ledger_costs_rollup_insert",
+                                         "trigger ledger_costs_rollup_update",
+                                         "trigger ledger_costs_rollup_delete"};
     EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
     EXPECT_EQ(names.size(), expected.size());
     // The partial indexes keep their conditions.
