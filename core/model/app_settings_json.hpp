@@ -1,0 +1,34 @@
+#pragma once
+// AppSettings as a JSON object: keys are the field names, enumerations their raw values, the
+// bookmark base64 text, absent optionals left out.
+//
+// The text may have been edited by hand or written by a newer build, so decoding is lenient per
+// field and never throws, and encoding keeps the keys this build does not know.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/model/app_settings.hpp"
+
+namespace kestrel {
+
+struct AppSettingsDecoding {
+    AppSettings settings;
+    // Fields with a default and no key in the text (optional fields are simply absent).
+    std::vector<std::string> missingFields;
+    // Fields whose value could not be read, wholly or partly (wrong type, unknown case, out of
+    // range); they took their default, or for lists the entries that could be read.
+    std::vector<std::string> invalidFields;
+    bool isObject = true;  // false: the text was not a JSON object, every field is the default
+};
+
+// Reads `text`; fields that cannot be read take their defaults and are named in the result.
+AppSettingsDecoding decodeAppSettings(std::string_view text);
+
+// The settings as compact JSON. Keys of `previous` (an earlier settings text) that are not
+// fields of AppSettings are kept with their values and places; every field is written anew, and
+// an absent optional removes its key. A `previous` that is not a JSON object is ignored.
+std::string encodeAppSettings(const AppSettings& settings, std::string_view previous = {});
+
+}  // namespace kestrel
