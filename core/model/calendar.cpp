@@ -1,11 +1,14 @@
 #include "core/model/calendar.hpp"
 
 #include <unicode/calendar.h>
+#include <unicode/locid.h>
 
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <mutex>
+#include <string>
 
 #include "core/model/timestamp.hpp"
 
@@ -32,8 +35,21 @@ int localeFirstWeekday() {
 }  // namespace
 
 Calendar Calendar::current() {
+    // Asking ICU costs a calendar object; the answer changes only with the default locale, and
+    // readers ask once per event.
+    static std::mutex mutex;
+    static std::string cachedLocale;
+    static int cachedWeekday = 1;
     Calendar c;
-    c.firstWeekday = localeFirstWeekday();
+    {
+        std::lock_guard guard(mutex);
+        const char* locale = icu::Locale::getDefault().getName();
+        if (cachedLocale.empty() || cachedLocale != locale) {
+            cachedWeekday = localeFirstWeekday();
+            cachedLocale = locale;
+        }
+        c.firstWeekday = cachedWeekday;
+    }
     return c;
 }
 
