@@ -219,6 +219,11 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
         std::lock_guard guard(stateMutex_);
         lastReports_ = reports;
     }
+    if (progress.changed) {
+        // The totals the views read are brought up to date while the new rows are warm, so
+        // that the next report answers at once.
+        store_.refreshRollups();
+    }
     return progress;
 }
 

@@ -356,58 +356,55 @@ CREATE INDEX IF NOT EXISTS idx_plan_candidates_account
     "(CAST((" t ") / 900 AS INTEGER) - (CAST((" t ") / 900 AS INTEGER) * 900.0 > (" t \
     ")) + ((CAST((" t ") / 900 AS INTEGER) + 1) * 900.0 <= (" t ")))"
 
-// Marks the bucket of the instant expression `t` (over the row source `from`, or none) dirty. A
-// plain insert guarded by NOT EXISTS: an OR IGNORE inside a trigger gives way to the conflict
-// policy of the statement that fired it (the ledger's upserts), and would fail there.
-#define KESTREL_MARK_DIRTY(t, from)                                                          \
-    "INSERT INTO ledger_rollup_dirty(bucket) SELECT DISTINCT b FROM (SELECT " KESTREL_BUCKET_OF( \
-        t) " AS b" from ") WHERE b IS NOT NULL AND NOT EXISTS (SELECT 1 FROM "              \
-           "ledger_rollup_dirty d WHERE d.bucket = b);"
+// Marks the quarter hour of the instant `t` dirty. Repeats are fine (the refresh reads each
+// once), and cheaper than keeping the marks unique on every write of the ledger.
+#define KESTREL_MARK_DIRTY(t) \
+    "INSERT INTO ledger_rollup_dirty(bucket) VALUES(" KESTREL_BUCKET_OF(t) ");"
+
+// One table of totals per level: quarter hours (bucket = floor(t / 900)), hours (t / 3600) and UTC
+// days (t / 86400), each row the totals of one combination of the kept dimensions.
+#define KESTREL_ROLLUP_TABLE(name)                                                          \
+    "CREATE TABLE IF NOT EXISTS " name                                                      \
+    " (\n"                                                                                  \
+    "  bucket INTEGER NOT NULL,\n"                                                          \
+    "  source TEXT NOT NULL,\n"                                                             \
+    "  model TEXT NOT NULL,\n"                                                              \
+    "  provider TEXT NOT NULL,\n"                                                           \
+    "  account_id TEXT NOT NULL,\n"                                                         \
+    "  integration_instance_id TEXT NOT NULL,\n"                                            \
+    "  event_count INTEGER NOT NULL,\n"                                                     \
+    "  input_uncached INTEGER, input_uncached_n INTEGER NOT NULL,\n"                        \
+    "  cache_read INTEGER, cache_read_n INTEGER NOT NULL,\n"                                \
+    "  cache_write INTEGER, cache_write_n INTEGER NOT NULL,\n"                              \
+    "  output_visible INTEGER, output_visible_n INTEGER NOT NULL,\n"                        \
+    "  reasoning INTEGER, reasoning_n INTEGER NOT NULL,\n"                                  \
+    "  fully_known INTEGER, fully_known_n INTEGER NOT NULL,\n"                              \
+    "  provider_known INTEGER, provider_known_n INTEGER NOT NULL,\n"                        \
+    "  cost_usd_micros INTEGER, cost_n INTEGER NOT NULL,\n"                                 \
+    "  PRIMARY KEY(bucket, source, model, provider, account_id, integration_instance_id)\n" \
+    ") WITHOUT ROWID;\n"
 
 const std::string_view kVersion5Script =
-    "CREATE TABLE IF NOT EXISTS ledger_rollups (\n"
-    "  bucket INTEGER NOT NULL,\n"
-    "  source TEXT NOT NULL,\n"
-    "  model TEXT NOT NULL,\n"
-    "  provider TEXT NOT NULL,\n"
-    "  account_id TEXT NOT NULL,\n"
-    "  integration_instance_id TEXT NOT NULL,\n"
-    "  event_count INTEGER NOT NULL,\n"
-    "  input_uncached INTEGER, input_uncached_n INTEGER NOT NULL,\n"
-    "  cache_read INTEGER, cache_read_n INTEGER NOT NULL,\n"
-    "  cache_write INTEGER, cache_write_n INTEGER NOT NULL,\n"
-    "  output_visible INTEGER, output_visible_n INTEGER NOT NULL,\n"
-    "  reasoning INTEGER, reasoning_n INTEGER NOT NULL,\n"
-    "  fully_known INTEGER, fully_known_n INTEGER NOT NULL,\n"
-    "  provider_known INTEGER, provider_known_n INTEGER NOT NULL,\n"
-    "  cost_usd_micros INTEGER, cost_n INTEGER NOT NULL,\n"
-    "  PRIMARY KEY(bucket, source, model, provider, account_id, integration_instance_id)\n"
-    ") WITHOUT ROWID;\n"
-    "CREATE TABLE IF NOT EXISTS ledger_rollup_dirty (bucket INTEGER PRIMARY KEY);\n"
+    KESTREL_ROLLUP_TABLE("ledger_rollups")
+    KESTREL_ROLLUP_TABLE("ledger_rollups_hour")
+    KESTREL_ROLLUP_TABLE("ledger_rollups_day")
+    "CREATE TABLE IF NOT EXISTS ledger_rollup_dirty (bucket INTEGER NOT NULL);\n"
+    // Costs change under their events only when the ledger is repriced, which marks everything;
+    // every other write of a cost writes its event too.
     "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_insert AFTER INSERT ON ledger_events\n"
-    "BEGIN " KESTREL_MARK_DIRTY("NEW.occurred_at", "") " END;\n"
+    "BEGIN " KESTREL_MARK_DIRTY("NEW.occurred_at") " END;\n"
     "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_delete AFTER DELETE ON ledger_events\n"
-    "BEGIN " KESTREL_MARK_DIRTY("OLD.occurred_at", "") " END;\n"
+    "BEGIN " KESTREL_MARK_DIRTY("OLD.occurred_at") " END;\n"
     "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_update AFTER UPDATE ON ledger_events\n"
     "BEGIN\n"
-    "  " KESTREL_MARK_DIRTY("OLD.occurred_at", "") "\n"
-    "  " KESTREL_MARK_DIRTY("NEW.occurred_at", "") "\n"
+    "  " KESTREL_MARK_DIRTY("OLD.occurred_at") "\n"
+    "  " KESTREL_MARK_DIRTY("NEW.occurred_at") "\n"
     "END;\n"
-    // A cost row follows its event; when the event is already gone (a cascade), the event's own
-    // trigger marked the bucket.
-    "CREATE TRIGGER IF NOT EXISTS ledger_costs_rollup_insert AFTER INSERT ON ledger_costs\n"
-    "BEGIN " KESTREL_MARK_DIRTY(
-        "e.occurred_at", " FROM ledger_events e WHERE e.id = NEW.ledger_event_id") " END;\n"
-    "CREATE TRIGGER IF NOT EXISTS ledger_costs_rollup_update AFTER UPDATE ON ledger_costs\n"
-    "BEGIN " KESTREL_MARK_DIRTY("e.occurred_at",
-                                " FROM ledger_events e WHERE e.id IN (OLD.ledger_event_id, "
-                                "NEW.ledger_event_id)") " END;\n"
-    "CREATE TRIGGER IF NOT EXISTS ledger_costs_rollup_delete AFTER DELETE ON ledger_costs\n"
-    "BEGIN " KESTREL_MARK_DIRTY(
-        "e.occurred_at", " FROM ledger_events e WHERE e.id = OLD.ledger_event_id") " END;\n"
-    KESTREL_MARK_DIRTY("occurred_at", " FROM ledger_events") "\n";
+    "INSERT INTO ledger_rollup_dirty(bucket) SELECT DISTINCT " KESTREL_BUCKET_OF(
+        "occurred_at") " FROM ledger_events;\n";
 
 #undef KESTREL_MARK_DIRTY
+#undef KESTREL_ROLLUP_TABLE
 #undef KESTREL_BUCKET_OF
 
 const std::string_view kAccountsMissingWindowKeys =

@@ -44,9 +44,10 @@ inline constexpr std::array<std::string_view, 2> kQuotaSnapshotWindowColumns{"wi
 // Version 4: the plan tables and the plan-discovery candidates with their indexes.
 extern const std::string_view kVersion4Script;
 
-// Version 5: per quarter-hour totals of the ledger (ledger_rollups), kept current from the
-// buckets that triggers on ledger_events and ledger_costs mark dirty (ledger_rollup_dirty); every
-// bucket that holds events is marked dirty once, so the first query fills the totals.
+// Version 5: totals of the ledger per quarter hour, hour and UTC day (ledger_rollups,
+// ledger_rollups_hour, ledger_rollups_day), kept current from the quarter hours that triggers on
+// ledger_events and ledger_costs mark dirty (ledger_rollup_dirty); every quarter hour that holds
+// events is marked dirty once, so the first query fills the totals.
 extern const std::string_view kVersion5Script;
 
 // Backfill of window labels and keys of quota snapshots.

@@ -166,6 +166,10 @@ UsageStore::UsageStore(const fs::path& directory) : path_(directory / kFileName)
         // locked by another process, fails here.
         sqlite::exec(db, "PRAGMA journal_mode=WAL;");
         sqlite::exec(db, "PRAGMA foreign_keys=ON;");
+        // With a write-ahead log a commit is atomic either way; NORMAL syncs at checkpoints only,
+        // so a power cut can lose the last commits (and their checkpoints with them, so the next
+        // scan reads those records again) but never leaves the ledger half-written.
+        sqlite::exec(db, "PRAGMA synchronous=NORMAL;");
         // A scan commits hundreds of thousands of rows with random keys in one transaction;
         // the default 2 MB page cache would spill to the log over and over.
         sqlite::exec(db, "PRAGMA cache_size=-65536;");

@@ -1,6 +1,6 @@
 // The views of the ledger: pages of entries, totals, breakdowns by source, model, session,
 // project and time, bounds, facets and coverage. All aggregation happens in SQLite; totals over
-// whole quarter hours come from ledger_rollups when the filter allows it.
+// whole quarter hours, hours and days come from the rollups when the filter allows it.
 
 #include <algorithm>
 #include <cmath>
@@ -9,6 +9,7 @@
 #include <variant>
 
 #include "core/ledger/ledger_query.hpp"
+#include "core/ledger/ledger_rollups.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/calendar.hpp"
@@ -17,30 +18,6 @@ namespace kestrel {
 namespace {
 
 using sqlite::Statement;
-
-constexpr double kBucketSeconds = 900;
-
-// The quarter hour holding `t`, exactly as the schema's triggers compute it.
-int64_t bucketOf(double t) {
-    auto b = static_cast<int64_t>(t / kBucketSeconds);
-    if (static_cast<double>(b) * kBucketSeconds > t) {
-        --b;
-    }
-    if (static_cast<double>(b + 1) * kBucketSeconds <= t) {
-        ++b;
-    }
-    return b;
-}
-
-double bucketStart(int64_t b) {
-    return static_cast<double>(b) * kBucketSeconds;
-}
-
-// The same expression in SQL, for grouping raw events by quarter hour.
-std::string bucketSQL(const std::string& t) {
-    const std::string b = "CAST((" + t + ") / 900 AS INTEGER)";
-    return "(" + b + " - (" + b + " * 900.0 > " + t + ") + ((" + b + " + 1) * 900.0 <= " + t + "))";
-}
 
 constexpr std::string_view kFullyKnown =
     "CASE WHEN e.input_uncached IS NOT NULL\n"
@@ -73,20 +50,6 @@ std::string rawSummaryColumns() {
            provider + "), COUNT(*) - COUNT(" + provider + ")";
 }
 
-// The same thirteen columns over rollup rows `r`: a sum is absent when no event gave a value.
-std::string rollupSummaryColumns() {
-    const auto sum = [](std::string_view c) {
-        return "CASE WHEN SUM(r." + std::string(c) + "_n) > 0 THEN SUM(r." + std::string(c) +
-               ") END";
-    };
-    return "SUM(r.event_count), " + sum("input_uncached") + ", " + sum("cache_read") + ", " +
-           sum("cache_write") + ", " + sum("output_visible") + ", " + sum("reasoning") + ", " +
-           sum("fully_known") + ", " + sum("provider_known") +
-           ", CASE WHEN SUM(r.cost_n) > 0 THEN SUM(r.cost_usd_micros) END, SUM(r.cost_n), "
-           "SUM(r.event_count) - SUM(r.cost_n), SUM(r.provider_known_n), SUM(r.event_count) - "
-           "SUM(r.provider_known_n)";
-}
-
 constexpr int kSummaryColumns = 13;
 
 LedgerSummary readSummary(const Statement& s, int first) {
@@ -115,103 +78,54 @@ void bindFilter(Statement& statement, const LedgerFilter& filter, int first = 1)
     }
 }
 
-// The conditions of a query on rollup rows `r`: only the dimensions rollups keep.
-LedgerFilter rollupFilter(const LedgerQuery& q, int64_t firstBucket, int64_t endBucket) {
-    LedgerFilter f;
-    f.sql = " AND r.bucket>=? AND r.bucket<?";
-    f.parameters.emplace_back(static_cast<double>(firstBucket));
-    f.parameters.emplace_back(static_cast<double>(endBucket));
-    const auto add = [&](std::string clause, std::string value) {
-        f.sql += " AND " + std::move(clause);
-        f.parameters.emplace_back(std::move(value));
-    };
-    if (q.source) {
-        add("r.source=?", std::string(rawValue(*q.source)));
-    }
-    if (q.integrationInstanceID) {
-        add("r.integration_instance_id=?", *q.integrationInstanceID);
-    }
-    if (q.accountScope) {
-        switch (q.accountScope->kind) {
-            case LedgerAccountScope::Kind::account:
-                add("r.account_id=?", q.accountScope->accountID);
-                break;
-            case LedgerAccountScope::Kind::unassigned:
-                add("r.account_id=?", "");  // rollups keep a missing account as ''
-                break;
-            case LedgerAccountScope::Kind::all:
-                break;
-        }
-    }
-    if (q.provider) {
-        add("r.provider=?", *q.provider);
-    }
-    if (q.model) {
-        add("r.model=?", *q.model);
-    }
-    return f;
-}
-
-// How a query is answered: whole quarter hours [firstBucket, endBucket) from rollups, and the
-// pieces of the range outside them from the events. Without rollups every piece is the query.
+// How a query is answered: whole quarter hours [firstQuarter, endQuarter) from the rollups, and
+// the parts of the range outside them from the events. Without rollups the query is one piece.
 struct Plan {
     bool rollups = false;
-    int64_t firstBucket = 0;
-    int64_t endBucket = 0;
+    int64_t firstQuarter = 0;
+    int64_t endQuarter = 0;
     std::vector<LedgerQuery> rawPieces;
 };
 
 Plan plan(const LedgerQuery& q) {
     Plan p;
-    const bool searching =
-        q.search && q.search->find_first_not_of(" \t\r\n\f\v") != std::string::npos;
-    if (q.projectDisplayName || searching) {
+    if (!LedgerRollups::answers(q)) {
         p.rawPieces.push_back(q);
         return p;
     }
     // An open end reaches past every stored event (times are kept far inside these bounds).
-    constexpr int64_t kLowest = -(int64_t{1} << 40);
-    constexpr int64_t kHighest = int64_t{1} << 40;
-    int64_t first = kLowest;
-    int64_t end = kHighest;
+    int64_t first = -(int64_t{1} << 40);
+    int64_t end = int64_t{1} << 40;
     if (q.from) {
-        first = bucketOf(*q.from);
-        if (bucketStart(first) < *q.from) {
-            ++first;  // the first quarter hour is only partly inside: read it from the events
+        first = LedgerRollups::quarterOf(*q.from);
+        if (LedgerRollups::quarterStart(first) < *q.from) {
+            ++first;  // only partly inside: read from the events
         }
     }
     if (q.to) {
-        end = bucketOf(*q.to);  // the quarter hour holding `to` is at most partly inside
+        end = LedgerRollups::quarterOf(*q.to);  // the quarter holding `to` is at most partly in
     }
     if (first >= end) {
         p.rawPieces.push_back(q);
         return p;
     }
     p.rollups = true;
-    p.firstBucket = first;
-    p.endBucket = end;
-    if (q.from && *q.from < bucketStart(first)) {
+    p.firstQuarter = first;
+    p.endQuarter = end;
+    if (q.from && *q.from < LedgerRollups::quarterStart(first)) {
         LedgerQuery head = q;
-        head.to = bucketStart(first);
+        head.to = LedgerRollups::quarterStart(first);
         p.rawPieces.push_back(head);
     }
-    if (q.to && bucketStart(end) < *q.to) {
+    if (q.to && LedgerRollups::quarterStart(end) < *q.to) {
         LedgerQuery tail = q;
-        tail.from = bucketStart(end);
+        tail.from = LedgerRollups::quarterStart(end);
         p.rawPieces.push_back(tail);
     }
     return p;
 }
 
-// Rows of (group key, summary) from one statement whose first column is the key.
-template <class Key, class ReadKey>
-void collect(Statement& s, std::map<Key, LedgerSummary>& into, ReadKey&& readKey) {
-    while (s.step()) {
-        into[readKey(s)] += readSummary(s, 1);
-    }
-}
-
-// Totals per `key` (an SQL expression over `e` and, for rollups, the same column of `r`).
+// Totals per `key` (an SQL expression over events `e`, and the same column of rollup rows `r`).
 template <class Key, class ReadKey>
 std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, const LedgerQuery& query,
                                            const std::string& eventKey,
@@ -219,47 +133,24 @@ std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, const LedgerQuery& query
     std::map<Key, LedgerSummary> out;
     const Plan p = plan(query);
     if (p.rollups) {
-        const auto f = rollupFilter(query, p.firstBucket, p.endBucket);
-        Statement s(db, "SELECT " + rollupKey + ", " + rollupSummaryColumns() +
-                            " FROM ledger_rollups r WHERE 1=1" + f.sql + " GROUP BY 1;");
-        bindFilter(s, f);
-        collect(s, out, readKey);
+        for (const auto& run : LedgerRollups::cover(p.firstQuarter, p.endQuarter)) {
+            const auto f = LedgerRollups::filter(query, run);
+            Statement s(db, "SELECT " + rollupKey + ", " + LedgerRollups::summaryColumns() +
+                                " FROM " + LedgerRollups::table(run.level) + " r WHERE 1=1" +
+                                f.sql + " GROUP BY 1;");
+            bindFilter(s, f);
+            while (s.step()) {
+                out[readKey(s)] += readSummary(s, 1);
+            }
+        }
     }
     for (const auto& piece : p.rawPieces) {
         const auto f = ledgerFilter(piece);
         Statement s(db, "SELECT " + eventKey + ", " + rawSummaryColumns() + std::string(kJoin) +
                             f.sql + " GROUP BY 1;");
         bindFilter(s, f);
-        collect(s, out, readKey);
-    }
-    return out;
-}
-
-// Totals per (quarter hour, key).
-template <class Key, class ReadKey>
-std::map<std::pair<int64_t, Key>, LedgerSummary> bucketTotals(sqlite3* db, const LedgerQuery& query,
-                                                              const std::string& eventKey,
-                                                              const std::string& rollupKey,
-                                                              ReadKey&& readKey) {
-    std::map<std::pair<int64_t, Key>, LedgerSummary> out;
-    const auto read = [&](const Statement& s) { return std::pair{s.int64(0), readKey(s)}; };
-    const Plan p = plan(query);
-    if (p.rollups) {
-        const auto f = rollupFilter(query, p.firstBucket, p.endBucket);
-        Statement s(db, "SELECT r.bucket, " + rollupKey + ", " + rollupSummaryColumns() +
-                            " FROM ledger_rollups r WHERE 1=1" + f.sql + " GROUP BY 1, 2;");
-        bindFilter(s, f);
         while (s.step()) {
-            out[read(s)] += readSummary(s, 2);
-        }
-    }
-    for (const auto& piece : p.rawPieces) {
-        const auto f = ledgerFilter(piece);
-        Statement s(db, "SELECT " + bucketSQL("e.occurred_at") + ", " + eventKey + ", " +
-                            rawSummaryColumns() + std::string(kJoin) + f.sql + " GROUP BY 1, 2;");
-        bindFilter(s, f);
-        while (s.step()) {
-            out[read(s)] += readSummary(s, 2);
+            out[readKey(s)] += readSummary(s, 1);
         }
     }
     return out;
@@ -293,6 +184,80 @@ class LocalStarts {
     double nextDay_ = 0;  // empty: the first instant computes its day
 };
 
+// Totals per (local start of the day or hour, key). Rollup hours that a local day or hour
+// boundary cuts (time zones offset by half or quarter hours) are taken by their quarter hours.
+template <class Key, class ReadKey>
+std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, const LedgerQuery& query,
+                                                            LedgerBucketUnit unit,
+                                                            const std::string& eventKey,
+                                                            const std::string& rollupKey,
+                                                            ReadKey&& readKey) {
+    std::map<std::pair<double, Key>, LedgerSummary> out;
+    LocalStarts localStart(unit);
+    const auto addQuarter = [&](int64_t quarter, Statement& s) {
+        out[{localStart(LedgerRollups::quarterStart(quarter)), readKey(s)}] += readSummary(s, 2);
+    };
+    const Plan p = plan(query);
+    if (p.rollups) {
+        std::vector<int64_t> cutHours;
+        for (const auto& run : LedgerRollups::coverByHours(p.firstQuarter, p.endQuarter)) {
+            const auto f = LedgerRollups::filter(query, run);
+            Statement s(db, "SELECT r.bucket, " + rollupKey + ", " +
+                                LedgerRollups::summaryColumns() + " FROM " +
+                                LedgerRollups::table(run.level) + " r WHERE 1=1" + f.sql +
+                                " GROUP BY 1, 2;");
+            bindFilter(s, f);
+            while (s.step()) {
+                const int64_t bucket = s.int64(0);
+                if (run.level == LedgerRollups::Level::quarter) {
+                    addQuarter(bucket, s);
+                    continue;
+                }
+                const double first = LedgerRollups::quarterStart(bucket * 4);
+                const double start = localStart(first);
+                if (localStart(first + 3 * LedgerRollups::kQuarterSeconds) != start) {
+                    cutHours.push_back(bucket);
+                    continue;
+                }
+                out[{start, readKey(s)}] += readSummary(s, 2);
+            }
+        }
+        if (!cutHours.empty()) {
+            std::ranges::sort(cutHours);
+            cutHours.erase(std::unique(cutHours.begin(), cutHours.end()), cutHours.end());
+            std::string hours = "[";
+            for (auto h : cutHours) {
+                hours += (hours.size() > 1 ? "," : "") + std::to_string(h);
+            }
+            hours += "]";
+            const LedgerRollups::Run quarters{LedgerRollups::Level::quarter, cutHours.front() * 4,
+                                              (cutHours.back() + 1) * 4};
+            const auto f = LedgerRollups::filter(query, quarters);
+            Statement s(db, "SELECT r.bucket, " + rollupKey + ", " +
+                                LedgerRollups::summaryColumns() +
+                                " FROM ledger_rollups r WHERE 1=1" + f.sql +
+                                " AND ((r.bucket - ((r.bucket % 4) + 4) % 4) / 4) IN (SELECT "
+                                "value FROM json_each(?)) GROUP BY 1, 2;");
+            bindFilter(s, f);
+            s.bind(static_cast<int>(f.parameters.size()) + 1, hours);
+            while (s.step()) {
+                addQuarter(s.int64(0), s);
+            }
+        }
+    }
+    for (const auto& piece : p.rawPieces) {
+        const auto f = ledgerFilter(piece);
+        Statement s(db, "SELECT " + LedgerRollups::quarterSQL("e.occurred_at") + ", " + eventKey +
+                            ", " + rawSummaryColumns() + std::string(kJoin) + f.sql +
+                            " GROUP BY 1, 2;");
+        bindFilter(s, f);
+        while (s.step()) {
+            addQuarter(s.int64(0), s);
+        }
+    }
+    return out;
+}
+
 std::vector<AgentSource> sourcesFrom(const std::string& keys) {
     std::vector<AgentSource> out;
     std::size_t at = 0;
@@ -321,42 +286,7 @@ std::optional<AgentSource> sourceAt(const Statement& s, int column) {
 
 void UsageStore::refreshRollups() {
     std::lock_guard guard(lock_);
-    sqlite3* db = connection();
-    {
-        Statement any(db, "SELECT EXISTS(SELECT 1 FROM ledger_rollup_dirty);");
-        any.step();
-        if (any.int64(0) == 0) {
-            return;
-        }
-    }
-    const std::string known(kFullyKnown);
-    const std::string provider = knownProviderTotal();
-    sqlite::Transaction transaction(db);
-    sqlite::exec(db,
-                 "DELETE FROM ledger_rollups WHERE bucket IN (SELECT bucket FROM "
-                 "ledger_rollup_dirty);\n"
-                 "INSERT INTO ledger_rollups\n"
-                 "SELECT d.bucket, e.source, e.model, e.provider, COALESCE(e.account_id, ''),\n"
-                 "  COALESCE(e.integration_instance_id, ''), COUNT(*),\n"
-                 "  SUM(e.input_uncached), COUNT(e.input_uncached),\n"
-                 "  SUM(e.cache_read), COUNT(e.cache_read),\n"
-                 "  SUM(e.cache_write), COUNT(e.cache_write),\n"
-                 "  SUM(e.output_visible), COUNT(e.output_visible),\n"
-                 "  SUM(e.reasoning), COUNT(e.reasoning),\n"
-                 "  SUM(" +
-                     known + "), COUNT(" + known +
-                     "),\n"
-                     "  SUM(" +
-                     provider + "), COUNT(" + provider +
-                     "),\n"
-                     "  SUM(c.amount_usd_micros), COUNT(c.amount_usd_micros)\n"
-                     "FROM ledger_rollup_dirty d\n"
-                     "JOIN ledger_events e ON e.occurred_at >= d.bucket * 900.0\n"
-                     "  AND e.occurred_at < (d.bucket + 1) * 900.0\n"
-                     "LEFT JOIN ledger_costs c ON c.ledger_event_id = e.id\n"
-                     "GROUP BY 1, 2, 3, 4, 5, 6;\n"
-                     "DELETE FROM ledger_rollup_dirty;");
-    transaction.commit();
+    LedgerRollups::refresh(connection());
 }
 
 // --- Entries ----------------------------------------------------------------------------------
@@ -531,13 +461,12 @@ std::vector<LedgerTimeBucket> UsageStore::ledgerTimeBuckets(const LedgerQuery& q
                                                             LedgerBucketUnit unit) {
     std::lock_guard guard(lock_);
     refreshRollups();
-    LocalStarts localStart(unit);
-    const auto rows = bucketTotals<std::string>(connection(), query, "e.source", "r.source",
-                                                [](const Statement& s) { return s.text(1); });
+    const auto rows = localTotals<std::string>(connection(), query, unit, "e.source", "r.source",
+                                               [](const Statement& s) { return s.text(1); });
     std::map<std::pair<double, AgentSource>, LedgerSummary> grouped;
     for (const auto& [key, summary] : rows) {
         if (auto source = fromRawValue<AgentSource>(key.second)) {
-            grouped[{localStart(bucketStart(key.first)), *source}] += summary;
+            grouped[{key.first, *source}] += summary;
         }
     }
     std::vector<LedgerTimeBucket> out;
@@ -551,10 +480,9 @@ std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const Ledg
                                                                       LedgerBucketUnit unit) {
     std::lock_guard guard(lock_);
     refreshRollups();
-    LocalStarts localStart(unit);
-    const auto rows = bucketTotals<std::pair<std::string, std::string>>(
-        connection(), query, "e.model || char(31) || e.source", "r.model || char(31) || r.source",
-        [](const Statement& s) {
+    const auto rows = localTotals<std::pair<std::string, std::string>>(
+        connection(), query, unit, "e.model || char(31) || e.source",
+        "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(1);
             const auto cut = key.rfind('\x1f');
             return std::pair{key.substr(0, cut), key.substr(cut + 1)};
@@ -562,7 +490,7 @@ std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const Ledg
     std::map<std::tuple<double, std::string, AgentSource>, LedgerSummary> grouped;
     for (const auto& [key, summary] : rows) {
         if (auto source = fromRawValue<AgentSource>(key.second.second)) {
-            grouped[{localStart(bucketStart(key.first)), key.second.first, *source}] += summary;
+            grouped[{key.first, key.second.first, *source}] += summary;
         }
     }
     std::vector<LedgerModelTimeBucket> out;
@@ -575,19 +503,15 @@ std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const Ledg
 std::vector<LedgerDailyTotal> UsageStore::ledgerDailyTotals(double from, double to) {
     std::lock_guard guard(lock_);
     refreshRollups();
-    LocalStarts localStart(LedgerBucketUnit::day);
     LedgerQuery query;
     query.from = from;
     query.to = to;
-    const auto rows =
-        bucketTotals<int>(connection(), query, "0", "0", [](const Statement&) { return 0; });
-    std::map<double, LedgerSummary> days;
-    for (const auto& [key, summary] : rows) {
-        days[localStart(bucketStart(key.first))] += summary;
-    }
+    const auto rows = localTotals<int>(connection(), query, LedgerBucketUnit::day, "0", "0",
+                                       [](const Statement&) { return 0; });
+    const auto calendar = Calendar::current();
     std::vector<LedgerDailyTotal> out;
-    for (const auto& [start, summary] : days) {
-        const auto parts = localStart.calendar().parts(start);
+    for (const auto& [key, summary] : rows) {
+        const auto parts = calendar.parts(key.first);
         out.push_back({parts.year, parts.month, parts.day,
                        summary.knownProviderTokenTotal.value_or(0), summary.knownCostUSDMicros});
     }

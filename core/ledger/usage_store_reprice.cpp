@@ -1,6 +1,7 @@
 // Repricing the stored ledger when prices change: every observation's cost is computed again,
 // its event's cost row follows, and the cost findings are refreshed. Paged, in one transaction.
 
+#include "core/ledger/ledger_rollups.hpp"
 #include "core/ledger/ledger_validator.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
@@ -155,6 +156,9 @@ int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool 
         if (rows < kPageSize) {
             break;
         }
+    }
+    if (repriced > 0) {
+        LedgerRollups::markAll(db);  // costs changed under events that did not
     }
     transaction.commit();
     return repriced;

@@ -102,13 +102,12 @@ TEST(UsageStoreOpen, NewDirectoryGetsTheCurrentSchema) {
                                          "index idx_plan_candidates_pending",
                                          "index idx_plan_candidates_account",
                                          "table ledger_rollups",
+                                         "table ledger_rollups_hour",
+                                         "table ledger_rollups_day",
                                          "table ledger_rollup_dirty",
                                          "trigger ledger_events_rollup_insert",
                                          "trigger ledger_events_rollup_delete",
-                                         "trigger ledger_events_rollup_update",
-                                         "trigger ledger_costs_rollup_insert",
-                                         "trigger ledger_costs_rollup_update",
-                                         "trigger ledger_costs_rollup_delete"};
+                                         "trigger ledger_events_rollup_update"};
     EXPECT_EQ(std::set<std::string>(names.begin(), names.end()), expected);
     EXPECT_EQ(names.size(), expected.size());
     // The partial indexes keep their conditions.

@@ -1,0 +1,172 @@
+// The ledger's views on a large ledger: 1,000,000 events over 400 days (a heavy user's year and
+// more), committed through the real ingest path. Times the summary of today, the summary of
+// everything, daily totals for 365 days and a page of 100 events, as medians of repeated runs,
+// and the plain one-pass aggregations they replace, for comparison.
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <random>
+
+#include "core/ledger/sqlite_statement.hpp"
+#include "core/ledger/usage_store.hpp"
+#include "core/model/calendar.hpp"
+#include "core/model/timestamp.hpp"
+
+namespace {
+
+using namespace kestrel;
+using Clock = std::chrono::steady_clock;
+
+double medianMillis(int repeat, const std::function<void()>& work) {
+    std::vector<double> times;
+    for (int i = 0; i < repeat; ++i) {
+        const auto a = Clock::now();
+        work();
+        times.push_back(std::chrono::duration<double, std::milli>(Clock::now() - a).count());
+    }
+    std::ranges::sort(times);
+    return times[times.size() / 2];
+}
+
+// `count` events spread over the `days` before `now`, in batches of 50,000.
+void fill(UsageStore& store, int64_t count, int days, double now) {
+    static const char* models[] = {"claude-sonnet-4-5", "claude-opus-4-1", "claude-haiku-4-5",
+                                   "gpt-5-codex",       "gpt-5.1-codex",   "gpt-5"};
+    std::mt19937_64 rng(42);
+    std::uniform_real_distribution<double> at(now - days * 86'400.0, now);
+    std::uniform_int_distribution<int64_t> tokens(1, 5'000);
+    const int64_t batchSize = 50'000;
+    for (int64_t start = 0; start < count; start += batchSize) {
+        UsageBatch b;
+        b.id = fmt::format("bench-{}", start);
+        b.adapterID = "bench";
+        b.source = AgentSource::claude;
+        b.startedAt = now;
+        b.completedAt = now;
+        for (int64_t i = start; i < std::min(count, start + batchSize); ++i) {
+            UsageObservation o;
+            o.id = fmt::format("bench:{:010}", i);
+            const auto m = static_cast<std::size_t>(i % 6);
+            o.model = models[m];
+            o.source = m < 3 ? AgentSource::claude : AgentSource::codex;
+            o.provider = m < 3 ? "anthropic" : "openai";
+            o.occurredAt = at(rng);
+            o.observedAt = now;
+            o.timeQuality = ObservationTimeQuality::trusted;
+            o.precision = UsagePrecision::nativeExact;
+            o.granularity = UsageGranularity::request;
+            o.sessionKey = fmt::format("s{}", i / 40);
+            o.projectDisplayName = fmt::format("project-{}", i % 25);
+            o.tokens.inputUncached = tokens(rng);
+            o.tokens.cacheRead = tokens(rng) * 20;
+            o.tokens.cacheWrite = tokens(rng) / 10;
+            o.tokens.outputVisible = tokens(rng) / 2;
+            o.tokens.reasoning = 0;
+            o.cost.amountUSDMicros = tokens(rng) * 7;
+            o.cost.completeness = CostCompleteness::complete;
+            o.cost.source = CostSource::priceTable;
+            b.observations.push_back(std::move(o));
+        }
+        store.ingest({}, {}, std::nullopt, b);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CLI::App app{"Ledger query times on a ledger of a million events over 400 days"};
+    int64_t events = 1'000'000;
+    int days = 400;
+    int repeat = 15;
+    std::string dir = (std::filesystem::temp_directory_path() / "kestrel-bench-queries").string();
+    bool rebuild = false;
+    app.add_option("--events", events, "Events in the ledger")->capture_default_str();
+    app.add_option("--days", days, "Days they spread over, ending now")->capture_default_str();
+    app.add_option("--repeat", repeat, "Timed runs per query (the median is printed)")
+        ->capture_default_str();
+    app.add_option("--dir", dir, "Where the ledger is kept between runs")->capture_default_str();
+    app.add_flag("--rebuild", rebuild, "Write the ledger again even when one is there");
+    CLI11_PARSE(app, argc, argv);
+
+    const std::filesystem::path folder =
+        std::filesystem::path(dir) / fmt::format("{}-over-{}-days", events, days);
+    const double now = epochNow();
+    if (rebuild) {
+        std::filesystem::remove_all(folder);
+    }
+    const bool existing = std::filesystem::exists(folder / UsageStore::kFileName);
+    UsageStore store(folder);
+    if (!existing || store.ledgerEventCount() != events) {
+        fmt::print("writing {} events over {} days into {} ...\n", events, days, folder.string());
+        const auto a = Clock::now();
+        fill(store, events, days, now);
+        fmt::print("written in {:.1f} s\n",
+                   std::chrono::duration<double>(Clock::now() - a).count());
+    }
+    {
+        const auto a = Clock::now();
+        store.refreshRollups();
+        fmt::print("rollups brought up to date in {:.0f} ms\n",
+                   std::chrono::duration<double, std::milli>(Clock::now() - a).count());
+    }
+
+    const auto calendar = Calendar::current();
+    const double today = calendar.startOfDay(now);
+    LedgerQuery todayQuery;
+    todayQuery.from = today;
+    const double yearAgo = calendar.addingDays(today, -364);
+
+    fmt::print("{} events, median of {} runs:\n", store.ledgerEventCount(), repeat);
+    const auto row = [&](const char* what, double ms, const char* target) {
+        fmt::print("  {:<34} {:>9.2f} ms   (target {})\n", what, ms, target);
+    };
+    row("summary of today", medianMillis(repeat, [&] { (void)store.ledgerSummary(todayQuery); }),
+        "5 ms");
+    row("summary of everything", medianMillis(repeat, [&] { (void)store.ledgerSummary({}); }),
+        "150 ms");
+    row("daily totals, 365 days",
+        medianMillis(repeat, [&] { (void)store.ledgerDailyTotals(yearAgo, now + 1); }), "150 ms");
+    row("page of 100 events (newest first)",
+        medianMillis(
+            repeat,
+            [&] { (void)store.ledgerEvents({}, LedgerSortOrder::descending, std::nullopt, 100); }),
+        "5 ms");
+    row("summary by model, everything",
+        medianMillis(repeat, [&] { (void)store.ledgerSummariesByModel({}); }), "-");
+    LedgerQuery project;
+    project.projectDisplayName = "project-3";
+    row("summary of one project (no rollups)",
+        medianMillis(3, [&] { (void)store.ledgerSummary(project); }), "-");
+
+    // The one-pass aggregations the rollups stand in for.
+    const auto plain = [&](const std::string& sql, std::vector<double> args) {
+        return medianMillis(3, [&] {
+            sqlite::Statement s(store.connection(), sql);
+            for (std::size_t i = 0; i < args.size(); ++i) {
+                s.bind(static_cast<int>(i) + 1, args[i]);
+            }
+            while (s.step()) {
+            }
+        });
+    };
+    fmt::print("for comparison, one pass over the events:\n");
+    row("summary of everything",
+        plain("SELECT COUNT(*), SUM(e.input_uncached), SUM(c.amount_usd_micros) FROM "
+              "ledger_events e LEFT JOIN ledger_costs c ON c.ledger_event_id=e.id;",
+              {}),
+        "-");
+    row("daily totals by strftime, 365 days",
+        plain("SELECT strftime('%Y-%m-%d', e.occurred_at, 'unixepoch', 'localtime'), "
+              "SUM(e.provider_total), SUM(c.amount_usd_micros) FROM ledger_events e LEFT JOIN "
+              "ledger_costs c ON c.ledger_event_id=e.id WHERE e.occurred_at>=? AND "
+              "e.occurred_at<? GROUP BY 1;",
+              {yearAgo, now + 1}),
+        "-");
+    return 0;
+}
