@@ -1,10 +1,7 @@
 #pragma once
 // A plain-HTTP server on 127.0.0.1 at a free port, for code that makes requests. Routes are set
-// up before the server starts, so handlers never race with registration.
-//
-// Debian ships cpp-httplib compiled with TLS support, which adds a member to httplib::Request
-// after `matches`. This header is included without those options, so handlers read only the
-// fields before it (method, path, headers, params) or go through the library's accessors.
+// up before the server starts, so handlers never race with registration. The build compiles
+// this header with the library's own options (its pkg-config entry), so the two agree.
 
 #include <httplib.h>
 
