@@ -1,0 +1,79 @@
+#pragma once
+// What every reading command shares: the options that choose the ledger's rows (dates, source,
+// model, project, search), the language and currency of the output, and the incremental scan
+// that runs first unless --no-scan says otherwise.
+
+#include <CLI/CLI.hpp>
+#include <expected>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/collector.hpp"
+#include "cli/command_context.hpp"
+#include "core/ledger/ledger_query.hpp"
+#include "core/model/app_language.hpp"
+#include "core/model/calendar.hpp"
+#include "core/presentation/messages.hpp"
+#include "core/pricing/currency.hpp"
+
+namespace kestrel::cli {
+
+struct ReportOptions {
+    bool noScan = false;
+    std::string currency;  // "usd" or "cny"; empty: the settings' choice
+    std::string language;  // "en" or "zh-Hans"; empty: the settings' choice
+    // Filters (reports only).
+    std::string since;  // YYYY-MM-DD, local day, inclusive
+    std::string until;  // YYYY-MM-DD, local day, inclusive
+    std::vector<std::string> sources;
+    std::string model;
+    std::string project;
+    std::string search;
+    bool breakdown = false;
+    std::string order = "asc";
+};
+
+// Adds --no-scan, --currency and --lang to `command`; with `filters` also --since, --until,
+// --source, --model, --project and --search.
+void addReportOptions(CLI::App* command, ReportOptions& options, bool filters);
+
+// An open ledger with the choices of one report applied.
+struct Report {
+    std::unique_ptr<Collector> collector;
+    AppSettings settings;
+    AppLanguage language = AppLanguage::en;  // resolved, never `system`
+    ResolvedCurrency currency = ResolvedCurrency::usd;
+    LedgerQuery query;  // the filters
+    Calendar calendar = Calendar::current();
+    std::string locale;  // ICU locale for numbers and money
+    ScanProgress scanned;
+    bool scanFailed = false;  // some agent's files could not be read (exit 1)
+
+    UsageStore& store() { return *collector->store; }
+    std::string text(std::string_view key) const;
+    std::string text(std::string_view key, std::initializer_list<MessageArg> args) const;
+    // An amount stored in micro-dollars, in the report's currency ("$1.20", "¥8.64").
+    std::string money(int64_t usdMicros) const;
+    // The same with a star when some events had no price.
+    std::string money(const LedgerSummary& summary) const;
+    std::string tokens(int64_t count) const;  // grouped digits
+};
+
+// Opens the ledger, reads the settings, applies the options and runs the incremental scan
+// (unless --no-scan). On bad input or a ledger that cannot be opened it prints one line naming
+// the cause and returns the exit status.
+std::expected<Report, int> openReport(CommandContext& ctx, const ReportOptions& options);
+
+// The token total of a summary: the providers' own totals where they gave one, else the sum
+// of the five buckets where all are known.
+int64_t totalTokens(const LedgerSummary& summary);
+
+// The totals as report rows carry them in JSON.
+nlohmann::ordered_json summaryJSON(const LedgerSummary& summary);
+
+// "No usage found below HOME ..." with where Kestrel looked; for an empty ledger.
+void printNothingFound(const Report& report, CommandContext& ctx);
+
+}  // namespace kestrel::cli
