@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 
 #include "cli/collector.hpp"
@@ -13,6 +14,7 @@
 #include "cli/scan_command.hpp"
 #include "cli/status_command.hpp"
 #include "cli/summary_command.hpp"
+#include "cli/usage_reports.hpp"
 #include "cli/watch_command.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/agent_source.hpp"
@@ -159,6 +161,41 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         ->required()
         ->check(CLI::IsMember({"recommended", "all", "disabled"}));
 
+    // The reports, each over the same filters.
+    ReportOptions report;
+    struct ReportCommand {
+        CLI::App* app;
+        std::function<int(CommandContext&)> run;
+    };
+    std::vector<ReportCommand> reports;
+    const auto periodCommand = [&](const char* name, const char* what, PeriodUnit unit) {
+        auto* sub = app.add_subcommand(name, what);
+        addReportOptions(sub, report, true);
+        sub->add_flag("--breakdown", report.breakdown, "Per-model rows under each period");
+        sub->add_option("--order", report.order, "Oldest first (asc, the default) or newest first")
+            ->check(CLI::IsMember({"asc", "desc"}));
+        reports.push_back(
+            {sub, [&, unit](CommandContext& c) { return runPeriodReport(c, report, unit, json); }});
+    };
+    periodCommand("daily", "Usage per local day", PeriodUnit::day);
+    periodCommand("weekly", "Usage per week (weeks start on the locale's first weekday)",
+                  PeriodUnit::week);
+    periodCommand("monthly", "Usage per month", PeriodUnit::month);
+    const auto groupCommand = [&](const char* name, const char* what, UsageGroup group) {
+        auto* sub = app.add_subcommand(name, what);
+        addReportOptions(sub, report, true);
+        sub->add_option("--order", report.order,
+                        "Heaviest (or latest) first (desc, the default) or the other way round")
+            ->check(CLI::IsMember({"asc", "desc"}));
+        reports.push_back({sub, [&, group](CommandContext& c) {
+                               return runGroupReport(c, report, group, json);
+                           }});
+    };
+    groupCommand("sessions", "Usage per agent session, the latest first", UsageGroup::sessions);
+    groupCommand("models", "Usage per model, the heaviest first", UsageGroup::models);
+    groupCommand("sources", "Usage per agent, the heaviest first", UsageGroup::sources);
+    groupCommand("projects", "Usage per project, the heaviest first", UsageGroup::projects);
+
     auto* prices = app.add_subcommand("prices", "List the prices in force today");
     prices->require_subcommand(0, 1);
     PriceOverrideOptions priceSet;
@@ -185,6 +222,9 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     auto* remove = prices->add_subcommand("rm", "Remove a price override, then reprice");
     remove->add_option("MATCH", removeMatch, "The override's model pattern")->required();
 
+    for (const auto& command : reports) {
+        command.app->fallthrough();
+    }
     for (auto* command : {events, scanCommand, watchCommand, status, integrations, enable, disable,
                           preset, prices, set, remove}) {
         command->fallthrough();
@@ -223,6 +263,11 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (watchCommand->parsed()) {
         return runWatchUntilSignalled(ctx, watch, json);
+    }
+    for (const auto& command : reports) {
+        if (command.app->parsed()) {
+            return command.run(ctx);
+        }
     }
     if (status->parsed()) {
         return runStatus(ctx, json);

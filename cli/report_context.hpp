@@ -32,7 +32,7 @@ struct ReportOptions {
     std::string project;
     std::string search;
     bool breakdown = false;
-    std::string order = "asc";
+    std::string order;  // "asc" or "desc"; empty: the report's natural order
 };
 
 // Adds --no-scan, --currency and --lang to `command`; with `filters` also --since, --until,
