@@ -71,7 +71,12 @@ std::string Report::tokens(int64_t count) const {
 }
 
 int64_t totalTokens(const LedgerSummary& s) {
-    return s.knownProviderTokenTotal.value_or(0);
+    int64_t sum = 0;
+    for (const auto& bucket :
+         {s.inputUncached, s.cacheRead, s.cacheWrite, s.outputVisible, s.reasoning}) {
+        sum = checkedAdd(sum, bucket.value_or(0), "report token total");
+    }
+    return sum;
 }
 
 nlohmann::ordered_json summaryJSON(const LedgerSummary& s) {

@@ -66,8 +66,9 @@ struct Report {
 // the cause and returns the exit status.
 std::expected<Report, int> openReport(CommandContext& ctx, const ReportOptions& options);
 
-// The token total of a summary: the providers' own totals where they gave one, else the sum
-// of the five buckets where all are known.
+// The token total of a summary as its columns add up: the five buckets (uncached input, cache
+// reads, cache writes, visible output, reasoning). Agents' own totals disagree on what they
+// include (some leave cache reads out), so reports do not use them.
 int64_t totalTokens(const LedgerSummary& summary);
 
 // The totals as report rows carry them in JSON.
