@@ -6,6 +6,7 @@
 #include "cli/cli.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "tests/support/command_run.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -13,24 +14,12 @@ namespace {
 
 using test_support::TempDir;
 
-struct CliRun {
-    int code = -1;
-    std::string out;
-    std::string err;
-};
+using CliRun = test_support::CommandOutcome;
 
 class ScanAndPricesTest : public ::testing::Test {
   protected:
     CliRun kestrel(std::vector<std::string> args, const std::string& input = "") {
-        args.insert(args.end(),
-                    {"--home", home.path().string(), "--support-dir", support.path().string()});
-        std::ostringstream out, err;
-        std::istringstream in(input);
-        CliRun r;
-        r.code = cli::run(args, out, err, in);
-        r.out = out.str();
-        r.err = err.str();
-        return r;
+        return test_support::runKestrel(std::move(args), home.path(), support.path(), input);
     }
 
     nlohmann::json scanJSON(std::vector<std::string> extra = {}) {

@@ -9,6 +9,7 @@
 #include "cli/cli.hpp"
 #include "cli/integrations_command.hpp"
 #include "core/integrations/integration_instance_coordinator.hpp"
+#include "tests/support/command_run.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -16,25 +17,12 @@ namespace {
 
 using test_support::TempDir;
 
-struct Outcome {
-    int code = -1;
-    std::string out;
-    std::string err;
-};
+using Outcome = test_support::CommandOutcome;
 
 class StatusCommandTest : public ::testing::Test {
   protected:
     Outcome call(const std::function<int(cli::CommandContext&)>& command) {
-        std::ostringstream out, err;
-        cli::CommandContext ctx{out, err};
-        ctx.home = home.path();
-        ctx.supportDir = support.path();
-        ctx.env = emptyEnvironment();
-        Outcome o;
-        o.code = command(ctx);
-        o.out = out.str();
-        o.err = err.str();
-        return o;
+        return test_support::runCommand(home.path(), support.path(), command);
     }
 
     nlohmann::json statusJSON() {

@@ -10,6 +10,8 @@
 #include "cli/cli.hpp"
 #include "core/model/calendar.hpp"
 #include "core/model/timestamp.hpp"
+#include "tests/support/command_run.hpp"
+#include "tests/support/time_zone.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -17,34 +19,17 @@ namespace {
 
 using test_support::TempDir;
 
-struct CliRun {
-    int code = -1;
-    std::string out;
-    std::string err;
-};
+using CliRun = test_support::CommandOutcome;
 
 class UsageReportsTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (const char* tz = std::getenv("TZ")) {
-            savedTZ_ = tz;
-        }
-        ::setenv("TZ", "UTC", 1);
-        ::tzset();
         // Claude Code on three days of one week and one of the next month; Codex on one day.
         claude("a", "m1", "claude-sonnet-4-5", 100, 10, "2026-03-02T09:00:00Z", "/w/alpha");
         claude("a", "m2", "claude-opus-4-1", 200, 20, "2026-03-02T23:30:00Z", "/w/alpha");
         claude("b", "m3", "claude-sonnet-4-5", 300, 30, "2026-03-04T12:00:00Z", "/w/beta");
         claude("b", "m4", "claude-sonnet-4-5", 400, 40, "2026-04-01T08:00:00Z", "/w/beta");
         codex("2026-03-03T10:00:00Z", 1000, 100);
-    }
-    void TearDown() override {
-        if (savedTZ_) {
-            ::setenv("TZ", savedTZ_->c_str(), 1);
-        } else {
-            ::unsetenv("TZ");
-        }
-        ::tzset();
     }
 
     void claude(const std::string& session, const std::string& id, const std::string& model,
@@ -76,15 +61,7 @@ class UsageReportsTest : public ::testing::Test {
     }
 
     CliRun kestrel(std::vector<std::string> args) {
-        args.insert(args.end(),
-                    {"--home", home.path().string(), "--support-dir", support.path().string()});
-        std::ostringstream out, err;
-        std::istringstream in;
-        CliRun r;
-        r.code = cli::run(args, out, err, in);
-        r.out = out.str();
-        r.err = err.str();
-        return r;
+        return test_support::runKestrel(std::move(args), home.path(), support.path());
     }
 
     nlohmann::json json(std::vector<std::string> args) {
@@ -103,7 +80,7 @@ class UsageReportsTest : public ::testing::Test {
     }
 
     TempDir home, support;
-    std::optional<std::string> savedTZ_;
+    test_support::ScopedTimeZone zone_{"UTC"};
 };
 
 TEST_F(UsageReportsTest, EveryGroupingAddsUpToTheSameTotals) {

@@ -13,6 +13,7 @@
 #include "core/ledger/usage_store.hpp"
 #include "core/pricing/price_table.hpp"
 #include "tests/support/temp_dir.hpp"
+#include "tests/support/time_zone.hpp"
 
 namespace kestrel {
 namespace {
@@ -22,28 +23,7 @@ using test_support::TempDir;
 constexpr double kStart = 1'780'000'000.0;  // 2026-05-28, a Thursday
 constexpr double kDay = 86'400.0;
 
-// Sets TZ for the life of the object.
-class TimeZone {
-  public:
-    explicit TimeZone(const char* zone) {
-        if (const char* old = std::getenv("TZ")) {
-            saved_ = old;
-        }
-        ::setenv("TZ", zone, 1);
-        ::tzset();
-    }
-    ~TimeZone() {
-        if (saved_) {
-            ::setenv("TZ", saved_->c_str(), 1);
-        } else {
-            ::unsetenv("TZ");
-        }
-        ::tzset();
-    }
-
-  private:
-    std::optional<std::string> saved_;
-};
+using TimeZone = test_support::ScopedTimeZone;
 
 // Random but valid ledger events: every field the filters and totals look at varies, including
 // absent buckets, absent provider totals and events without a price.

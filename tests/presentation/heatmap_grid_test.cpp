@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/model/timestamp.hpp"
+#include "tests/support/time_zone.hpp"
 
 namespace kestrel {
 namespace {
@@ -159,10 +160,8 @@ TEST(HeatmapGridTest, MonthLabelsStartWhereATopDayChangesMonthAndNeverTouch) {
 }
 
 TEST(HeatmapGridTest, DaysAcrossADaylightSavingChangeStayWholeDays) {
-    const char* saved = std::getenv("TZ");
-    const std::string previous = saved ? saved : "";
-    setenv("TZ", "America/New_York", 1);  // clocks went forward on Sunday 2025-03-09
-    tzset();
+    std::optional<test_support::ScopedTimeZone> zone;
+    zone.emplace("America/New_York");  // clocks went forward on Sunday 2025-03-09
     Calendar local = Calendar::current();
     local.firstWeekday = 1;
     const HeatmapModel model =
@@ -175,8 +174,7 @@ TEST(HeatmapGridTest, DaysAcrossADaylightSavingChangeStayWholeDays) {
             EXPECT_EQ(cell.tokens, keys.back() == "2025-03-09" ? 7 : 0) << keys.back();
         }
     }
-    saved ? setenv("TZ", previous.c_str(), 1) : unsetenv("TZ");
-    tzset();
+    zone.reset();
     ASSERT_EQ(keys.size(), 21u);
     EXPECT_EQ(keys.front(), "2025-02-24");
     EXPECT_EQ(keys.back(), "2025-03-16");
