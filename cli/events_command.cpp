@@ -2,93 +2,253 @@
 
 #include <fmt/format.h>
 
-#include <ctime>
+#include <charconv>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
-#include "cli/claude_collection.hpp"
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
+#include "core/model/checked_math.hpp"
 
 namespace kestrel::cli {
 namespace {
 
-std::string shortSession(const std::string& session) {
-    return session.size() > 8 ? session.substr(0, 8) : session;
+constexpr int kMaxLimit = 1000;
+
+nlohmann::ordered_json orNull(const std::optional<int64_t>& v) {
+    return v ? nlohmann::ordered_json(*v) : nlohmann::ordered_json(nullptr);
 }
 
-void printErrors(CommandContext& ctx, const CollectionStats& stats) {
-    for (const auto& error : stats.errors) {
-        ctx.err << "kestrel: " << error.description() << '\n';
-    }
+nlohmann::ordered_json orNull(const std::optional<std::string>& v) {
+    return v ? nlohmann::ordered_json(*v) : nlohmann::ordered_json(nullptr);
 }
 
-std::string countsLine(const CollectionStats& stats) {
-    std::string line =
-        fmt::format("{}, {}, {}, {} skipped", counted(stats.files, "file", "files"),
-                    counted(stats.lines, "line", "lines"), counted(stats.events, "event", "events"),
-                    counted(stats.malformed, "malformed line", "malformed lines"));
-    if (!stats.errors.empty()) {
-        line +=
-            fmt::format(", {} unreadable", counted(int64_t(stats.errors.size()), "file", "files"));
+std::string countOrDash(const Report& report, const std::optional<int64_t>& v) {
+    return v ? report.tokens(*v) : "-";
+}
+
+// The five buckets added up, as the reports count tokens, so a page adds up to the report.
+std::optional<int64_t> eventTotal(const ObservedTokenUsage& t) {
+    const std::optional<int64_t> buckets[] = {t.inputUncached, t.cacheRead, t.cacheWrite,
+                                              t.outputVisible, t.reasoning};
+    std::optional<int64_t> sum;
+    for (const auto& v : buckets) {
+        if (v) {
+            sum = checkedAdd(sum.value_or(0), *v, "event token total");
+        }
     }
-    return line;
+    return sum;
+}
+
+// Reasoning is billed as output, so the table's output column holds both, as the summary does.
+std::optional<int64_t> outputTokens(const ObservedTokenUsage& t) {
+    if (!t.outputVisible && !t.reasoning) {
+        return std::nullopt;
+    }
+    return checkedAdd(t.outputVisible.value_or(0), t.reasoning.value_or(0), "event output");
+}
+
+nlohmann::ordered_json entryJSON(const Report& report, const LedgerEntry& entry) {
+    const auto& e = entry.event;
+    const auto& c = entry.cost;
+    return {{"id", e.id},
+            {"occurredAt", e.occurredAt},
+            {"localDay", report.calendar.dayKey(e.occurredAt)},
+            {"source", std::string(rawValue(e.source))},
+            {"provider", e.provider},
+            {"model", e.model},
+            {"project", orNull(e.projectDisplayName)},
+            {"sessionKey", orNull(e.sessionKey)},
+            {"inputUncached", orNull(e.tokens.inputUncached)},
+            {"cacheRead", orNull(e.tokens.cacheRead)},
+            {"cacheWrite", orNull(e.tokens.cacheWrite)},
+            {"outputVisible", orNull(e.tokens.outputVisible)},
+            {"reasoning", orNull(e.tokens.reasoning)},
+            {"providerInputTotal", orNull(e.tokens.providerInputTotal)},
+            {"providerOutputTotal", orNull(e.tokens.providerOutputTotal)},
+            {"providerTotal", orNull(e.tokens.providerTotal)},
+            {"costUSDMicros", orNull(c.amountUSDMicros)},
+            {"costSource", std::string(rawValue(c.source))},
+            {"completeness", std::string(rawValue(c.completeness))},
+            {"priceVersion", orNull(c.priceVersion)}};
+}
+
+// A word as a POSIX shell reads it back: bare when it holds only safe characters, else in single
+// quotes.
+std::string shellWord(std::string_view word) {
+    const bool safe = !word.empty() && word.find_first_not_of(
+                                           "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                           "0123456789_./:=@%+,-") == std::string_view::npos;
+    if (safe) {
+        return std::string(word);
+    }
+    std::string out = "'";
+    for (char c : word) {
+        out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return out + "'";
+}
+
+// The command that prints the page after `cursor` with the same choices.
+std::string nextPageCommand(const ReportOptions& report, const EventsOptions& options,
+                            const LedgerCursor& cursor) {
+    std::string command = "kestrel events";
+    const auto add = [&](std::string_view option, const std::string& value) {
+        if (!value.empty()) {
+            command += fmt::format(" {} {}", option, shellWord(value));
+        }
+    };
+    if (report.noScan) {
+        command += " --no-scan";
+    }
+    add("--since", report.since);
+    add("--until", report.until);
+    for (const auto& source : report.sources) {
+        add("--source", source);
+    }
+    add("--model", report.model);
+    add("--project", report.project);
+    add("--search", report.search);
+    add("--currency", report.currency);
+    add("--lang", report.language);
+    if (options.order != "desc") {
+        add("--order", options.order);
+    }
+    if (options.limit != EventsOptions{}.limit) {
+        add("--limit", std::to_string(options.limit));
+    }
+    add("--after", formatCursor(cursor));
+    return command;
+}
+
+void printTable(CommandContext& ctx, const Report& report,
+                const std::vector<LedgerEntry>& entries) {
+    TextTable table({{report.text("column.time")},
+                     {report.text("column.source")},
+                     {report.text("column.model")},
+                     {report.text("column.project")},
+                     {report.text("column.input"), Align::right},
+                     {report.text("column.cacheRead"), Align::right},
+                     {report.text("column.cacheWrite"), Align::right},
+                     {report.text("column.output"), Align::right},
+                     {report.text("column.totalTokens"), Align::right},
+                     {report.text("column.cost"), Align::right}});
+    for (const auto& entry : entries) {
+        const auto& e = entry.event;
+        table.addRow(
+            {formatLocal(e.occurredAt, "%Y-%m-%d %H:%M:%S"), std::string(displayName(e.source)),
+             e.model.empty() ? "-" : e.model, e.projectDisplayName.value_or("-"),
+             countOrDash(report, e.tokens.inputUncached), countOrDash(report, e.tokens.cacheRead),
+             countOrDash(report, e.tokens.cacheWrite), countOrDash(report, outputTokens(e.tokens)),
+             countOrDash(report, eventTotal(e.tokens)),
+             entry.cost.amountUSDMicros ? report.money(*entry.cost.amountUSDMicros) : "-"});
+    }
+    table.render(ctx.out, ctx.colour);
 }
 
 }  // namespace
 
-int runEvents(CommandContext& ctx, bool json) {
-    ProgressLine progress(ctx.err, ctx.errIsTerminal);
-    auto onProgress = [&](std::size_t done, std::size_t total, const std::filesystem::path&) {
-        progress.update(done, total);
-    };
+std::string formatCursor(const LedgerCursor& cursor) {
+    return fmt::format("{:.6f}/{}", cursor.occurredAt, cursor.eventID);
+}
 
-    CollectionStats stats;
+std::optional<LedgerCursor> parseCursor(std::string_view text) {
+    const auto slash = text.find('/');
+    if (slash == std::string_view::npos || slash == 0 || slash + 1 == text.size()) {
+        return std::nullopt;
+    }
+    const auto time = text.substr(0, slash);
+    // Plain decimals only: from_chars would also take exponents, "inf" and "nan".
+    if (time.find_first_not_of("0123456789.-") != std::string_view::npos) {
+        return std::nullopt;
+    }
+    double at = 0;
+    const auto [end, error] =
+        std::from_chars(time.data(), time.data() + time.size(), at, std::chars_format::fixed);
+    if (error != std::errc() || end != time.data() + time.size() || !std::isfinite(at)) {
+        return std::nullopt;
+    }
+    return LedgerCursor{at, std::string(text.substr(slash + 1))};
+}
+
+int runEvents(CommandContext& ctx, const ReportOptions& reportOptions, const EventsOptions& options,
+              bool json) {
+    if (options.limit < 1 || options.limit > kMaxLimit) {
+        ctx.err << "kestrel: --limit " << options.limit << " is out of range; give 1 to "
+                << kMaxLimit << '\n';
+        return kExitUsage;
+    }
+    if (options.order != "asc" && options.order != "desc") {
+        ctx.err << "kestrel: --order \"" << options.order << "\" is not asc or desc\n";
+        return kExitUsage;
+    }
+    std::optional<LedgerCursor> after;
+    if (!options.after.empty()) {
+        after = parseCursor(options.after);
+        if (!after) {
+            ctx.err << "kestrel: --after \"" << options.after
+                    << "\" is not a cursor; give it as printed after a page, "
+                       "SECONDS.MICROSECONDS/EVENT-ID\n";
+            return kExitUsage;
+        }
+    }
+
+    auto opened = openReport(ctx, reportOptions);
+    if (!opened) {
+        return opened.error();
+    }
+    auto& report = *opened;
+    const int exitCode = report.scanFailed ? kExitPartial : kExitOK;
+
+    LedgerPage page;
+    bool emptyLedger = false;
+    try {
+        // One event more than shown says whether a next page exists, so the last page never
+        // offers a cursor that leads to nothing.
+        page = report.store().ledgerEvents(
+            report.query,
+            options.order == "asc" ? LedgerSortOrder::ascending : LedgerSortOrder::descending,
+            after, options.limit + 1);
+        emptyLedger = page.entries.empty() && !after && report.store().ledgerEventCount() == 0;
+    } catch (const std::exception& e) {
+        ctx.err << "kestrel: cannot read the ledger: " << e.what() << '\n';
+        return kExitFailure;
+    }
+    std::optional<LedgerCursor> next;
+    if (page.entries.size() > static_cast<std::size_t>(options.limit)) {
+        page.entries.resize(static_cast<std::size_t>(options.limit));
+        const auto& last = page.entries.back().event;
+        next = LedgerCursor{last.occurredAt, last.id};
+    }
+
     if (json) {
-        stats = collectClaude(
-            ctx.home, ctx.env, ctx.settings,
-            [&](UsageEvent&& e) {
-                ctx.out << nlohmann::ordered_json(e).dump(-1, ' ', false,
-                                                          nlohmann::json::error_handler_t::replace)
-                        << '\n';
-            },
-            onProgress);
-        progress.clear();
-        printErrors(ctx, stats);
-        ctx.err << countsLine(stats) << '\n';
-        return stats.errors.empty() ? kExitOK : kExitPartial;
+        auto entries = nlohmann::ordered_json::array();
+        for (const auto& entry : page.entries) {
+            entries.push_back(entryJSON(report, entry));
+        }
+        nlohmann::ordered_json doc;
+        doc["entries"] = std::move(entries);
+        doc["nextCursor"] = next ? nlohmann::ordered_json(formatCursor(*next)) : nullptr;
+        ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+        return exitCode;
     }
 
-    TextTable table({{"Time"},
-                     {"Session"},
-                     {"Model"},
-                     {"Input", Align::right},
-                     {"Cache read", Align::right},
-                     {"Cache write", Align::right},
-                     {"Output", Align::right},
-                     {"Total", Align::right},
-                     {"Project"}});
-    stats = collectClaude(
-        ctx.home, ctx.env, ctx.settings,
-        [&](UsageEvent&& e) {
-            table.addRow(
-                {formatLocal(e.occurredAt, "%Y-%m-%d %H:%M:%S"), shortSession(e.sessionID), e.model,
-                 groupedNumber(e.exclusive.inputUncached), groupedNumber(e.exclusive.cacheRead),
-                 groupedNumber(e.exclusive.cacheWrite), groupedNumber(e.exclusive.outputVisible),
-                 groupedNumber(e.exclusive.billedTokens()), e.projectDisplayName.value_or("")});
-        },
-        onProgress);
-    progress.clear();
-    printErrors(ctx, stats);
-    if (table.empty()) {
-        ctx.out << (stats.roots.empty()
-                        ? "No Claude Code data folder found below " + ctx.home.string() + ".\n"
-                        : std::string("No usage found in the Claude Code transcripts.\n"));
-    } else {
-        table.render(ctx.out, ctx.colour);
+    if (page.entries.empty()) {
+        if (emptyLedger) {
+            printNothingFound(report, ctx);
+        } else {
+            ctx.out << report.text("events.none") << '\n';
+        }
+        return exitCode;
     }
-    ctx.out << countsLine(stats) << '\n';
-    return stats.errors.empty() ? kExitOK : kExitPartial;
+    printTable(ctx, report, page.entries);
+    if (next) {
+        ctx.out << report.text("events.nextPage",
+                               {{"command", nextPageCommand(reportOptions, options, *next)}})
+                << '\n';
+    }
+    return exitCode;
 }
 
 }  // namespace kestrel::cli

@@ -5,6 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "core/model/calendar.hpp"
+#include "core/model/timestamp.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -27,8 +29,10 @@ Run kestrel(std::vector<std::string> args) {
     return r;
 }
 
-std::string line(const std::string& id, const std::string& model, int64_t input, int64_t output) {
-    return R"({"type":"assistant","sessionId":"s","cwd":"/w/app","timestamp":"2026-01-02T03:04:05Z",)"
+std::string line(const std::string& id, const std::string& model, int64_t input, int64_t output,
+                 const std::string& timestamp = "2026-01-02T03:04:05Z") {
+    return R"({"type":"assistant","sessionId":"s","cwd":"/w/app","timestamp":")" + timestamp +
+           R"(",)"
            R"("message":{"id":")" +
            id + R"(","model":")" + model + R"(","usage":{"input_tokens":)" + std::to_string(input) +
            R"(,"output_tokens":)" + std::to_string(output) + "}}}\n";
@@ -36,35 +40,42 @@ std::string line(const std::string& id, const std::string& model, int64_t input,
 
 // A home with two transcripts: a message written on two lines (placeholder, then final), one
 // message repeated in a second file (a resumed session), a user line and a broken line.
-void writeHome(const TempDir& home) {
+void writeHome(const TempDir& home, const std::string& timestamp = "2026-01-02T03:04:05Z") {
     home.write(".claude/projects/-w-app/a.jsonl",
-               line("m1", "opus", 10, 1) + line("m1", "opus", 10, 500) +
+               line("m1", "opus", 10, 1, timestamp) + line("m1", "opus", 10, 500, timestamp) +
                    R"({"type":"user","message":{"content":"hi"}})"
                    "\n" +
                    "{broken\n");
     home.write(".claude/projects/-w-app/b.jsonl",
-               line("m1", "opus", 10, 500) + line("m2", "haiku", 3, 7));
+               line("m1", "opus", 10, 500, timestamp) + line("m2", "haiku", 3, 7, timestamp));
+}
+
+// A second into today, local time, so the overview counts the fixture as today's.
+std::string earlyToday() {
+    const Calendar calendar = Calendar::current();
+    return formatISO8601UTC(calendar.startOfDay(epochNow()) + 1);
 }
 
 TEST(Cli, SummaryScansAndCountsEachRequestOnceWithItsFinalUsage) {
     TempDir home, support;
-    writeHome(home);
+    writeHome(home, earlyToday());
     const auto r = kestrel(
         {"--home", home.path().string(), "--support-dir", support.path().string(), "--json"});
     ASSERT_EQ(r.code, cli::kExitOK) << r.err;
     const auto doc = nlohmann::json::parse(r.out);
     EXPECT_EQ(doc["scan"]["files"], 2);
     EXPECT_EQ(doc["scan"]["events"], 4);
-    EXPECT_EQ(doc["allTime"]["events"], 2);
-    EXPECT_EQ(doc["allTime"]["inputUncached"], 13);
-    EXPECT_EQ(doc["allTime"]["outputVisible"], 507);
-    EXPECT_EQ(doc["allTime"]["totalTokens"], 520);
-    EXPECT_EQ(doc["today"]["events"], 0);  // the fixture's messages are from January 2026
-    ASSERT_EQ(doc["models"].size(), 2u);
-    EXPECT_EQ(doc["models"][0]["model"], "opus");  // largest first
-    EXPECT_EQ(doc["models"][0]["totalTokens"], 510);
-    ASSERT_EQ(doc["sources"].size(), 1u);
-    EXPECT_EQ(doc["sources"][0]["source"], "claude");
+    EXPECT_EQ(doc["today"]["events"], 2);
+    EXPECT_EQ(doc["today"]["inputUncached"], 13);
+    EXPECT_EQ(doc["today"]["outputVisible"], 507);
+    EXPECT_EQ(doc["today"]["totalTokens"], 520);
+    EXPECT_EQ(doc["yesterday"]["events"], 0);
+    EXPECT_EQ(doc["last30Days"], doc["today"]);
+    ASSERT_EQ(doc["topModelsToday"].size(), 2u);
+    EXPECT_EQ(doc["topModelsToday"][0]["model"], "opus");  // largest first
+    EXPECT_EQ(doc["topModelsToday"][0]["totalTokens"], 510);
+    ASSERT_EQ(doc["topSourcesToday"].size(), 1u);
+    EXPECT_EQ(doc["topSourcesToday"][0]["source"], "claude");
 
     // A second run finds nothing new and shows the same ledger.
     const auto again = kestrel(
@@ -72,68 +83,63 @@ TEST(Cli, SummaryScansAndCountsEachRequestOnceWithItsFinalUsage) {
     const auto second = nlohmann::json::parse(again.out);
     EXPECT_EQ(second["scan"]["files"], 0);
     EXPECT_FALSE(second["scan"]["changed"].get<bool>());
-    EXPECT_EQ(second["allTime"], doc["allTime"]);
+    EXPECT_EQ(second["today"], doc["today"]);
+    EXPECT_EQ(second["heatmap"], doc["heatmap"]);
 }
 
 TEST(Cli, SummaryTablesAreAlignedAndNameTheHome) {
     TempDir home, support;
-    writeHome(home);
+    writeHome(home, earlyToday());
     const auto r =
         kestrel({"--home", home.path().string(), "--support-dir", support.path().string()});
     ASSERT_EQ(r.code, cli::kExitOK) << r.err;
     EXPECT_NE(r.out.find(home.path().string()), std::string::npos);
     EXPECT_EQ(r.out.find("\x1b["), std::string::npos) << "no colours off a terminal";
-    // Every row of the model table ends its "Cost" column at the same place.
-    std::istringstream lines(r.out);
-    std::string text;
-    std::vector<std::size_t> ends;
-    bool inModels = false;
-    while (std::getline(lines, text)) {
-        if (text.rfind("Model", 0) == 0) {
-            inModels = true;
+    // Every row of a table ends its "Cost" column at the same place.
+    const struct {
+        const char* header;
+        std::size_t rows;  // with the header
+    } tables[] = {{"Period", 5}, {"Model", 3}, {"Agent", 2}};
+    for (const auto& table : tables) {
+        std::istringstream lines(r.out);
+        std::string text;
+        std::vector<std::size_t> ends;
+        bool inside = false;
+        while (std::getline(lines, text)) {
+            inside = inside || text.rfind(table.header, 0) == 0;
+            if (inside && text.empty()) {
+                break;
+            }
+            if (inside) {
+                ends.push_back(text.size());
+            }
         }
-        if (inModels && text.empty()) {
-            break;
+        ASSERT_EQ(ends.size(), table.rows) << table.header << "\n" << r.out;
+        for (auto end : ends) {
+            EXPECT_EQ(end, ends[0]) << table.header;
         }
-        if (inModels) {
-            ends.push_back(text.size());
-        }
-    }
-    ASSERT_EQ(ends.size(), 3u);  // header, two models
-    for (auto end : ends) {
-        EXPECT_EQ(end, ends[0]);
     }
 }
 
-TEST(Cli, EventsJsonPrintsOneObjectPerUsageLineAndCountsOnStderr) {
-    TempDir home;
+TEST(Cli, EventsPagesTheLedgerNewestFirst) {
+    TempDir home, support;
     writeHome(home);
-    const auto r = kestrel({"events", "--home", home.path().string(), "--json"});
+    const auto r = kestrel({"events", "--home", home.path().string(), "--support-dir",
+                            support.path().string(), "--json"});
     ASSERT_EQ(r.code, cli::kExitOK) << r.err;
-    std::istringstream lines(r.out);
-    std::string text;
-    std::vector<nlohmann::json> events;
-    while (std::getline(lines, text)) {
-        events.push_back(nlohmann::json::parse(text));
-    }
-    ASSERT_EQ(events.size(), 4u);
-    EXPECT_EQ(events[0]["id"], "claude:m1");
-    EXPECT_EQ(events[0]["exclusive"]["outputVisible"], 1);
-    EXPECT_EQ(events[1]["raw"]["output"], 500);
-    EXPECT_DOUBLE_EQ(events[0]["occurredAt"].get<double>(), 1767323045.0);
-    EXPECT_EQ(events[0]["source"], "claude");
-    EXPECT_TRUE(events[0]["estimatedCostUSDMicros"].is_null());
-    EXPECT_EQ(r.err, "2 files, 6 lines, 4 events, 1 malformed line skipped\n");
-}
+    const auto doc = nlohmann::json::parse(r.out);
+    // Four usage lines, two usages; both at one time, so the id breaks the tie.
+    ASSERT_EQ(doc["entries"].size(), 2u);
+    EXPECT_EQ(doc["entries"][0]["id"], "le:claude:m2");
+    EXPECT_EQ(doc["entries"][1]["id"], "le:claude:m1");
+    EXPECT_EQ(doc["entries"][1]["outputVisible"], 500);
+    EXPECT_DOUBLE_EQ(doc["entries"][1]["occurredAt"].get<double>(), 1767323045.0);
+    EXPECT_TRUE(doc["nextCursor"].is_null());
 
-TEST(Cli, EventsTableEndsWithTheCounts) {
-    TempDir home;
-    writeHome(home);
-    const auto r = kestrel({"events", "--home", home.path().string(), "--source", "claude"});
-    ASSERT_EQ(r.code, cli::kExitOK) << r.err;
-    EXPECT_NE(r.out.find("Cache read"), std::string::npos);
-    EXPECT_NE(r.out.find("2 files, 6 lines, 4 events, 1 malformed line skipped\n"),
-              std::string::npos);
+    const auto table = kestrel({"events", "--home", home.path().string(), "--support-dir",
+                                support.path().string()});
+    ASSERT_EQ(table.code, cli::kExitOK) << table.err;
+    EXPECT_NE(table.out.find("Cache read"), std::string::npos) << table.out;
 }
 
 TEST(Cli, LinkedRootsAreReadOnce) {
@@ -155,7 +161,6 @@ TEST(Cli, BadUsageExitsWithTwoAndSaysWhy) {
         const char* message;
     } cases[] = {
         {{"events", "--home", home.path().string(), "--source", "nope"}, "unknown source \"nope\""},
-        {{"events", "--home", home.path().string(), "--source", "codex"}, "not supported yet"},
         {{"--home", (home / "missing").string()}, "does not exist"},
         {{"--frobnicate"}, "--frobnicate"},
     };
