@@ -1,194 +1,173 @@
 #include "cli/summary_command.hpp"
 
-#include <fmt/format.h>
-
-#include <ctime>
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
-#include "cli/collector.hpp"
-#include "cli/local_time.hpp"
+#include "cli/heatmap_command.hpp"
 #include "cli/text_table.hpp"
-#include "core/model/checked_math.hpp"
-#include "core/pricing/money_format.hpp"
+#include "core/model/timestamp.hpp"
 
 namespace kestrel::cli {
 namespace {
 
-constexpr std::size_t kTopModels = 8;
+constexpr std::size_t kTopRows = 5;
+constexpr int kHeatmapWeeks = 26;
 
-int64_t totalTokens(const LedgerSummary& s) {
-    int64_t sum = 0;
-    for (const auto& bucket :
-         {s.inputUncached, s.cacheRead, s.cacheWrite, s.outputVisible, s.reasoning}) {
-        sum = checkedAdd(sum, bucket.value_or(0), "overview token total");
-    }
-    return sum;
-}
+struct Period {
+    const char* label;    // catalogue key
+    const char* jsonKey;  // key in --json
+    LedgerSummary summary;
+};
 
-nlohmann::ordered_json totalsJSON(const LedgerSummary& s) {
-    return {{"events", s.eventCount},
-            {"inputUncached", s.inputUncached.value_or(0)},
-            {"cacheRead", s.cacheRead.value_or(0)},
-            {"cacheWrite", s.cacheWrite.value_or(0)},
-            {"outputVisible", s.outputVisible.value_or(0)},
-            {"reasoning", s.reasoning.value_or(0)},
-            {"totalTokens", totalTokens(s)},
-            {"costUSDMicros", s.knownCostUSDMicros.value_or(0)},
-            {"unpricedEvents", s.unknownCostEventCount}};
-}
+struct SourceSummary {
+    AgentSource source;
+    LedgerSummary summary;
+};
 
-std::string cost(const LedgerSummary& s) {
-    // A star marks a total that leaves out events without a price.
-    return formatUSD(s.knownCostUSDMicros.value_or(0), "en_US") +
-           (s.unknownCostEventCount > 0 ? "*" : "");
-}
-
-std::vector<std::string> cells(std::string label, const LedgerSummary& s) {
-    return {std::move(label),
-            groupedNumber(s.eventCount),
-            groupedNumber(s.inputUncached.value_or(0)),
-            groupedNumber(s.cacheRead.value_or(0)),
-            groupedNumber(s.cacheWrite.value_or(0)),
-            groupedNumber(checkedAdd(s.outputVisible.value_or(0), s.reasoning.value_or(0),
-                                     "overview output")),
-            groupedNumber(totalTokens(s)),
-            cost(s)};
-}
-
-std::vector<Column> columns(std::string first) {
-    return {{std::move(first)},
-            {"Events", Align::right},
-            {"Input", Align::right},
-            {"Cache read", Align::right},
-            {"Cache write", Align::right},
-            {"Output", Align::right},
-            {"Total tokens", Align::right},
-            {"Cost", Align::right}};
-}
-
-// Where the readers look, for a home in which nothing was found.
-std::string lookedIn(const CommandContext& ctx) {
-    std::string out;
-    for (auto source : Ingestor::scannableSources(ctx.home, ctx.env)) {
-        const auto spec = AgentCatalog::spec(source, ctx.home, ctx.env);
-        for (const auto& root : spec->roots) {
-            out += fmt::format("{}{}", out.empty() ? "" : ", ", root.string());
+// Agents by today's tokens, then cost; the map's source order breaks ties.
+std::vector<SourceSummary> heaviestSources(const std::map<AgentSource, LedgerSummary>& bySource) {
+    std::vector<SourceSummary> rows;
+    for (const auto& [source, summary] : bySource) {
+        if (summary.eventCount > 0) {
+            rows.push_back({source, summary});
         }
     }
-    return out;
+    std::ranges::stable_sort(rows, [](const SourceSummary& a, const SourceSummary& b) {
+        const auto ta = totalTokens(a.summary), tb = totalTokens(b.summary);
+        if (ta != tb) {
+            return ta > tb;
+        }
+        return a.summary.knownCostUSDMicros.value_or(0) > b.summary.knownCostUSDMicros.value_or(0);
+    });
+    if (rows.size() > kTopRows) {
+        rows.resize(kTopRows);
+    }
+    return rows;
+}
+
+std::vector<std::string> cells(std::string label, const LedgerSummary& s, const Report& report) {
+    return {std::move(label), report.tokens(s.eventCount), report.tokens(totalTokens(s)),
+            report.money(s)};
+}
+
+std::vector<Column> columns(const Report& report, const char* firstKey) {
+    return {{report.text(firstKey)},
+            {report.text("column.events"), Align::right},
+            {report.text("column.totalTokens"), Align::right},
+            {report.text("column.cost"), Align::right}};
 }
 
 }  // namespace
 
-int runSummary(CommandContext& ctx, bool json) {
-    auto collector = openCollector(ctx);
-    if (!collector) {
-        return kExitFailure;
+int runSummary(CommandContext& ctx, const ReportOptions& options, bool json) {
+    auto opened = openReport(ctx, options);
+    if (!opened) {
+        return opened.error();
     }
-    ScanProgress scanned;
-    try {
-        scanned = scanWithProgress(ctx, *collector, std::nullopt, false);
-    } catch (const std::exception& e) {
-        ctx.err << "kestrel: the scan could not be saved: " << e.what() << '\n';
-        return kExitFailure;
-    }
-    bool partial = false;
-    for (const auto& r : collector->ingestor->lastReports()) {
-        for (const auto& error : r.errors) {
-            ctx.err << "kestrel: " << displayName(r.source) << ": " << error.description() << '\n';
-            partial = true;
-        }
-    }
+    Report& report = *opened;
+    auto& store = report.store();
+    const int exitCode = report.scanFailed ? kExitPartial : kExitOK;
 
-    auto& store = *collector->store;
-    const std::time_t now = std::time(nullptr);
-    const auto since = [&](std::optional<int> daysBack) {
-        LedgerQuery q;
-        if (daysBack) {
-            q.from = localMidnight(now, *daysBack);
-        }
-        return store.ledgerSummary(q);
+    const double now = epochNow();
+    const Calendar& calendar = report.calendar;
+    const double today = calendar.startOfDay(now);
+    const double tomorrow = calendar.addingDays(today, 1);
+    // Every period ends with today, so a record stamped ahead of the clock shows in none.
+    const auto between = [&](double from, double to) {
+        LedgerQuery q = report.query;
+        q.from = from;
+        q.to = to;
+        return q;
     };
-    const auto today = since(0), week = since(6), month = since(29), all = since(std::nullopt);
-    const auto bySource = store.ledgerSummariesBySource({});
-    auto byModel = store.ledgerSummariesByModel({});
-    if (byModel.size() > kTopModels) {
-        byModel.resize(kTopModels);
+    const LedgerQuery todayQuery = between(today, tomorrow);
+    const Period periods[] = {
+        {"period.today", "today", store.ledgerSummary(todayQuery)},
+        {"period.yesterday", "yesterday",
+         store.ledgerSummary(between(calendar.addingDays(today, -1), today))},
+        {"period.last7Days", "last7Days",
+         store.ledgerSummary(between(calendar.addingDays(today, -6), tomorrow))},
+        {"period.last30Days", "last30Days",
+         store.ledgerSummary(between(calendar.addingDays(today, -29), tomorrow))},
+    };
+    auto topModels = store.ledgerSummariesByModel(todayQuery);
+    if (topModels.size() > kTopRows) {
+        topModels.resize(kTopRows);
     }
-    const int exitCode = partial ? kExitPartial : kExitOK;
+    const auto topSources = heaviestSources(store.ledgerSummariesBySource(todayQuery));
+    const HeatmapModel heatmap = heatmapFromLedger(report, kHeatmapWeeks, now);
 
     if (json) {
         nlohmann::ordered_json doc;
         doc["home"] = ctx.home.string();
         doc["ledger"] = (ctx.supportDir / UsageStore::kFileName).string();
-        doc["scan"] = {
-            {"files", scanned.files}, {"events", scanned.events}, {"changed", scanned.changed}};
-        doc["today"] = totalsJSON(today);
-        doc["last7Days"] = totalsJSON(week);
-        doc["last30Days"] = totalsJSON(month);
-        doc["allTime"] = totalsJSON(all);
-        auto sources = nlohmann::ordered_json::array();
-        for (const auto& [source, summary] : bySource) {
-            auto row = totalsJSON(summary);
-            row["source"] = std::string(rawValue(source));
-            sources.push_back(row);
+        doc["scan"] = {{"files", report.scanned.files},
+                       {"events", report.scanned.events},
+                       {"changed", report.scanned.changed}};
+        for (const auto& period : periods) {
+            doc[period.jsonKey] = summaryJSON(period.summary);
         }
-        doc["sources"] = sources;
         auto models = nlohmann::ordered_json::array();
-        for (const auto& m : byModel) {
-            auto row = totalsJSON(m.summary);
-            row["model"] = m.model;
-            models.push_back(row);
+        for (const auto& m : topModels) {
+            nlohmann::ordered_json row = {{"model", m.model}};
+            row.update(summaryJSON(m.summary));
+            models.push_back(std::move(row));
         }
-        doc["models"] = models;
+        doc["topModelsToday"] = std::move(models);
+        auto sources = nlohmann::ordered_json::array();
+        for (const auto& s : topSources) {
+            nlohmann::ordered_json row = {{"source", std::string(rawValue(s.source))}};
+            row.update(summaryJSON(s.summary));
+            sources.push_back(std::move(row));
+        }
+        doc["topSourcesToday"] = std::move(sources);
+        doc["heatmap"] = heatmapJSON(heatmap, calendar);
         ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
         return exitCode;
     }
 
-    if (all.eventCount == 0) {
-        ctx.out << "No usage found below " << ctx.home.string() << ".\nKestrel looked in "
-                << lookedIn(ctx)
-                << ".\nRun `kestrel --home DIR` to read another home folder, or `kestrel status` "
-                   "to see which agents are switched on.\n";
+    if (store.ledgerSummary(report.query).eventCount == 0) {
+        printNothingFound(report, ctx);
         return exitCode;
     }
     const auto bold = [&](const std::string& s) {
         return ctx.colour ? "\x1b[1m" + s + "\x1b[0m" : s;
     };
-    ctx.out << bold("Usage below " + ctx.home.string()) << '\n' << '\n';
+    ctx.out << bold(report.text("overview.title", {{"home", ctx.home.string()}})) << "\n\n";
 
-    TextTable periods(columns("Period"));
-    periods.addRow(cells("Today", today));
-    periods.addRow(cells("Last 7 days", week));
-    periods.addRow(cells("Last 30 days", month));
-    periods.addRow(cells("All time", all));
-    periods.render(ctx.out, ctx.colour);
-    ctx.out << '\n';
-
-    TextTable sources(columns("Source"));
-    for (const auto& [source, summary] : bySource) {
-        sources.addRow(cells(std::string(displayName(source)), summary));
+    TextTable periodTable(columns(report, "column.period"));
+    for (const auto& period : periods) {
+        periodTable.addRow(cells(report.text(period.label), period.summary, report));
     }
-    sources.render(ctx.out, ctx.colour);
+    periodTable.render(ctx.out, ctx.colour);
     ctx.out << '\n';
 
-    TextTable models(columns("Model"));
-    for (const auto& m : byModel) {
-        models.addRow(cells(m.model, m.summary));
+    if (periods[0].summary.eventCount == 0) {
+        ctx.out << report.text("overview.noUsageToday") << "\n\n";
+    } else {
+        ctx.out << bold(report.text("overview.topModelsToday")) << '\n';
+        TextTable models(columns(report, "column.model"));
+        for (const auto& m : topModels) {
+            models.addRow(cells(m.model, m.summary, report));
+        }
+        models.render(ctx.out, ctx.colour);
+        ctx.out << '\n' << bold(report.text("overview.topSourcesToday")) << '\n';
+        TextTable sources(columns(report, "column.source"));
+        for (const auto& s : topSources) {
+            sources.addRow(cells(std::string(displayName(s.source)), s.summary, report));
+        }
+        sources.render(ctx.out, ctx.colour);
+        ctx.out << '\n';
     }
-    models.render(ctx.out, ctx.colour);
-    ctx.out << '\n';
 
-    ctx.out << fmt::format("This scan read {} and found {}{}.\n",
-                           counted(scanned.files, "file", "files"),
-                           counted(scanned.events, "usage record", "usage records"),
-                           scanned.changed ? "" : " (nothing new)");
-    ctx.out << "Costs are list prices of the models' APIs"
-            << (all.unknownCostEventCount > 0 ? "; * leaves out events without a price (see "
-                                                "kestrel prices)"
-                                              : "")
-            << ".\n";
+    for (const auto& line : renderHeatmap(heatmap, report, ctx.colour)) {
+        ctx.out << line << '\n';
+    }
+    ctx.out << heatmapTotalLine(heatmap, report) << '\n';
+    // Every row shown lies inside the last 30 days, so their star is that period's.
+    if (periods[3].summary.unknownCostEventCount > 0) {
+        ctx.out << '\n' << report.text("overview.unpricedNote") << '\n';
+    }
     return exitCode;
 }
 

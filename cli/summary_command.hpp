@@ -1,11 +1,13 @@
 #pragma once
 
 #include "cli/command_context.hpp"
+#include "cli/report_context.hpp"
 
 namespace kestrel::cli {
 
-// `kestrel` without a command: an incremental scan of every enabled agent, then the ledger's
-// totals for today, the last 7 and 30 days and all time, per source and for the top models.
-int runSummary(CommandContext& ctx, bool json);
+// `kestrel` without a command: an incremental scan (unless --no-scan), then today's usage next
+// to yesterday's and the last 7 and 30 local days, today's heaviest models and agents, and the
+// heatmap of the last 26 weeks. An empty ledger says where Kestrel looked.
+int runSummary(CommandContext& ctx, const ReportOptions& report, bool json);
 
 }  // namespace kestrel::cli
