@@ -8,7 +8,11 @@
 #include <iostream>
 
 #include "cli/collector.hpp"
+#include "cli/coverage_command.hpp"
 #include "cli/events_command.hpp"
+#include "cli/export_command.hpp"
+#include "cli/fx_command.hpp"
+#include "cli/heatmap_command.hpp"
 #include "cli/integrations_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
@@ -17,7 +21,6 @@
 #include "cli/usage_reports.hpp"
 #include "cli/watch_command.hpp"
 #include "core/ledger/usage_store.hpp"
-#include "core/model/agent_source.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -69,24 +72,6 @@ void resolveSupportDir(CommandContext& ctx, const std::string& option) {
     ctx.supportDir = std::filesystem::absolute(dir, ec).lexically_normal();
 }
 
-// Only Claude Code transcripts can be read so far; other known sources get a clear answer.
-bool checkSources(CommandContext& ctx, const std::vector<std::string>& sources) {
-    for (const auto& raw : sources) {
-        auto source = fromRawValue<AgentSource>(raw);
-        if (!source) {
-            ctx.err << "kestrel: unknown source \"" << raw
-                    << "\" (known: " << sourceNames(allAgentSources()) << ")\n";
-            return false;
-        }
-        if (*source != AgentSource::claude) {
-            ctx.err << "kestrel: reading " << displayName(*source)
-                    << " records is not supported yet; only \"claude\" is\n";
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
@@ -115,12 +100,6 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
                    "~/.local/share/kestrel)")
         ->type_name("DIR");
     app.add_flag("--json", json, "Print JSON for scripts instead of tables");
-
-    std::vector<std::string> sources;
-    auto* events = app.add_subcommand(
-        "events", "Print every usage event in the agents' records, read from their start");
-    events->add_option("--source", sources, "Only this source (repeatable); for now: claude")
-        ->type_name("SOURCE");
 
     ScanOptions scan;
     auto* scanCommand =
@@ -196,6 +175,56 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     groupCommand("sources", "Usage per agent, the heaviest first", UsageGroup::sources);
     groupCommand("projects", "Usage per project, the heaviest first", UsageGroup::projects);
 
+    EventsOptions eventsOptions;
+    auto* events = app.add_subcommand(
+        "events", "The ledger's usage events, a page at a time, the newest first");
+    addReportOptions(events, report, true);
+    events->add_option("--limit", eventsOptions.limit, "Events per page, 1 to 1000 (default: 50)")
+        ->type_name("N");
+    events->add_option("--after", eventsOptions.after,
+                       "Start after this cursor, as printed under the previous page")
+        ->type_name("CURSOR");
+    events->add_option("--order", eventsOptions.order, "Newest first (desc, the default) or asc")
+        ->check(CLI::IsMember({"asc", "desc"}));
+
+    int heatmapWeeks = 26;
+    auto* heatmap = app.add_subcommand(
+        "heatmap", "The last weeks as a calendar, each day shaded by its tokens");
+    addReportOptions(heatmap, report, false);
+    heatmap->add_option("--weeks", heatmapWeeks, "How many weeks, 1 to 53 (default: 26)")
+        ->type_name("N");
+
+    auto* coverage = app.add_subcommand(
+        "coverage", "What the ledger could not count or price, grouped by cause and agent");
+    addReportOptions(coverage, report, true);
+
+    auto* exportCommand = app.add_subcommand("export", "Write the ledger's events to a file");
+    exportCommand->require_subcommand(1, 1);
+    std::string exportPath = "kestrel.csv";
+    auto* exportCSV = exportCommand->add_subcommand(
+        "csv", "One CSV row per event, oldest first (the columns are in the README)");
+    addReportOptions(exportCSV, report, true);
+    exportCSV->add_option("--out", exportPath, "The file to write (default: kestrel.csv)")
+        ->type_name("FILE");
+
+    auto* fx = app.add_subcommand("fx", "The USD to CNY rate used to show money in yuan");
+    fx->require_subcommand(0, 1);
+    fx->add_option("--lang", report.language, "Texts in en or zh-Hans (default: settings)")
+        ->type_name("LANG")
+        ->check(CLI::IsMember({"en", "zh-Hans"}));
+    auto* fxShow = fx->add_subcommand("show", "The stored rate, its date and source (the default)");
+    std::string fxRate;
+    auto* fxSet = fx->add_subcommand("set", "Store a rate you type, e.g. 7.25");
+    fxSet->add_option("RATE", fxRate, "Yuan per US dollar")->required();
+    std::string fxURL;
+    auto* fxFetch =
+        fx->add_subcommand("fetch", "Fetch today's rate; a failed fetch keeps the stored one");
+    fxFetch->add_option("--url", fxURL, "Where to ask (default: a public rates service)")
+        ->type_name("URL");
+
+    // `kestrel` alone: the overview.
+    addReportOptions(&app, report, false);
+
     auto* prices = app.add_subcommand("prices", "List the prices in force today");
     prices->require_subcommand(0, 1);
     PriceOverrideOptions priceSet;
@@ -225,8 +254,10 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     for (const auto& command : reports) {
         command.app->fallthrough();
     }
-    for (auto* command : {events, scanCommand, watchCommand, status, integrations, enable, disable,
-                          preset, prices, set, remove}) {
+    for (auto* command :
+         {events, heatmap, coverage, exportCommand, exportCSV, fx, fxShow, fxSet, fxFetch,
+          scanCommand, watchCommand, status, integrations, enable, disable, preset, prices, set,
+          remove}) {
         command->fallthrough();
     }
 
@@ -256,7 +287,25 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     resolveSupportDir(ctx, supportDir);
 
     if (events->parsed()) {
-        return checkSources(ctx, sources) ? runEvents(ctx, json) : kExitUsage;
+        return runEvents(ctx, report, eventsOptions, json);
+    }
+    if (heatmap->parsed()) {
+        return runHeatmap(ctx, report, heatmapWeeks, json);
+    }
+    if (coverage->parsed()) {
+        return runCoverage(ctx, report, json);
+    }
+    if (exportCSV->parsed()) {
+        return runExportCSV(ctx, report, exportPath);
+    }
+    if (fxSet->parsed()) {
+        return runFxSet(ctx, fxRate, report.language, json);
+    }
+    if (fxFetch->parsed()) {
+        return runFxFetch(ctx, fxURL, report.language, json);
+    }
+    if (fx->parsed()) {
+        return runFxShow(ctx, report.language, json);
     }
     if (scanCommand->parsed()) {
         return runScan(ctx, scan, json, in);
@@ -290,7 +339,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     if (prices->parsed()) {
         return runPrices(ctx, json);
     }
-    return runSummary(ctx, json);
+    return runSummary(ctx, report, json);
 }
 
 }  // namespace kestrel::cli

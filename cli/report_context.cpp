@@ -29,10 +29,10 @@ void addReportOptions(CLI::App* command, ReportOptions& o, bool filters) {
     command->add_flag("--no-scan", o.noScan,
                       "Read the ledger as it is, without scanning the agents' records first");
     command->add_option("--currency", o.currency, "Show money in usd or cny (default: settings)")
-        ->type_name("usd|cny")
+        ->type_name("CURRENCY")
         ->check(CLI::IsMember({"usd", "cny"}));
     command->add_option("--lang", o.language, "Texts in en or zh-Hans (default: settings)")
-        ->type_name("en|zh-Hans")
+        ->type_name("LANG")
         ->check(CLI::IsMember({"en", "zh-Hans"}));
     if (!filters) {
         return;
