@@ -91,7 +91,12 @@ void printFootnotes(const Report& r, CommandContext& ctx, const LedgerSummary& t
 // matches nothing says so.
 int printEmpty(Report& r, CommandContext& ctx, bool json, int status) {
     if (json) {
-        ctx.out << R"({"rows":[],"totals":)" << summaryJSON({}).dump() << "}\n";
+        nlohmann::ordered_json doc;
+        doc["rows"] = nlohmann::ordered_json::array();
+        doc["totals"] = summaryJSON({});
+        doc["currency"] = std::string(rawValue(r.currency));
+        doc["cnyPerUsdE4"] = r.settings.cnyPerUsdE4;
+        ctx.out << doc.dump(2) << '\n';
     } else if (r.store().ledgerEventCount() == 0) {
         printNothingFound(r, ctx);
     } else {
