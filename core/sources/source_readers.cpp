@@ -101,6 +101,7 @@ std::optional<SourceReader> reader(AgentSource source) {
             return claudeReader();
         case AgentSource::codex:
             return codexReader();
+        // The other agents' readers, one factory each, in the order of the sources.
         default:
             return std::nullopt;
     }
