@@ -37,7 +37,8 @@ std::string providerForModel(std::string_view model) {
         {"anthropic.claude", "anthropic"},
     }};
     for (const auto& [prefix, provider] : families) {
-        if (lower.starts_with(prefix) || lower.find("." + std::string(prefix)) != std::string::npos) {
+        if (lower.starts_with(prefix) ||
+            lower.find("." + std::string(prefix)) != std::string::npos) {
             return std::string(provider);
         }
     }
@@ -65,8 +66,8 @@ UsageEvent buildEvent(const EventDraft& d, const AppSettings& settings, const Pr
         }
     }
     e.sessionID = utf8::replaceInvalid(d.sessionID);
-    e.raw = TokenSnapshot{d.input, d.cachedInput, d.cacheWrite, d.output, d.reasoning,
-                          d.providerTotal.value_or(0)};
+    e.raw = TokenSnapshot{d.input,  d.cachedInput, d.cacheWrite,
+                          d.output, d.reasoning,   d.providerTotal.value_or(0)};
     const auto mapped = TokenSemantics::map(d.source, d.input, d.cachedInput, d.cacheWrite,
                                             d.output, d.reasoning, d.providerTotal);
     e.exclusive = mapped.exclusive;

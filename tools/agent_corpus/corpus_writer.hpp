@@ -36,8 +36,8 @@ class FixtureDB {
     void exec(std::string_view sql);
     // Runs one statement with `values` bound in order: each is an int64, a double, text, or
     // bytes (std::vector<unsigned char>), or std::monostate for NULL.
-    using Value = std::variant<std::monostate, int64_t, double, std::string,
-                               std::vector<unsigned char>>;
+    using Value =
+        std::variant<std::monostate, int64_t, double, std::string, std::vector<unsigned char>>;
     void run(std::string_view sql, const std::vector<Value>& values);
     sqlite3* handle() const { return db_; }
 

@@ -32,11 +32,13 @@ SQLiteCell cellAt(sqlite3_stmt* statement, int column) {
         case SQLITE_TEXT: {
             const auto* text = sqlite3_column_text(statement, column);
             const int size = sqlite3_column_bytes(statement, column);
-            cell.value = std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(size));
+            cell.value =
+                std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(size));
             break;
         }
         case SQLITE_BLOB: {
-            const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, column));
+            const auto* bytes =
+                static_cast<const unsigned char*>(sqlite3_column_blob(statement, column));
             const int size = sqlite3_column_bytes(statement, column);
             cell.value = std::vector<unsigned char>(bytes, bytes + size);
             break;
