@@ -59,9 +59,10 @@ std::optional<std::optional<std::set<AgentSource>>> parseSources(
             return std::nullopt;
         }
         if (std::ranges::find(readable, *found) == readable.end()) {
-            ctx.err << "kestrel: reading " << displayName(*found)
-                    << " records is not supported yet (readable: " << sourceNames(readable)
-                    << ")\n";
+            // Account services (usage read from a provider's site) keep nothing on this machine.
+            ctx.err << "kestrel: " << displayName(*found)
+                    << " keeps no usage records on this machine to scan (readable: "
+                    << sourceNames(readable) << ")\n";
             return std::nullopt;
         }
         out.insert(*found);

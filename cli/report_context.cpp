@@ -177,12 +177,20 @@ std::expected<Report, int> openReport(CommandContext& ctx, const ReportOptions& 
 }
 
 void printNothingFound(const Report& report, CommandContext& ctx) {
+    // The first agents' folders by name; the rest as a count, since some agents have a dozen.
+    constexpr std::size_t kNamedSources = 2;
+    const auto sources = Ingestor::scannableSources(ctx.home, ctx.env);
     std::string looked;
-    for (auto source : Ingestor::scannableSources(ctx.home, ctx.env)) {
-        const auto spec = AgentCatalog::spec(source, ctx.home, ctx.env);
+    for (std::size_t i = 0; i < std::min(sources.size(), kNamedSources); ++i) {
+        const auto spec = AgentCatalog::spec(sources[i], ctx.home, ctx.env);
         for (const auto& root : spec->roots) {
             looked += fmt::format("{}{}", looked.empty() ? "" : ", ", root.string());
         }
+    }
+    if (sources.size() > kNamedSources) {
+        looked = report.text("report.lookedMore",
+                             {{"roots", looked},
+                              {"count", std::to_string(sources.size() - kNamedSources)}});
     }
     ctx.out << report.text("report.emptyLedger", {{"home", ctx.home.string()}, {"looked", looked}})
             << '\n';

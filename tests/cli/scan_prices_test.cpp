@@ -145,7 +145,7 @@ TEST_F(ScanAndPricesTest, BadInputIsRefusedWithTheReason) {
          cli::kExitUsage,
          "--long-threshold"},
         {{"prices", "rm", "nothing-here"}, cli::kExitUsage, "no price override"},
-        {{"scan", "--source", "cursor"}, cli::kExitUsage, "not supported yet"},
+        {{"scan", "--source", "openrouter"}, cli::kExitUsage, "keeps no usage records"},
         {{"scan", "--source", "nope"}, cli::kExitUsage, "unknown source \"nope\""},
     };
     for (const auto& c : cases) {
