@@ -87,7 +87,10 @@ std::optional<std::string> storeStamp(const std::filesystem::path& database) {
     }
     auto wal = database;
     wal += "-wal";
-    return *main + "+" + fileStamp(wal).value_or("-");
+    // An empty log holds nothing: opening a WAL store (our own read included) may create one,
+    // which must not make the next scan read the store again.
+    const auto log = examine(wal);
+    return *main + "+" + (log && log->size > 0 ? log->stamp : std::string("-"));
 }
 
 }  // namespace kestrel

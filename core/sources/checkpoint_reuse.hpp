@@ -39,8 +39,8 @@ FileReadDecision decideFileRead(const std::filesystem::path& path,
                                 int64_t parserVersion);
 
 // The stamp of an agent's SQLite store: the database and its write-ahead log, since a store in
-// WAL mode may change only in the latter for a long time. Absent when the database cannot be
-// examined.
+// WAL mode may change only in the latter for a long time (an empty log counts as none). Absent
+// when the database cannot be examined.
 std::optional<std::string> storeStamp(const std::filesystem::path& database);
 
 }  // namespace kestrel

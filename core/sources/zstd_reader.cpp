@@ -2,6 +2,7 @@
 
 #include <zstd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -172,6 +173,37 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
                                          "the compressed data ends inside a frame (cut off?)"});
     }
     return splitter.finish();
+}
+
+std::expected<std::string, DecompressFailure> decompress(std::span<const unsigned char> compressed,
+                                                         std::size_t maxBytes) {
+    std::unique_ptr<ZSTD_DStream, StreamFreer> stream(ZSTD_createDStream());
+    if (!stream || ZSTD_isError(ZSTD_initDStream(stream.get()))) {
+        return std::unexpected(DecompressFailure::damaged);
+    }
+    std::string text;
+    std::vector<char> out(ZSTD_DStreamOutSize());
+    ZSTD_inBuffer input{compressed.data(), compressed.size(), 0};
+    std::size_t pending = 1;  // nothing decoded yet is not a finished frame
+    for (;;) {
+        ZSTD_outBuffer output{out.data(), out.size(), 0};
+        pending = ZSTD_decompressStream(stream.get(), &output, &input);
+        if (ZSTD_isError(pending)) {
+            return std::unexpected(DecompressFailure::damaged);
+        }
+        if (output.pos > maxBytes - std::min(maxBytes, text.size())) {
+            return std::unexpected(DecompressFailure::tooLarge);
+        }
+        text.append(out.data(), output.pos);
+        // Done when every input byte is taken and the decoder held nothing back.
+        if (input.pos == input.size && output.pos < output.size) {
+            break;
+        }
+    }
+    if (pending != 0) {
+        return std::unexpected(DecompressFailure::damaged);  // empty, or ends inside a frame
+    }
+    return text;
 }
 
 }  // namespace kestrel::Zstd

@@ -11,6 +11,8 @@
 #include <cstddef>
 #include <expected>
 #include <filesystem>
+#include <span>
+#include <string>
 
 #include "core/sources/file_error.hpp"
 #include "core/sources/jsonl.hpp"
@@ -26,5 +28,17 @@ namespace kestrel::Zstd {
 std::expected<JSONL::ReadEnd, FileError> forEachLine(
     const std::filesystem::path& path, const JSONL::LineHandler& onLine,
     std::size_t maxLineBytes = JSONL::kDefaultMaxLineBytes);
+
+// Why an in-memory decompression gave nothing.
+enum class DecompressFailure {
+    damaged,   // not Zstandard data, or a frame cut off
+    tooLarge,  // the content is longer than the caller's limit
+};
+
+// The whole content of the Zstandard frames in `compressed` (a database cell, say), at most
+// `maxBytes` long: the output grows as it is decoded, so a small bomb of a frame cannot claim
+// more memory than the limit allows, whatever size its header announces.
+std::expected<std::string, DecompressFailure> decompress(std::span<const unsigned char> compressed,
+                                                         std::size_t maxBytes);
 
 }  // namespace kestrel::Zstd
