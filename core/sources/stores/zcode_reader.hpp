@@ -1,0 +1,33 @@
+#pragma once
+// Z Code's CLI database (~/.zcode/cli/db/db.sqlite): one model_usage row per model request, final
+// once its status is "completed", with the session's folder in the session table.
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "core/model/app_settings.hpp"
+#include "core/model/source_checkpoint.hpp"
+#include "core/pricing/price_table.hpp"
+#include "core/sources/file_error.hpp"
+#include "core/sources/ingest_result.hpp"
+#include "core/sources/source_readers.hpp"
+
+namespace kestrel::ZCodeReader {
+
+inline constexpr int64_t parserVersion = 1;
+
+// `root`/cli/db/db.sqlite when it is there.
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>* errors = nullptr);
+
+// The requests completed since `checkpoint`. Throws SQLiteUsageError when the database cannot be
+// opened or queried.
+IngestResult ingest(const std::filesystem::path& database,
+                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
+                    const PriceTable& prices);
+
+SourceReader reader();
+
+}  // namespace kestrel::ZCodeReader
