@@ -16,6 +16,7 @@
 #include "core/model/timestamp.hpp"
 #include "core/model/token_semantics.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
+#include "core/sources/event_draft.hpp"
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/json_fields.hpp"
 #include "core/sources/jsonl.hpp"
@@ -442,9 +443,9 @@ QuotaWindowKind windowKind(std::optional<int64_t> minutes) {
     return QuotaWindowKind::monthly;
 }
 
-std::optional<AccountSnapshot> quotaFrom(const RateLimits& limits, double at) {
+std::optional<AccountSnapshot> quotaFrom(const RateLimits& limits, double at, AgentSource source) {
     AccountSnapshot snapshot;
-    snapshot.identity.source = AgentSource::codex;
+    snapshot.identity.source = source;
     snapshot.identity.planLabel = limits.planType.empty() ? "unknown" : limits.planType;
     for (const auto* w : {&limits.primary, &limits.secondary}) {
         if (!*w) {
@@ -476,6 +477,7 @@ std::optional<AccountSnapshot> quotaFrom(const RateLimits& limits, double at) {
 struct Reading {
     const AppSettings& settings;
     const PriceTable& prices;
+    AgentSource source;  // codex, or a fork writing the same rollouts
     double fileTime = 0;
     std::string sessionFromName;
     CodexContext context;
@@ -569,7 +571,7 @@ struct Reading {
         if (line.rateLimits && !context.replayingParent) {
             const double when = at.value_or(fileTime);
             if (when >= quotaAt) {
-                if (auto q = quotaFrom(*line.rateLimits, when)) {
+                if (auto q = quotaFrom(*line.rateLimits, when, source)) {
                     result.quota = std::move(q);
                     quotaAt = when;
                 }
@@ -657,13 +659,24 @@ struct Reading {
         const std::string& session =
             context.sessionID.empty() ? sessionFromName : context.sessionID;
         e.id = EventID::codex(session, line.timestamp, totals);
+        if (source != AgentSource::codex) {
+            // A fork's session may share an id with a Codex one (a history imported from it):
+            // its events keep their own prefix so neither replaces the other in the ledger.
+            e.id = std::string(rawValue(source)) + e.id.substr(e.id.find(':'));
+        }
         e.occurredAt = at.value_or(fileTime);
         e.timeQuality = at ? ObservationTimeQuality::trusted : ObservationTimeQuality::inferred;
         e.usagePrecision = UsagePrecision::nativeExact;
         e.granularity = UsageGranularity::request;
-        e.source = AgentSource::codex;
-        e.provider = "openai";
+        e.source = source;
         e.model = line.model.empty() ? context.model : line.model;
+        e.provider = "openai";
+        if (source != AgentSource::codex) {
+            // Forks route to other vendors too; the model name says which.
+            if (auto vendor = providerForModel(e.model); vendor != "unknown") {
+                e.provider = std::move(vendor);
+            }
+        }
         if (!context.cwd.empty()) {
             e.cwdHash = Privacy::cwdHash(context.cwd);
             if (settings.storeProject) {
@@ -675,13 +688,22 @@ struct Reading {
         if (!hasTotal) {
             e.raw.providerTotal = 0;
         }
-        const auto mapped = TokenSemantics::map(AgentSource::codex, e.raw, hasTotal);
+        // Rollouts keep cached input inside input and reasoning inside output, whichever agent
+        // wrote them. A fork whose source counts through the independent rule has those parts
+        // taken out first, so that both agents' buckets come out the same.
+        const auto mapped =
+            TokenSemantics::family(source) == TokenFamily::subset
+                ? TokenSemantics::map(source, e.raw, hasTotal)
+                : TokenSemantics::map(source, std::max<int64_t>(usage.input - usage.cachedInput, 0),
+                                      usage.cachedInput, usage.cacheCreate,
+                                      std::max<int64_t>(usage.output - usage.reasoning, 0),
+                                      usage.reasoning, std::nullopt);
         e.exclusive = mapped.exclusive;
         e.breakdownTrusted = mapped.trusted;
         e.providerInputTotal = mapped.providerIn;
         e.providerOutputTotal = mapped.providerOut;
         e.providerTotal = mapped.providerTotal;
-        e.usageSemanticsVersion = usageSemanticsVersion(AgentSource::codex);
+        e.usageSemanticsVersion = usageSemanticsVersion(source);
         e.billingMode = settings.billingMode;
         if (!context.forkedFromID.empty()) {
             nlohmann::json extras{{"forkedFromId", context.forkedFromID}};
@@ -721,7 +743,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
                                               const std::optional<SourceCheckpoint>& checkpoint,
                                               const AppSettings& settings, const PriceTable& prices,
                                               const std::string& defaultModel,
-                                              const EventSink& sink) {
+                                              const EventSink& sink, AgentSource source) {
     const bool compressed = isCompressed(rollout);
     const auto stamp = fileStamp(rollout);
     if (compressed && checkpoint && checkpoint->fileStamp && stamp &&
@@ -745,6 +767,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
     IngestResult result;
     Reading reading{settings,
                     prices,
+                    source,
                     modificationTime(rollout),
                     sessionIDFromName(rollout),
                     resumed.value_or(CodexContext{}),
@@ -778,7 +801,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
         start == 0 && reading.unreadableReports > 0 && reading.usableReports == 0;
 
     SourceCheckpoint& cp = result.checkpoint;
-    cp.source = AgentSource::codex;
+    cp.source = source;
     cp.stableID = SourceCheckpoint::stableIDFor(rollout);
     cp.pathHint = rollout.string();
     cp.inode = JSONL::inode(rollout);

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "core/model/agent_source.hpp"
 #include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/tokens.hpp"
@@ -73,12 +74,15 @@ using EventSink = std::function<void(UsageEvent&&)>;
 // carries the new checkpoint (with the updated CodexContext), the counts and the latest
 // rate-limit reading as `quota`. A compressed rollout is read whole whenever its stamp differs
 // from the checkpoint's, and not at all when it is the same. `defaultModel` names the model
-// until a turn_context does. Fails only when the file cannot be opened, read or decompressed.
+// until a turn_context does. `source` is the agent that wrote the rollout (forks of Codex write
+// the same format); events, checkpoint and quota carry it. Fails only when the file cannot be
+// opened, read or decompressed.
 std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollout,
                                               const std::optional<SourceCheckpoint>& checkpoint,
                                               const AppSettings& settings, const PriceTable& prices,
                                               const std::string& defaultModel,
-                                              const EventSink& sink);
+                                              const EventSink& sink,
+                                              AgentSource source = AgentSource::codex);
 
 // As above, collecting the events into the result.
 std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollout,
