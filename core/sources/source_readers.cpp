@@ -6,6 +6,31 @@
 #include "core/sources/claude_parser.hpp"
 #include "core/sources/codex_parser.hpp"
 #include "core/sources/utf8.hpp"
+#include "core/sources/stores/goose_reader.hpp"
+#include "core/sources/stores/hermes_reader.hpp"
+#include "core/sources/stores/zed_reader.hpp"
+#include "core/sources/transcripts/droid_reader.hpp"
+#include "core/sources/transcripts/reasonix_reader.hpp"
+#include "core/sources/transcripts/every_code_reader.hpp"
+#include "core/sources/transcripts/editor_tasks_reader.hpp"
+#include "core/sources/transcripts/dsh_reader.hpp"
+#include "core/sources/transcripts/buddy_reader.hpp"
+#include "core/sources/stores/anythingllm_reader.hpp"
+#include "core/sources/stores/chat_message_reader.hpp"
+#include "core/sources/stores/cursor_reader.hpp"
+#include "core/sources/stores/kiro_reader.hpp"
+#include "core/sources/stores/zcode_reader.hpp"
+#include "core/sources/transcripts/gemini_reader.hpp"
+#include "core/sources/transcripts/antigravity_reader.hpp"
+#include "core/sources/transcripts/copilot_reader.hpp"
+#include "core/sources/transcripts/kimi_reader.hpp"
+#include "core/sources/transcripts/grok_reader.hpp"
+#include "core/sources/transcripts/pi_reader.hpp"
+#include "core/sources/transcripts/omp_reader.hpp"
+#include "core/sources/transcripts/prime_agent_reader.hpp"
+#include "core/sources/transcripts/openclaw_reader.hpp"
+#include "core/sources/transcripts/craft_reader.hpp"
+#include "core/sources/stores/opencode_reader.hpp"
 
 namespace kestrel {
 namespace {
@@ -101,7 +126,69 @@ std::optional<SourceReader> reader(AgentSource source) {
             return claudeReader();
         case AgentSource::codex:
             return codexReader();
+        case AgentSource::opencode:
+            return OpencodeReader::reader();
+        case AgentSource::kiloCLI:
+            return KiloCLIReader::reader();
+        case AgentSource::mimo:
+            return MimoReader::reader();
+        case AgentSource::goose:
+            return GooseReader::reader();
+        case AgentSource::hermes:
+            return HermesReader::reader();
+        case AgentSource::zed:
+            return ZedReader::reader();
+        case AgentSource::droid:
+            return DroidReader::reader();
         // The other agents' readers, one factory each, in the order of the sources.
+        case AgentSource::gemini:
+            return GeminiReader::reader();
+        case AgentSource::antigravity:
+            return AntigravityReader::reader();
+        case AgentSource::copilot:
+            return CopilotReader::reader();
+        case AgentSource::kimi:
+            return KimiReader::reader();
+        case AgentSource::grok:
+            return GrokReader::reader();
+        case AgentSource::openclaw:
+            return OpenClawReader::reader();
+        case AgentSource::omp:
+            return OmpReader::reader();
+        case AgentSource::pi:
+            return PiReader::reader();
+        case AgentSource::primeAgent:
+            return PrimeAgentReader::reader();
+        case AgentSource::craft:
+            return CraftReader::reader();
+        case AgentSource::cursor:
+            return CursorReader::reader();
+        case AgentSource::kiro:
+            return KiroReader::reader();
+        case AgentSource::zcode:
+            return ZCodeReader::reader();
+        case AgentSource::qoder:
+            return ChatMessageReader::reader(AgentSource::qoder);
+        case AgentSource::qoderCN:
+            return ChatMessageReader::reader(AgentSource::qoderCN);
+        case AgentSource::anythingLLM:
+            return AnythingLLMReader::reader();
+        case AgentSource::traeWorkCN:
+            return ChatMessageReader::reader(AgentSource::traeWorkCN);
+        case AgentSource::everyCode:
+            return EveryCodeReader::reader();
+        case AgentSource::codebuddy:
+            return BuddyReader::reader(AgentSource::codebuddy);
+        case AgentSource::workbuddy:
+            return BuddyReader::reader(AgentSource::workbuddy);
+        case AgentSource::reasonix:
+            return ReasonixReader::reader();
+        case AgentSource::kiloCode:
+            return EditorTasksReader::reader(AgentSource::kiloCode);
+        case AgentSource::rooCode:
+            return EditorTasksReader::reader(AgentSource::rooCode);
+        case AgentSource::deepseekHarness:
+            return DshReader::reader();
         default:
             return std::nullopt;
     }
