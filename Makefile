@@ -22,7 +22,7 @@ test: build-ci
 
 bench: deps
 	@cmake --preset release >/dev/null
-	@cmake --build --preset release --target kestrel-bench-claude kestrel-bench-ledger kestrel-bench-scan kestrel-bench-many-files kestrel-bench-queries
+	@cmake --build --preset release --target kestrel-bench-claude kestrel-bench-ledger kestrel-bench-scan kestrel-bench-many-files kestrel-bench-queries kestrel-bench-readers
 	@./build/release/bench/kestrel-bench-claude $(ARGS)
 
 format:
