@@ -111,4 +111,12 @@ std::expected<std::string, FileError> readSmallFile(const std::filesystem::path&
     return text;
 }
 
+double modificationTime(const std::filesystem::path& file) {
+    struct stat st {};
+    if (::stat(file.c_str(), &st) != 0) {
+        return 0;
+    }
+    return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
+}
+
 }  // namespace kestrel::LineSource

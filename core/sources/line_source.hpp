@@ -46,4 +46,7 @@ SourceCheckpoint wholeFileCheckpoint(AgentSource source, int64_t parserVersion,
 std::expected<std::string, FileError> readSmallFile(const std::filesystem::path& file,
                                                     std::uintmax_t maxBytes);
 
+// The file's modification time in seconds since the epoch; 0 when it cannot be examined.
+double modificationTime(const std::filesystem::path& file);
+
 }  // namespace kestrel::LineSource

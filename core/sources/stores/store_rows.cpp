@@ -159,14 +159,6 @@ std::optional<double> epochSeconds(const nlohmann::json& value) {
     return std::nullopt;
 }
 
-double modificationTime(const std::filesystem::path& path) {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) {
-        return 0;
-    }
-    return static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9;
-}
-
 std::filesystem::path databasePath(const ReadonlySQLite& db) {
     const char* name = db.handle() ? sqlite3_db_filename(db.handle(), "main") : nullptr;
     return name ? std::filesystem::path(name) : std::filesystem::path();

@@ -13,6 +13,7 @@
 
 #include "core/model/agent_source.hpp"
 #include "core/model/source_checkpoint.hpp"
+#include "core/sources/line_source.hpp"
 #include "core/sources/stores/readonly_sqlite.hpp"
 
 namespace kestrel::StoreRows {
@@ -50,8 +51,8 @@ std::optional<nlohmann::json> objectIn(std::string_view text);
 std::optional<double> epochSeconds(const SQLiteCell& cell);
 std::optional<double> epochSeconds(const nlohmann::json& value);
 
-// The modification time of `path` in seconds since the epoch; 0 when it cannot be read.
-double modificationTime(const std::filesystem::path& path);
+// The shared file-time helper, under the name this family's readers use.
+using LineSource::modificationTime;
 
 // The file a connection reads (its main database).
 std::filesystem::path databasePath(const ReadonlySQLite& db);

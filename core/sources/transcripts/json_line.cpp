@@ -124,13 +124,5 @@ std::optional<double> timeAt(simdjson::dom::object o,
     return std::nullopt;
 }
 
-double modificationTime(const std::filesystem::path& file) {
-    struct stat st {};
-    if (::stat(file.c_str(), &st) != 0) {
-        return 0;
-    }
-    return static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9;
-}
-
 }  // namespace JsonLine
 }  // namespace kestrel

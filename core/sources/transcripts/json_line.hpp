@@ -12,6 +12,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/sources/line_source.hpp"
+
 namespace kestrel {
 
 class JsonLineParser {
@@ -50,9 +52,8 @@ std::optional<Found> findObjectWithKey(simdjson::dom::object root,
 // The first of `keys` present in `o` read as a time (see timeOf).
 std::optional<double> timeAt(simdjson::dom::object o, std::initializer_list<std::string_view> keys);
 
-// The file's modification time in epoch seconds (0 when it cannot be examined): the time of
-// records that carry none.
-double modificationTime(const std::filesystem::path& file);
+// The shared file-time helper, under the name this family's readers use.
+using LineSource::modificationTime;
 
 }  // namespace JsonLine
 }  // namespace kestrel

@@ -96,14 +96,6 @@ bool readLooseCount(dom::element value, int64_t& out) {
     return true;
 }
 
-double modificationTime(const std::filesystem::path& file) {
-    struct stat st {};
-    if (::stat(file.c_str(), &st) != 0) {
-        return 0;
-    }
-    return static_cast<double>(st.st_mtim.tv_sec) + static_cast<double>(st.st_mtim.tv_nsec) / 1e9;
-}
-
 nlohmann::json decodeContext(const std::string& context) {
     if (context.empty()) {
         return nlohmann::json::object();

@@ -13,6 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/sources/line_source.hpp"
+
 namespace kestrel::TranscriptLines {
 
 namespace dom = simdjson::dom;
@@ -43,8 +45,8 @@ CountRead readCountMember(dom::object object, std::string_view key, int64_t& out
 // writes 64-bit integers as strings).
 bool readLooseCount(dom::element value, int64_t& out);
 
-// Seconds since the epoch of the file's last modification; 0 when it cannot be examined.
-double modificationTime(const std::filesystem::path& file);
+// The shared file-time helper, under the name this family's readers use.
+using LineSource::modificationTime;
 
 // The reader's state kept in a checkpoint's parser context: a JSON object, empty when the
 // context is missing or not one.
