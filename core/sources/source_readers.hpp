@@ -52,7 +52,7 @@ struct SourceReader {
         const SourceReadContext& context, const SourceEventSink& sink)>
         ingest;
     // The model to assume for this source, read from the agent's configuration in its roots;
-    // may be empty (no such setting).
+    // may be empty (no such setting). Unset for agents whose records always name the model.
     std::function<std::string(const std::vector<std::filesystem::path>& roots)> defaultModel;
 };
 

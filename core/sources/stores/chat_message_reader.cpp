@@ -307,7 +307,6 @@ SourceReader reader(AgentSource source) {
                         const SourceEventSink&) -> std::expected<IngestResult, FileError> {
         return ingest(source, file, checkpoint, context.settings, context.prices);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

@@ -288,7 +288,6 @@ SourceReader reader() {
                   const SourceEventSink&) -> std::expected<IngestResult, FileError> {
         return ingest(file, checkpoint, context.settings, context.prices);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

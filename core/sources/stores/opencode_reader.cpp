@@ -103,7 +103,6 @@ SourceReader readerFor(AgentSource source) {
                    const SourceReadContext& context, const SourceEventSink& sink) {
         return ingest(f, file, checkpoint, context.settings, context.prices, sink);
     };
-    r.defaultModel = [](const std::vector<fs::path>&) { return std::string(); };
     return r;
 }
 

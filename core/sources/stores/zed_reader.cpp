@@ -160,7 +160,6 @@ SourceReader reader() {
                   const SourceEventSink& sink) -> std::expected<IngestResult, FileError> {
         return read(file, checkpoint, context, sink).result;
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

@@ -272,7 +272,6 @@ SourceReader reader(AgentSource source) {
                         const SourceReadContext& context, const SourceEventSink& sink) {
         return ingest(source, file, checkpoint, context.settings, context.prices, sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

@@ -416,7 +416,6 @@ SourceReader reader() {
                   const SourceReadContext& context, const SourceEventSink& sink) {
         return ingest(file, checkpoint, context.settings, context.prices, sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

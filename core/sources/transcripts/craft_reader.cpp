@@ -166,7 +166,6 @@ SourceReader reader() {
                   const std::optional<SourceCheckpoint>& checkpoint,
                   const SourceReadContext& context,
                   const SourceEventSink& sink) { return ingest(file, checkpoint, context, sink); };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

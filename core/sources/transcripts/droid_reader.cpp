@@ -131,7 +131,6 @@ SourceReader reader() {
         return discover(root, &errors);
     };
     r.ingest = ingest;
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

@@ -277,7 +277,6 @@ SourceReader reader(AgentSource source) {
                         const SourceReadContext& context, const SourceEventSink& sink) {
         return ingest(source, file, context.settings, context.prices, sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

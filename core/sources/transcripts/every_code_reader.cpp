@@ -18,7 +18,6 @@ SourceReader reader() {
                                    context.defaultModel, sink, AgentSource::everyCode);
     };
     // The fork's config.toml is not read yet: rollouts name their model in turn_context.
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

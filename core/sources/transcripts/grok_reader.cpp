@@ -296,7 +296,6 @@ SourceReader reader() {
         return ingest(file, checkpoint, context.settings, context.prices, context.defaultModel,
                       sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

@@ -26,7 +26,6 @@ SourceReader reader() {
         return PiSessionFormat::ingestLines(AgentSource::omp, parserVersion, file, checkpoint,
                                             context, sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 

@@ -22,7 +22,6 @@ SourceReader reader() {
         return PiSessionFormat::ingestLines(AgentSource::pi, parserVersion, file, checkpoint,
                                             context, sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 
