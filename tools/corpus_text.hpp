@@ -32,11 +32,13 @@ class Rng {
     }
     double unit() { return static_cast<double>(next() >> 11) * 0x1.0p-53; }
     bool chance(double p) { return unit() < p; }
-    // Log-uniform: as many values between 200 and 2,000 as between 2,000 and 20,000.
+    // Log-uniform: as many values between 200 and 2,000 as between 2,000 and 20,000. A range
+    // starting at zero is shifted by one, since the logarithm of zero is not a number.
     int64_t logUniform(int64_t lo, int64_t hi) {
-        const double a = std::log(static_cast<double>(lo));
-        const double b = std::log(static_cast<double>(hi));
-        return std::clamp(static_cast<int64_t>(std::exp(a + unit() * (b - a))), lo, hi);
+        const int64_t shift = lo < 1 ? 1 - lo : 0;
+        const double a = std::log(static_cast<double>(lo + shift));
+        const double b = std::log(static_cast<double>(hi + shift));
+        return std::clamp(static_cast<int64_t>(std::exp(a + unit() * (b - a))) - shift, lo, hi);
     }
     template <typename T, std::size_t N>
     const T& pick(const std::array<T, N>& items) {
