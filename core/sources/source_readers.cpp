@@ -95,7 +95,6 @@ SourceReader claudeReader() {
                   const SourceReadContext& context, const SourceEventSink& sink) {
         return ClaudeParser::ingest(file, checkpoint, context.settings, context.prices, sink);
     };
-    r.defaultModel = [](const std::vector<std::filesystem::path>&) { return std::string(); };
     return r;
 }
 
