@@ -10,6 +10,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "core/model/agent_source.hpp"
@@ -57,6 +58,39 @@ struct SourceReader {
 };
 
 namespace SourceReaders {
+
+// A reader over a family's two functions in their usual shapes: `discover(root, &errors)` (or
+// with the errors by reference), and
+// `ingest(file, checkpoint, settings, prices, sink)` (streaming) or `ingest(file, checkpoint,
+// settings, prices)` (returning its events in the result).
+template <class Discover, class Ingest>
+SourceReader make(SourceReaderKind kind, int64_t parserVersion, Discover discover, Ingest ingest) {
+    SourceReader r;
+    r.kind = kind;
+    r.parserVersion = parserVersion;
+    r.discover = [discover](const std::filesystem::path& root, std::vector<FileError>& errors) {
+        if constexpr (std::is_invocable_v<Discover, const std::filesystem::path&,
+                                          std::vector<FileError>*>) {
+            return discover(root, &errors);
+        } else {
+            return discover(root, errors);
+        }
+    };
+    r.ingest = [ingest](const std::filesystem::path& file,
+                        const std::optional<SourceCheckpoint>& checkpoint,
+                        const SourceReadContext& context,
+                        const SourceEventSink& sink) -> std::expected<IngestResult, FileError> {
+        if constexpr (std::is_invocable_v<Ingest, const std::filesystem::path&,
+                                          const std::optional<SourceCheckpoint>&,
+                                          const AppSettings&, const PriceTable&,
+                                          const SourceEventSink&>) {
+            return ingest(file, checkpoint, context.settings, context.prices, sink);
+        } else {
+            return ingest(file, checkpoint, context.settings, context.prices);
+        }
+    };
+    return r;
+}
 
 // The reader of `source`; absent while the source has none.
 std::optional<SourceReader> reader(AgentSource source);

@@ -172,19 +172,7 @@ IngestResult ingest(const std::filesystem::path& database,
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context,
-                  const SourceEventSink&) -> std::expected<IngestResult, FileError> {
-        return ingest(file, checkpoint, context.settings, context.prices);
-    };
-    return r;
+    return SourceReaders::make(SourceReaderKind::store, parserVersion, discover, ingest);
 }
 
 }  // namespace kestrel::CursorReader

@@ -405,18 +405,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::jsonLines;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context, const SourceEventSink& sink) {
-        return ingest(file, checkpoint, context.settings, context.prices, sink);
-    };
-    return r;
+    return SourceReaders::make(SourceReaderKind::jsonLines, parserVersion, discover, ingest);
 }
 
 }  // namespace kestrel::CopilotReader
