@@ -44,12 +44,7 @@ std::map<std::string, Workspace> workspaces(ReadonlySQLite& db) {
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>*) {
-    std::error_code ec;
-    const auto database = root / "anythingllm.db";
-    if (std::filesystem::is_regular_file(database, ec)) {
-        return {database};
-    }
-    return {};
+    return StoreRows::databaseAt(root, "anythingllm.db");
 }
 
 IngestResult ingest(const std::filesystem::path& database,

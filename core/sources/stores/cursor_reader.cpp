@@ -53,12 +53,7 @@ enum class Outcome { event, noUsage, malformed };
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>*) {
-    std::error_code ec;
-    const auto database = root / "state.vscdb";
-    if (std::filesystem::is_regular_file(database, ec)) {
-        return {database};
-    }
-    return {};
+    return StoreRows::databaseAt(root, "state.vscdb");
 }
 
 IngestResult ingest(const std::filesystem::path& database,

@@ -151,12 +151,7 @@ Outcome draftRequest(const nlohmann::json& metadata, std::size_t index, const Ro
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>*) {
-    std::error_code ec;
-    const auto database = root / "data.sqlite3";
-    if (std::filesystem::is_regular_file(database, ec)) {
-        return {database};
-    }
-    return {};
+    return StoreRows::databaseAt(root, "data.sqlite3");
 }
 
 IngestResult ingest(const std::filesystem::path& database,

@@ -159,6 +159,16 @@ std::optional<double> epochSeconds(const nlohmann::json& value) {
     return std::nullopt;
 }
 
+std::vector<std::filesystem::path> databaseAt(const std::filesystem::path& root,
+                                              const std::filesystem::path& relative) {
+    std::error_code ec;
+    const auto database = root / relative;
+    if (std::filesystem::is_regular_file(database, ec)) {
+        return {database};
+    }
+    return {};
+}
+
 std::filesystem::path databasePath(const ReadonlySQLite& db) {
     const char* name = db.handle() ? sqlite3_db_filename(db.handle(), "main") : nullptr;
     return name ? std::filesystem::path(name) : std::filesystem::path();

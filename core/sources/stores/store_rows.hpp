@@ -51,6 +51,11 @@ std::optional<nlohmann::json> objectIn(std::string_view text);
 std::optional<double> epochSeconds(const SQLiteCell& cell);
 std::optional<double> epochSeconds(const nlohmann::json& value);
 
+// `root / relative` when it is a regular file: the one database a store reader reads below a
+// root.
+std::vector<std::filesystem::path> databaseAt(const std::filesystem::path& root,
+                                              const std::filesystem::path& relative);
+
 // The shared file-time helper, under the name this family's readers use.
 using LineSource::modificationTime;
 

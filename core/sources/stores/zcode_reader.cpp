@@ -60,12 +60,7 @@ std::string statementFor(ReadonlySQLite& db, const std::set<std::string, std::le
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>*) {
-    std::error_code ec;
-    const auto database = root / "cli" / "db" / "db.sqlite";
-    if (std::filesystem::is_regular_file(database, ec)) {
-        return {database};
-    }
-    return {};
+    return StoreRows::databaseAt(root, std::filesystem::path("cli") / "db" / "db.sqlite");
 }
 
 IngestResult ingest(const std::filesystem::path& database,
