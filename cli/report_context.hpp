@@ -16,7 +16,7 @@
 #include "core/model/app_language.hpp"
 #include "core/model/calendar.hpp"
 #include "core/presentation/messages.hpp"
-#include "core/pricing/currency.hpp"
+#include "core/model/currency.hpp"
 
 namespace kestrel::cli {
 

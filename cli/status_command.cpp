@@ -9,7 +9,7 @@
 #include "cli/store_access.hpp"
 #include "cli/text_table.hpp"
 #include "core/model/timestamp.hpp"
-#include "core/plans/account_snapshot_json.hpp"
+#include "core/model/account_snapshot_json.hpp"
 
 namespace kestrel::cli {
 namespace {

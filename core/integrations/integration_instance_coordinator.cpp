@@ -1,6 +1,9 @@
 #include "core/integrations/integration_instance_coordinator.hpp"
 
 #include <algorithm>
+#include <string>
+
+#include "core/integrations/source_health.hpp"
 
 namespace kestrel {
 
@@ -238,6 +241,32 @@ bool IntegrationInstanceCoordinator::recordScan(AgentSource source,
     instance->recordScan(result);
     repository_.save(*instance, now);
     return true;
+}
+
+void IntegrationInstanceCoordinator::beforeFullScan(const std::filesystem::path& home, double now,
+                                                    const EnvironmentLookup& env) {
+    reconcileInstallations(home, now, env);
+}
+
+std::set<AgentSource> IntegrationInstanceCoordinator::importableSources() {
+    return enabledSources(IntegrationCapability::usageImport);
+}
+
+void IntegrationInstanceCoordinator::sourceScanned(const SourceScanReport& report, double now) {
+    IntegrationScanResult result;
+    result.finishedAt = now;
+    result.installedRootCount = static_cast<int>(report.roots.size());
+    result.acceptedObservationCount = static_cast<int>(report.counts.accepted);
+    result.rejectedObservationCount = static_cast<int>(report.counts.rejected);
+    result.conflictCount = static_cast<int>(report.counts.conflicts);
+    result.coverageIssueCount = static_cast<int>(report.counts.coverageIssues);
+    result.health.state = healthState(report.status);
+    result.health.checkedAt = now;
+    if (!report.errors.empty()) {
+        result.health.diagnosticCode = report.errors.front().operation + ":" +
+                                       std::to_string(report.errors.front().errorNumber);
+    }
+    recordScan(report.source, result, now);
 }
 
 }  // namespace kestrel

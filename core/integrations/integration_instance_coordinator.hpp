@@ -8,8 +8,9 @@
 #include <set>
 #include <vector>
 
-#include "core/integrations/integration_instance_repository.hpp"
+#include "core/model/integration_instance_repository.hpp"
 #include "core/integrations/plugin_registry.hpp"
+#include "core/ledger/scan_gate.hpp"
 
 namespace kestrel {
 
@@ -27,7 +28,7 @@ struct IntegrationInstanceCoordinatorError {
 
 using InstanceResult = std::expected<IntegrationInstance, IntegrationInstanceCoordinatorError>;
 
-class IntegrationInstanceCoordinator {
+class IntegrationInstanceCoordinator final : public ScanGate {
   public:
     // `repository` must outlive the coordinator.
     IntegrationInstanceCoordinator(PluginRegistry registry,
@@ -64,6 +65,14 @@ class IntegrationInstanceCoordinator {
 
     // Applies the preset to every stored instance; returns those that changed (and were saved).
     std::vector<IntegrationInstance> applyBulkPreset(IntegrationBulkPreset preset, double now);
+
+    // As the ingestor's gate: a full scan reconciles first, usage is imported for the sources
+    // whose instance runs usageImport, and each source's scan becomes its instance's last scan
+    // result and health.
+    void beforeFullScan(const std::filesystem::path& home, double now,
+                        const EnvironmentLookup& env) override;
+    std::set<AgentSource> importableSources() override;
+    void sourceScanned(const SourceScanReport& report, double now) override;
 
   private:
     std::optional<IntegrationInstance> find(const IntegrationInstanceID& id);

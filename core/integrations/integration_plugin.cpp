@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "core/integrations/enum_set_coding.hpp"
+#include "core/model/enum_set_coding.hpp"
 
 namespace kestrel {
 

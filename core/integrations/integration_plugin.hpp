@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "core/integrations/integration_enums.hpp"
-#include "core/integrations/integration_id.hpp"
+#include "core/model/integration_enums.hpp"
+#include "core/model/integration_id.hpp"
 #include "core/model/agent_source.hpp"
 
 namespace kestrel {

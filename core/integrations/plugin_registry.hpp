@@ -8,7 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "core/integrations/integration_instance.hpp"
+#include "core/model/integration_instance.hpp"
 #include "core/integrations/integration_plugin.hpp"
 #include "core/model/usage_enums.hpp"
 #include "core/sources/agent_catalog.hpp"

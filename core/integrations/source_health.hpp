@@ -1,7 +1,7 @@
 #pragma once
 // How a source's scan status reads as the health of its integration instance.
 
-#include "core/integrations/integration_enums.hpp"
+#include "core/model/integration_enums.hpp"
 #include "core/model/usage_enums.hpp"
 
 namespace kestrel {

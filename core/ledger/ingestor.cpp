@@ -6,7 +6,6 @@
 #include <iterator>
 #include <unordered_map>
 
-#include "core/integrations/source_health.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
@@ -69,11 +68,10 @@ struct Ingestor::Planned {
     std::string defaultModel;
 };
 
-Ingestor::Ingestor(UsageStore& store, PriceTable prices,
-                   IntegrationInstanceCoordinator* coordinator, EnvironmentLookup env,
+Ingestor::Ingestor(UsageStore& store, PriceTable prices, ScanGate* gate, EnvironmentLookup env,
                    ReaderLookup readers)
     : store_(store),
-      coordinator_(coordinator),
+      gate_(gate),
       env_(env ? std::move(env) : emptyEnvironment()),
       readers_(readers ? std::move(readers) : ReaderLookup(SourceReaders::reader)),
       prices_(std::move(prices)) {}
@@ -93,13 +91,13 @@ std::vector<AgentSource> Ingestor::chooseSources(
     const std::filesystem::path& home, const std::optional<std::set<AgentSource>>& sources,
     double now) {
     std::optional<std::set<AgentSource>> enabled;
-    if (coordinator_ != nullptr) {
+    if (gate_ != nullptr) {
         // A full scan first brings the instances in line with what is installed now; a paused
         // ingestor (the ledger is being rebuilt) writes nothing at all.
         if (!sources && !paused_) {
-            coordinator_->reconcileInstallations(home, now, env_);
+            gate_->beforeFullScan(home, now, env_);
         }
-        enabled = coordinator_->enabledSources(IntegrationCapability::usageImport);
+        enabled = gate_->importableSources();
     }
     std::vector<AgentSource> out;
     for (auto source : allAgentSources()) {
@@ -202,7 +200,9 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
             },
             stop, progress);
         completed += static_cast<int64_t>(planned.files.size());
-        recordHealth(sourceReport, epochNow());
+        if (gate_ != nullptr) {
+            gate_->sourceScanned(sourceReport, epochNow());
+        }
         {
             std::lock_guard guard(stateMutex_);
             sourceStatus_[planned.source] = sourceReport.status;
@@ -451,26 +451,6 @@ SourceStatus Ingestor::decideStatus(const Planned& planned, const SourceScanRepo
         return SourceStatus::healthy;
     }
     return SourceStatus::authorizedEmpty;
-}
-
-void Ingestor::recordHealth(const SourceScanReport& report, double now) {
-    if (coordinator_ == nullptr) {
-        return;
-    }
-    IntegrationScanResult result;
-    result.finishedAt = now;
-    result.installedRootCount = static_cast<int>(report.roots.size());
-    result.acceptedObservationCount = static_cast<int>(report.counts.accepted);
-    result.rejectedObservationCount = static_cast<int>(report.counts.rejected);
-    result.conflictCount = static_cast<int>(report.counts.conflicts);
-    result.coverageIssueCount = static_cast<int>(report.counts.coverageIssues);
-    result.health.state = healthState(report.status);
-    result.health.checkedAt = now;
-    if (!report.errors.empty()) {
-        result.health.diagnosticCode = report.errors.front().operation + ":" +
-                                       std::to_string(report.errors.front().errorNumber);
-    }
-    coordinator_->recordScan(report.source, result, now);
 }
 
 std::map<AgentSource, SourceStatus> Ingestor::sourceStatus() const {

@@ -13,7 +13,7 @@
 #include <stop_token>
 #include <vector>
 
-#include "core/integrations/integration_instance_coordinator.hpp"
+#include "core/ledger/scan_gate.hpp"
 #include "core/ledger/scan_progress.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/app_settings.hpp"
@@ -41,10 +41,10 @@ class Ingestor {
     // The reader of a source, absent when it has none.
     using ReaderLookup = std::function<std::optional<SourceReader>(AgentSource)>;
 
-    // `store` and `coordinator` (which may be null: every source is then eligible) must outlive
-    // the ingestor. `env` resolves the agents' own folder variables; `readers` defaults to the
+    // `store` and `gate` (which may be null: every source is then eligible) must outlive the
+    // ingestor. `env` resolves the agents' own folder variables; `readers` defaults to the
     // built-in readers.
-    Ingestor(UsageStore& store, PriceTable prices, IntegrationInstanceCoordinator* coordinator,
+    Ingestor(UsageStore& store, PriceTable prices, ScanGate* gate,
              EnvironmentLookup env = emptyEnvironment(), ReaderLookup readers = {});
 
     // One scan of `sources` (absent: every eligible source; a full scan also reconciles the
@@ -89,10 +89,9 @@ class Ingestor {
                      const std::optional<AccountSnapshot>& found);
     SourceStatus decideStatus(const Planned& planned, const SourceScanReport& report,
                               bool formatChanged);
-    void recordHealth(const SourceScanReport& report, double now);
 
     UsageStore& store_;
-    IntegrationInstanceCoordinator* coordinator_;
+    ScanGate* gate_;
     EnvironmentLookup env_;
     ReaderLookup readers_;
 

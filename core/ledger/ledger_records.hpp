@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "core/integrations/integration_id.hpp"
+#include "core/model/integration_id.hpp"
 #include "core/model/agent_source.hpp"
 #include "core/model/usage_enums.hpp"
-#include "core/plans/account_snapshot.hpp"
+#include "core/model/account_snapshot.hpp"
 
 namespace kestrel {
 

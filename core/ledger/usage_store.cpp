@@ -11,7 +11,7 @@
 
 #include "core/ledger/ledger_schema.hpp"
 #include "core/ledger/sqlite_statement.hpp"
-#include "core/plans/account_snapshot_json.hpp"
+#include "core/model/account_snapshot_json.hpp"
 
 namespace kestrel {
 namespace {

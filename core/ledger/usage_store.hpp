@@ -13,22 +13,22 @@
 #include <string>
 #include <vector>
 
-#include "core/integrations/integration_instance_repository.hpp"
+#include "core/model/integration_instance_repository.hpp"
 #include "core/ledger/ledger_query.hpp"
 #include "core/ledger/ledger_records.hpp"
 #include "core/ledger/store_error.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/usage_event.hpp"
-#include "core/plans/account_snapshot.hpp"
+#include "core/pricing/price_override_source.hpp"
+#include "core/model/account_snapshot.hpp"
 #include "core/sources/agent_catalog.hpp"
 
 namespace kestrel {
 
-struct PriceRow;
 struct PriceTable;
 struct RepriceOutcome;
 
-class UsageStore : public IntegrationInstanceRepository {
+class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSource {
   public:
     static constexpr const char* kFileName = "usage.sqlite";
     static constexpr int kBusyTimeoutMs = 5000;
@@ -153,7 +153,7 @@ class UsageStore : public IntegrationInstanceRepository {
 
     // --- Price overrides (table `price_overrides`, keyed by match) ---------------------------
 
-    std::vector<PriceRow> priceOverrides();
+    std::vector<PriceRow> priceOverrides() override;
     void savePriceOverride(const PriceRow& row);
     bool deletePriceOverride(const std::string& match);  // false when nothing matched
     bool hasPriceOverride(const std::string& match);

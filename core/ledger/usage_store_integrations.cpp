@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "core/integrations/enum_set_coding.hpp"
+#include "core/model/enum_set_coding.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
 

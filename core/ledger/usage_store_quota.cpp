@@ -5,7 +5,7 @@
 
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
-#include "core/plans/account_snapshot_json.hpp"
+#include "core/model/account_snapshot_json.hpp"
 
 namespace kestrel {
 namespace {

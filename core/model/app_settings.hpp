@@ -14,7 +14,7 @@
 #include "core/model/app_language.hpp"
 #include "core/model/app_settings_enums.hpp"
 #include "core/model/usage_enums.hpp"
-#include "core/pricing/currency.hpp"
+#include "core/model/currency.hpp"
 
 namespace kestrel {
 

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "core/model/app_language.hpp"
-#include "core/pricing/currency.hpp"
+#include "core/model/currency.hpp"
 
 namespace kestrel {
 

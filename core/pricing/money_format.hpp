@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "core/pricing/currency.hpp"
+#include "core/model/currency.hpp"
 
 namespace kestrel {
 

@@ -1,15 +1,15 @@
 #include "core/pricing/price_table.hpp"
 
 #include <algorithm>
+#include <exception>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "core/ledger/store_error.hpp"
-#include "core/ledger/usage_store.hpp"
 #include "core/model/checked_math.hpp"
 #include "core/model/token_semantics.hpp"
 #include "core/pricing/bundled_pricing.hpp"
 #include "core/pricing/decimal.hpp"
+#include "core/pricing/price_override_source.hpp"
 #include "core/pricing/model_name.hpp"
 #include "core/pricing/vendor_cost.hpp"
 
@@ -128,13 +128,13 @@ PriceTable PriceTable::fromFileText(std::string_view json) {
     }
 }
 
-PriceTable PriceTable::resolved(UsageStore& store) {
+PriceTable PriceTable::resolved(PriceOverrideSource& store) {
     // Rows from a price catalogue would be applied between these two layers, so that an override
     // beats a synced row and a synced row beats a built-in one; this program has no catalogue
     // source yet.
     try {
         return bundled().applying(store.priceOverrides());
-    } catch (const StoreError&) {
+    } catch (const std::exception&) {
         return bundled();
     }
 }

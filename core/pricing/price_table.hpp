@@ -17,7 +17,7 @@
 
 namespace kestrel {
 
-class UsageStore;
+class PriceOverrideSource;
 
 // The result of pricing one set of tokens.
 struct CostEstimate {
@@ -46,9 +46,9 @@ struct PriceTable {
     // empty table when the text is not such a document. An unreadable exchange rate counts as 0.
     static PriceTable fromFileText(std::string_view json);
 
-    // The built-in table with the user's price overrides from `store` applied. An override list
-    // that cannot be read is skipped.
-    static PriceTable resolved(UsageStore& store);
+    // The built-in table with the user's price overrides from `store` (the ledger) applied. An
+    // override list that cannot be read is skipped.
+    static PriceTable resolved(PriceOverrideSource& store);
 
     // Same version and exchange rate; each override, in order, replaces the first row with the
     // same match, effectiveFrom and effectiveTo, or is appended when there is none.

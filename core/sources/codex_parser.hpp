@@ -17,7 +17,7 @@
 #include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/tokens.hpp"
-#include "core/plans/account_snapshot.hpp"
+#include "core/model/account_snapshot.hpp"
 #include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"

@@ -7,7 +7,7 @@
 
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/usage_event.hpp"
-#include "core/plans/account_snapshot.hpp"
+#include "core/model/account_snapshot.hpp"
 
 namespace kestrel {
 

@@ -1,12 +1,12 @@
-#include "core/integrations/integration_id.hpp"
+#include "core/model/integration_id.hpp"
 
 #include <gtest/gtest.h>
 
 #include <type_traits>
 #include <unordered_set>
 
-#include "core/integrations/enum_set_coding.hpp"
-#include "core/integrations/integration_enums.hpp"
+#include "core/model/enum_set_coding.hpp"
+#include "core/model/integration_enums.hpp"
 
 namespace kestrel {
 namespace {

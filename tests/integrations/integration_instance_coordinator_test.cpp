@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/integrations/in_memory_instance_repository.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {

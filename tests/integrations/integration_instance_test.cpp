@@ -1,4 +1,4 @@
-#include "core/integrations/integration_instance.hpp"
+#include "core/model/integration_instance.hpp"
 
 #include <gtest/gtest.h>
 

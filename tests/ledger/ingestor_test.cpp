@@ -8,7 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "core/integrations/integration_instance_repository.hpp"
+#include "core/integrations/in_memory_instance_repository.hpp"
+#include "core/integrations/integration_instance_coordinator.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tests/support/unprivileged.hpp"
 

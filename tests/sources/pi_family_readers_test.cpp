@@ -18,7 +18,7 @@
 #include "core/sources/transcripts/omp_reader.hpp"
 #include "core/sources/transcripts/openclaw_reader.hpp"
 #include "core/sources/transcripts/pi_reader.hpp"
-#include "core/sources/transcripts/pi_session_format.hpp"
+#include "core/sources/pi_session_format.hpp"
 #include "core/sources/transcripts/prime_agent_reader.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/agent_corpus/corpus_writer.hpp"

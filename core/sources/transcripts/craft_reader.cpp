@@ -9,7 +9,7 @@
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/json_fields.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/transcripts/pi_session_format.hpp"
+#include "core/sources/pi_session_format.hpp"
 #include "core/sources/utf8.hpp"
 
 namespace kestrel::CraftReader {

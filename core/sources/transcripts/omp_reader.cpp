@@ -1,6 +1,6 @@
 #include "core/sources/transcripts/omp_reader.hpp"
 
-#include "core/sources/transcripts/pi_session_format.hpp"
+#include "core/sources/pi_session_format.hpp"
 
 namespace kestrel::OmpReader {
 

@@ -8,7 +8,7 @@
 #include "core/sources/jsonl.hpp"
 #include "core/sources/line_source.hpp"
 #include "core/sources/stores/openclaw_store_reader.hpp"
-#include "core/sources/transcripts/pi_session_format.hpp"
+#include "core/sources/pi_session_format.hpp"
 #include "core/sources/zstd_reader.hpp"
 
 namespace kestrel::OpenClawReader {

@@ -1,4 +1,4 @@
-#include "core/sources/transcripts/pi_session_format.hpp"
+#include "core/sources/pi_session_format.hpp"
 
 #include <simdjson.h>
 #include <sys/stat.h>

@@ -1,11 +1,11 @@
-#include "core/integrations/integration_instance.hpp"
+#include "core/model/integration_instance.hpp"
 
 #include <array>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <random>
 
-#include "core/integrations/enum_set_coding.hpp"
+#include "core/model/enum_set_coding.hpp"
 #include "core/model/json_enum.hpp"
 
 namespace kestrel {

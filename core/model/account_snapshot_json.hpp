@@ -5,7 +5,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "core/plans/account_snapshot.hpp"
+#include "core/model/account_snapshot.hpp"
 
 namespace kestrel {
 

@@ -1,4 +1,4 @@
-#include "core/plans/account_snapshot_json.hpp"
+#include "core/model/account_snapshot_json.hpp"
 
 #include <nlohmann/json.hpp>
 

@@ -1,4 +1,4 @@
-#include "core/integrations/integration_instance_repository.hpp"
+#include "core/integrations/in_memory_instance_repository.hpp"
 
 #include <algorithm>
 
