@@ -7,7 +7,6 @@
 #include <functional>
 #include <iostream>
 
-#include "cli/collector.hpp"
 #include "cli/coverage_command.hpp"
 #include "cli/events_command.hpp"
 #include "cli/export_command.hpp"
@@ -16,6 +15,7 @@
 #include "cli/integrations_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
+#include "cli/settings_command.hpp"
 #include "cli/status_command.hpp"
 #include "cli/summary_command.hpp"
 #include "cli/usage_reports.hpp"
@@ -225,6 +225,27 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     // `kestrel` alone: the overview.
     addReportOptions(&app, report, false);
 
+    auto* settings = app.add_subcommand(
+        "settings", "List the settings; `settings set FIELD VALUE` changes one");
+    settings->require_subcommand(0, 1);
+    std::string settingsLanguage;
+    settings->add_option("--lang", settingsLanguage, "Texts in en or zh-Hans (default: settings)")
+        ->type_name("LANG")
+        ->check(CLI::IsMember({"en", "zh-Hans"}));
+    std::string settingField, settingValue;
+    auto* settingsSet = settings->add_subcommand(
+        "set", "Change one setting, e.g. `storeProject false` or `billingMode localZero`");
+    settingsSet->add_option("FIELD", settingField, "The setting's name, as `kestrel settings` lists it")
+        ->required();
+    settingsSet->add_option("VALUE", settingValue, "Its new value; none clears an optional one")
+        ->required();
+    std::string forgetWhat;
+    auto* settingsForget = settings->add_subcommand(
+        "forget", "Remove the project names or session keys already kept in the ledger");
+    settingsForget->add_option("WHAT", forgetWhat, "projects or sessions")
+        ->required()
+        ->check(CLI::IsMember({"projects", "sessions"}));
+
     auto* prices = app.add_subcommand("prices", "List the prices in force today");
     prices->require_subcommand(0, 1);
     PriceOverrideOptions priceSet;
@@ -256,8 +277,8 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     for (auto* command :
          {events, heatmap, coverage, exportCommand, exportCSV, fx, fxShow, fxSet, fxFetch,
-          scanCommand, watchCommand, status, integrations, enable, disable, preset, prices, set,
-          remove}) {
+          scanCommand, watchCommand, status, integrations, enable, disable, preset, settings,
+          settingsSet, settingsForget, prices, set, remove}) {
         command->fallthrough();
     }
 
@@ -329,6 +350,15 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (preset->parsed()) {
         return runIntegrationsPreset(ctx, presetName, json);
+    }
+    if (settingsSet->parsed()) {
+        return runSettingsSet(ctx, settingField, settingValue, settingsLanguage, json);
+    }
+    if (settingsForget->parsed()) {
+        return runSettingsForget(ctx, forgetWhat, settingsLanguage, json);
+    }
+    if (settings->parsed()) {
+        return runSettings(ctx, settingsLanguage, json);
     }
     if (set->parsed()) {
         return runPricesSet(ctx, priceSet);

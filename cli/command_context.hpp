@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "core/model/app_settings.hpp"
 #include "core/sources/agent_catalog.hpp"
 
 namespace kestrel::cli {
@@ -23,7 +22,6 @@ struct CommandContext {
     std::filesystem::path home;
     std::filesystem::path supportDir;  // where the ledger lives
     EnvironmentLookup env;
-    AppSettings settings;
 };
 
 // Draws "Reading Codex [####......] 12/340" on a terminal's error stream, rewritten in place, and

@@ -4,16 +4,12 @@
 
 #include "cli/cli.hpp"
 #include "cli/text_table.hpp"
-#include "core/model/checked_math.hpp"
+#include "core/app/coverage_report.hpp"
 
 namespace kestrel::cli {
 
 std::string coverageExplanation(const Report& report, CoverageIssueCode code) {
-    // An unpriced model is the issue people meet most; it shares the price view's advice.
-    if (code == CoverageIssueCode::unknownCost) {
-        return report.text("price.noMatch");
-    }
-    return report.text("coverage." + std::string(rawValue(code)));
+    return coverageExplanation(report.display(), code);
 }
 
 int runCoverage(CommandContext& ctx, const ReportOptions& reportOptions, bool json) {
@@ -24,11 +20,9 @@ int runCoverage(CommandContext& ctx, const ReportOptions& reportOptions, bool js
     auto& report = *opened;
     const int exitCode = report.scanFailed ? kExitPartial : kExitOK;
 
-    std::vector<CoverageIssueGroup> groups;
-    std::vector<CoverageIssueCount> counts;
+    CoverageReport coverage;
     try {
-        groups = report.store().coverageIssueGroups(report.query);
-        counts = report.store().coverageIssueCounts(report.query);
+        coverage = coverageReport(report.store(), report.query);
     } catch (const std::exception& e) {
         ctx.err << "kestrel: cannot read the ledger: " << e.what() << '\n';
         return kExitFailure;
@@ -37,7 +31,7 @@ int runCoverage(CommandContext& ctx, const ReportOptions& reportOptions, bool js
     if (json) {
         nlohmann::ordered_json doc;
         auto rows = nlohmann::ordered_json::array();
-        for (const auto& g : groups) {
+        for (const auto& g : coverage.groups) {
             rows.push_back(
                 {{"code", std::string(rawValue(g.code))},
                  {"source", g.source ? nlohmann::ordered_json(std::string(rawValue(*g.source)))
@@ -48,7 +42,7 @@ int runCoverage(CommandContext& ctx, const ReportOptions& reportOptions, bool js
         }
         doc["groups"] = std::move(rows);
         auto perCode = nlohmann::ordered_json::array();
-        for (const auto& c : counts) {
+        for (const auto& c : coverage.counts) {
             perCode.push_back({{"code", std::string(rawValue(c.code))}, {"count", c.count}});
         }
         doc["counts"] = std::move(perCode);
@@ -56,7 +50,7 @@ int runCoverage(CommandContext& ctx, const ReportOptions& reportOptions, bool js
         return exitCode;
     }
 
-    if (groups.empty()) {
+    if (coverage.groups.empty()) {
         ctx.out << report.text("coverage.none") << '\n';
         return exitCode;
     }
@@ -65,16 +59,14 @@ int runCoverage(CommandContext& ctx, const ReportOptions& reportOptions, bool js
                      {report.text("column.origin")},
                      {report.text("column.count"), Align::right},
                      {report.text("column.explanation")}});
-    int64_t total = 0;
-    for (const auto& g : groups) {
+    for (const auto& g : coverage.groups) {
         table.addRow({std::string(rawValue(g.code)),
                       g.source ? std::string(displayName(*g.source)) : "-",
                       std::string(rawValue(g.origin)), report.tokens(g.count),
                       coverageExplanation(report, g.code)});
-        total = checkedAdd(total, g.count, "coverage issue total");
     }
     table.render(ctx.out, ctx.colour);
-    ctx.out << report.text("coverage.total", {{"count", report.tokens(total)}}) << '\n';
+    ctx.out << report.text("coverage.total", {{"count", report.tokens(coverage.total)}}) << '\n';
     return exitCode;
 }
 

@@ -9,12 +9,10 @@
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
-#include "core/model/checked_math.hpp"
+#include "core/app/events_page.hpp"
 
 namespace kestrel::cli {
 namespace {
-
-constexpr int kMaxLimit = 1000;
 
 nlohmann::ordered_json orNull(const std::optional<int64_t>& v) {
     return v ? nlohmann::ordered_json(*v) : nlohmann::ordered_json(nullptr);
@@ -26,27 +24,6 @@ nlohmann::ordered_json orNull(const std::optional<std::string>& v) {
 
 std::string countOrDash(const Report& report, const std::optional<int64_t>& v) {
     return v ? report.tokens(*v) : "-";
-}
-
-// The five buckets added up, as the reports count tokens, so a page adds up to the report.
-std::optional<int64_t> eventTotal(const ObservedTokenUsage& t) {
-    const std::optional<int64_t> buckets[] = {t.inputUncached, t.cacheRead, t.cacheWrite,
-                                              t.outputVisible, t.reasoning};
-    std::optional<int64_t> sum;
-    for (const auto& v : buckets) {
-        if (v) {
-            sum = checkedAdd(sum.value_or(0), *v, "event token total");
-        }
-    }
-    return sum;
-}
-
-// Reasoning is billed as output, so the table's output column holds both, as the summary does.
-std::optional<int64_t> outputTokens(const ObservedTokenUsage& t) {
-    if (!t.outputVisible && !t.reasoning) {
-        return std::nullopt;
-    }
-    return checkedAdd(t.outputVisible.value_or(0), t.reasoning.value_or(0), "event output");
 }
 
 nlohmann::ordered_json entryJSON(const Report& report, const LedgerEntry& entry) {
@@ -140,8 +117,8 @@ void printTable(CommandContext& ctx, const Report& report,
             {formatLocal(e.occurredAt, "%Y-%m-%d %H:%M:%S"), std::string(displayName(e.source)),
              e.model.empty() ? "-" : e.model, e.projectDisplayName.value_or("-"),
              countOrDash(report, e.tokens.inputUncached), countOrDash(report, e.tokens.cacheRead),
-             countOrDash(report, e.tokens.cacheWrite), countOrDash(report, outputTokens(e.tokens)),
-             countOrDash(report, eventTotal(e.tokens)),
+             countOrDash(report, e.tokens.cacheWrite), countOrDash(report, eventOutputTokens(e.tokens)),
+             countOrDash(report, eventTokenTotal(e.tokens)),
              entry.cost.amountUSDMicros ? report.money(*entry.cost.amountUSDMicros) : "-"});
     }
     table.render(ctx.out, ctx.colour);
@@ -174,9 +151,9 @@ std::optional<LedgerCursor> parseCursor(std::string_view text) {
 
 int runEvents(CommandContext& ctx, const ReportOptions& reportOptions, const EventsOptions& options,
               bool json) {
-    if (options.limit < 1 || options.limit > kMaxLimit) {
+    if (options.limit < 1 || options.limit > kMaxEventsPerPage) {
         ctx.err << "kestrel: --limit " << options.limit << " is out of range; give 1 to "
-                << kMaxLimit << '\n';
+                << kMaxEventsPerPage << '\n';
         return kExitUsage;
     }
     if (options.order != "asc" && options.order != "desc") {
@@ -201,26 +178,17 @@ int runEvents(CommandContext& ctx, const ReportOptions& reportOptions, const Eve
     auto& report = *opened;
     const int exitCode = report.scanFailed ? kExitPartial : kExitOK;
 
-    LedgerPage page;
-    bool emptyLedger = false;
+    EventsPage page;
     try {
-        // One event more than shown says whether a next page exists, so the last page never
-        // offers a cursor that leads to nothing.
-        page = report.store().ledgerEvents(
-            report.query,
-            options.order == "asc" ? LedgerSortOrder::ascending : LedgerSortOrder::descending,
-            after, options.limit + 1);
-        emptyLedger = page.entries.empty() && !after && report.store().ledgerEventCount() == 0;
+        page = eventsPage(report.store(), report.query,
+                          options.order == "asc" ? LedgerSortOrder::ascending
+                                                 : LedgerSortOrder::descending,
+                          after, options.limit);
     } catch (const std::exception& e) {
         ctx.err << "kestrel: cannot read the ledger: " << e.what() << '\n';
         return kExitFailure;
     }
-    std::optional<LedgerCursor> next;
-    if (page.entries.size() > static_cast<std::size_t>(options.limit)) {
-        page.entries.resize(static_cast<std::size_t>(options.limit));
-        const auto& last = page.entries.back().event;
-        next = LedgerCursor{last.occurredAt, last.id};
-    }
+    const auto& next = page.next;
 
     if (json) {
         auto entries = nlohmann::ordered_json::array();
@@ -235,7 +203,7 @@ int runEvents(CommandContext& ctx, const ReportOptions& reportOptions, const Eve
     }
 
     if (page.entries.empty()) {
-        if (emptyLedger) {
+        if (page.ledgerEmpty) {
             printNothingFound(report, ctx);
         } else {
             ctx.out << report.text("events.none") << '\n';

@@ -9,21 +9,20 @@
 #include <optional>
 
 #include "cli/cli.hpp"
-#include "cli/store_access.hpp"
-#include "core/ledger/settings_store.hpp"
+#include "cli/session_access.hpp"
+#include "core/app/display_choices.hpp"
+#include "core/app/fx_settings.hpp"
 #include "core/model/calendar.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/presentation/messages.hpp"
-#include "core/pricing/decimal.hpp"
 #include "core/pricing/fx_rate.hpp"
 
 namespace kestrel::cli {
 namespace {
 
-// The open ledger, its settings and the language the texts are in.
+// The open session and the language the texts are in.
 struct FxSession {
-    std::unique_ptr<UsageStore> store;
-    AppSettings settings;
+    std::unique_ptr<AppSession> app;
     AppLanguage language = AppLanguage::en;  // resolved, never `system`
 
     std::string text(std::string_view key, std::initializer_list<MessageArg> args = {}) const {
@@ -32,7 +31,7 @@ struct FxSession {
 };
 
 // The language is checked before the ledger is opened, so a typo costs nothing.
-std::expected<FxSession, int> openSession(CommandContext& ctx, const std::string& language) {
+std::expected<FxSession, int> openFxSession(CommandContext& ctx, const std::string& language) {
     std::optional<AppLanguage> asked;
     if (!language.empty()) {
         asked = fromRawValue<AppLanguage>(language);
@@ -42,26 +41,12 @@ std::expected<FxSession, int> openSession(CommandContext& ctx, const std::string
         }
     }
     FxSession session;
-    session.store = openStore(ctx);
-    if (!session.store) {
+    session.app = openSession(ctx);
+    if (!session.app) {
         return std::unexpected(kExitFailure);
     }
-    try {
-        session.settings = SettingsStore::load(*session.store).settings;
-    } catch (const std::exception& e) {
-        ctx.err << "kestrel: cannot read the settings: " << e.what() << '\n';
-        return std::unexpected(kExitFailure);
-    }
-    session.language =
-        effectiveLanguage(asked.value_or(session.settings.language), systemLocaleName());
+    session.language = displayChoices(session.app->settings(), asked).language;
     return session;
-}
-
-// "7.2000": all four decimals cnyPerUsdE4 holds, so a stored rate reads back exactly.
-std::string rateText(int64_t e4) {
-    // The settings keep the rate positive; the sign is handled only so no value prints wrong.
-    const uint64_t magnitude = e4 < 0 ? 0 - static_cast<uint64_t>(e4) : static_cast<uint64_t>(e4);
-    return fmt::format("{}{}.{:04}", e4 < 0 ? "-" : "", magnitude / 10000, magnitude % 10000);
 }
 
 nlohmann::ordered_json rateJSON(const AppSettings& s) {
@@ -69,7 +54,7 @@ nlohmann::ordered_json rateJSON(const AppSettings& s) {
         return value ? nlohmann::ordered_json(*value) : nlohmann::ordered_json(nullptr);
     };
     return {{"cnyPerUsdE4", s.cnyPerUsdE4},
-            {"cnyPerUsd", rateText(s.cnyPerUsdE4)},
+            {"cnyPerUsd", fxRateText(s.cnyPerUsdE4)},
             {"fxVersion", s.fxVersion},
             {"fxDate", optionalText(s.fxDate)},
             {"fxProvider", optionalText(s.fxProvider)}};
@@ -79,56 +64,32 @@ std::string_view errorText(FxError error, AppLanguage language) {
     return language == AppLanguage::zhHans ? description(error) : englishDescription(error);
 }
 
-// Whether the typed text is a decimal number at all, read as parseInput reads it. Digits are
-// zeroed first so that a number too large to hold still counts as one and is then told it is
-// out of range rather than not a number.
-bool isNumberText(std::string_view typed) {
-    constexpr std::string_view blanks = " \t\n\r\v\f";
-    const auto first = typed.find_first_not_of(blanks);
-    if (first == std::string_view::npos) {
-        return false;
-    }
-    std::string text(typed.substr(first, typed.find_last_not_of(blanks) - first + 1));
-    std::replace(text.begin(), text.end(), ',', '.');
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c >= '1' && c <= '9'; }, '0');
-    return parseDecimalScaled(text, 0).has_value();
-}
-
-// Writes the new rate with its date and provider, then reports it. The rate's version moves
-// only when the rate does, since stored events carry the version they were priced with.
+// Stores the new rate with its date and provider, then reports it.
 int storeRate(CommandContext& ctx, FxSession& session, int64_t e4, std::optional<std::string> date,
               std::optional<std::string> provider, bool json) {
-    AppSettings& s = session.settings;
-    const int64_t oldE4 = s.cnyPerUsdE4;
-    const auto next = FxRate::applied({s.cnyPerUsdE4, s.fxVersion}, e4);
-    const bool changed = next.fxVersion != s.fxVersion;
-    s.cnyPerUsdE4 = next.cnyPerUsdE4;
-    s.fxVersion = next.fxVersion;
-    s.fxDate = std::move(date);
-    s.fxProvider = std::move(provider);
+    FxRateChange change;
     try {
-        SettingsStore::save(*session.store, s);
+        change = storeFxRate(*session.app, e4, std::move(date), std::move(provider));
     } catch (const std::exception& e) {
         ctx.err << "kestrel: cannot save the settings: " << e.what() << '\n';
         return kExitFailure;
     }
-
+    const AppSettings& s = change.settings;
     if (json) {
         auto doc = rateJSON(s);
-        doc["changed"] = changed;
+        doc["changed"] = change.changed;
         ctx.out << doc.dump(2) << '\n';
         return kExitOK;
     }
     const std::string version = std::to_string(s.fxVersion);
-    if (changed) {
-        ctx.out << session.text("fx.changed", {{"old", rateText(oldE4)},
-                                               {"new", rateText(s.cnyPerUsdE4)},
+    if (change.changed) {
+        ctx.out << session.text("fx.changed", {{"old", fxRateText(change.previousE4)},
+                                               {"new", fxRateText(s.cnyPerUsdE4)},
                                                {"version", version}})
                 << '\n';
     } else {
         ctx.out << session.text("fx.unchanged",
-                                {{"rate", rateText(s.cnyPerUsdE4)}, {"version", version}})
+                                {{"rate", fxRateText(s.cnyPerUsdE4)}, {"version", version}})
                 << '\n';
     }
     return kExitOK;
@@ -137,16 +98,16 @@ int storeRate(CommandContext& ctx, FxSession& session, int64_t e4, std::optional
 }  // namespace
 
 int runFxShow(CommandContext& ctx, const std::string& language, bool json) {
-    auto session = openSession(ctx, language);
+    auto session = openFxSession(ctx, language);
     if (!session) {
         return session.error();
     }
-    const AppSettings& s = session->settings;
+    const AppSettings s = session->app->settings();
     if (json) {
         ctx.out << rateJSON(s).dump(2) << '\n';
         return kExitOK;
     }
-    const std::string rate = rateText(s.cnyPerUsdE4);
+    const std::string rate = fxRateText(s.cnyPerUsdE4);
     ctx.out << session->text("fx.heading") << '\n';
     ctx.out << "  " << session->text("fx.stored", {{"rate", rate}}) << '\n';
     if (s.fxDate) {
@@ -162,14 +123,14 @@ int runFxShow(CommandContext& ctx, const std::string& language, bool json) {
 }
 
 int runFxSet(CommandContext& ctx, const std::string& rate, const std::string& language, bool json) {
-    auto session = openSession(ctx, language);
+    auto session = openFxSession(ctx, language);
     if (!session) {
         return session.error();
     }
-    const auto e4 = FxRate::parseInput(rate);
+    const auto e4 = parseFxInput(rate);
     if (!e4) {
         ctx.err << "kestrel: "
-                << (isNumberText(rate)
+                << (e4.error().kind == FxInputError::Kind::outOfRange
                         ? std::string(errorText(FxError::outOfRange, session->language))
                         : session->text("fx.notANumber", {{"text", rate}}))
                 << '\n';
@@ -182,7 +143,7 @@ int runFxSet(CommandContext& ctx, const std::string& rate, const std::string& la
 
 int runFxFetch(CommandContext& ctx, const std::string& url, const std::string& language,
                bool json) {
-    auto session = openSession(ctx, language);
+    auto session = openFxSession(ctx, language);
     if (!session) {
         return session.error();
     }

@@ -7,7 +7,7 @@
 
 #include "cli/cli.hpp"
 #include "cli/text_table.hpp"
-#include "core/model/checked_math.hpp"
+#include "core/app/ledger_heatmap.hpp"
 #include "core/model/timestamp.hpp"
 
 namespace kestrel::cli {
@@ -129,29 +129,10 @@ std::vector<std::string> renderHeatmap(const HeatmapModel& model, const Report& 
     return lines;
 }
 
-HeatmapModel heatmapFromLedger(Report& report, int weeks, double now) {
-    // An empty grid tells which days the real one spans, so the ledger is asked for just those.
-    const HeatmapModel frame = HeatmapGrid::make({}, now, report.calendar, weeks);
-    const double first = frame.cells.front().front().day;
-    const double end = report.calendar.addingDays(frame.cells.back().back().day, 1);
-
-    std::vector<HeatmapDay> days;
-    for (const auto& total : report.store().ledgerDailyTotals(first, end)) {
-        const auto midnight = report.calendar.startOfDay(
-            fmt::format("{:04}-{:02}-{:02}", total.year, total.month, total.day));
-        if (midnight) {
-            days.push_back({*midnight, total.tokens, total.costUSDMicros});
-        }
-    }
-    return HeatmapGrid::make(days, now, report.calendar, weeks);
-}
-
 nlohmann::ordered_json heatmapJSON(const HeatmapModel& model, const Calendar& calendar) {
-    std::vector<int64_t> totals;
     auto cells = nlohmann::ordered_json::array();
     for (const auto& column : model.cells) {
         for (const auto& cell : column) {
-            totals.push_back(cell.tokens);
             cells.push_back(
                 {{"day", calendar.dayKey(cell.day)},
                  {"tokens", cell.tokens},
@@ -167,23 +148,16 @@ nlohmann::ordered_json heatmapJSON(const HeatmapModel& model, const Calendar& ca
     }
     // The same quartiles the grid's levels were cut at, over the same totals.
     return {{"weeks", model.weeks},
-            {"thresholds", HeatmapGrid::quartileThresholds(std::move(totals))},
+            {"thresholds", heatmapThresholds(model)},
             {"cells", std::move(cells)},
             {"monthLabels", std::move(labels)}};
 }
 
 std::string heatmapTotalLine(const HeatmapModel& model, const Report& report) {
-    int64_t tokens = 0;
-    int64_t cost = 0;
-    for (const auto& column : model.cells) {
-        for (const auto& cell : column) {
-            tokens = checkedAdd(tokens, cell.tokens, "heatmap tokens");
-            cost = checkedAdd(cost, cell.costUSDMicros.value_or(0), "heatmap cost");
-        }
-    }
-    return report.text("heatmap.total", {{"tokens", report.tokens(tokens)},
+    const auto totals = heatmapTotals(model);
+    return report.text("heatmap.total", {{"tokens", report.tokens(totals.tokens)},
                                          {"weeks", std::to_string(model.weeks)},
-                                         {"cost", report.money(cost)}});
+                                         {"cost", report.money(totals.costUSDMicros)}});
 }
 
 int runHeatmap(CommandContext& ctx, const ReportOptions& options, int weeks, bool json) {
@@ -191,7 +165,7 @@ int runHeatmap(CommandContext& ctx, const ReportOptions& options, int weeks, boo
     if (!report) {
         return report.error();
     }
-    const HeatmapModel model = heatmapFromLedger(*report, weeks, epochNow());
+    const HeatmapModel model = ledgerHeatmap(report->store(), report->calendar, weeks, epochNow());
     const int exitCode = report->scanFailed ? kExitPartial : kExitOK;
     if (json) {
         ctx.out << heatmapJSON(model, report->calendar)

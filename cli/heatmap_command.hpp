@@ -20,10 +20,6 @@ namespace kestrel::cli {
 std::vector<std::string> renderHeatmap(const HeatmapModel& model, const Report& report,
                                        bool colour);
 
-// The grid of the `weeks` weeks (clamped to 1...53) ending with the week of `now`, filled from
-// the ledger's daily totals in the report's calendar.
-HeatmapModel heatmapFromLedger(Report& report, int weeks, double now);
-
 // {"weeks", "thresholds", "cells":[{"day","tokens","costUSDMicros","level","future"}],
 // "monthLabels":[{"week","month"}]}, cells column by column, oldest first.
 nlohmann::ordered_json heatmapJSON(const HeatmapModel& model, const Calendar& calendar);

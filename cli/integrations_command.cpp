@@ -6,7 +6,8 @@
 #include <optional>
 
 #include "cli/cli.hpp"
-#include "cli/collector.hpp"
+#include "cli/session_access.hpp"
+#include "core/app/integration_status.hpp"
 #include "cli/status_command.hpp"
 
 namespace kestrel::cli {
@@ -15,20 +16,6 @@ namespace {
 constexpr std::string_view kNetworkPresetNotice =
     "Enables Local read and Online lookup for every detected Agent: reads local credentials to "
     "query official quota or account usage. Hooks are never installed by this action.";
-
-std::string knownSources() {
-    std::vector<AgentSource> sources;
-    for (const auto& plugin : PluginRegistry::builtIn().plugins()) {
-        sources.push_back(plugin.descriptor.legacySource);
-    }
-    return sourceNames(sources);
-}
-
-const IntegrationInstance* instanceOf(const IntegrationsSession& session,
-                                      const IntegrationPluginID& plugin) {
-    auto it = std::ranges::find(session.instances, plugin, &IntegrationInstance::pluginID);
-    return it == session.instances.end() ? nullptr : &*it;
-}
 
 std::optional<IntegrationBulkPreset> parsePreset(std::string_view name) {
     if (name == "recommended") {
@@ -51,63 +38,49 @@ std::string presetOutcome(const IntegrationInstance& instance) {
     return "enabled (" + capabilityLabels(instance.enabledCapabilities) + ")";
 }
 
-// Plug-in order, the order of every agent list.
-std::size_t pluginIndex(const PluginRegistry& registry, const IntegrationPluginID& id) {
-    const auto& plugins = registry.plugins();
-    auto it = std::ranges::find(plugins, id, [](const auto& p) { return p.descriptor.id; });
-    return static_cast<std::size_t>(it - plugins.begin());
-}
-
 }  // namespace
 
 int runIntegrationsSetEnabled(CommandContext& ctx, const std::string& source, bool enabled,
                               bool json) {
-    const auto found = agentSourceNamed(source);
-    if (!found) {
-        ctx.err << "kestrel: unknown agent \"" << source << "\" (known: " << knownSources()
-                << ")\n";
+    // The name is checked before the ledger is opened, so a typo costs nothing.
+    const auto plugin = integrationPluginNamed(source);
+    if (!plugin) {
+        const auto& e = plugin.error();
+        if (e.kind == IntegrationNameError::Kind::unknown) {
+            ctx.err << "kestrel: unknown agent \"" << source
+                    << "\" (known: " << sourceNames(integrationSources()) << ")\n";
+        } else {
+            ctx.err << "kestrel: " << displayName(*e.source)
+                    << " is an account read online, not an agent on this machine; it has no "
+                       "integration to switch\n";
+        }
         return kExitUsage;
     }
-    const auto* plugin = PluginRegistry::builtIn().plugin(*found);
-    if (plugin == nullptr) {
-        ctx.err << "kestrel: " << displayName(*found)
-                << " is an account read online, not an agent on this machine; it has no "
-                   "integration to switch\n";
-        return kExitUsage;
-    }
-    auto session = openIntegrations(ctx);
+    const auto& descriptor = (*plugin)->descriptor;
+    const auto& name = descriptor.displayName;
+    auto session = openSession(ctx);
     if (!session) {
         return kExitFailure;
     }
-    const auto* current = instanceOf(*session, plugin->descriptor.id);
-    if (current == nullptr) {
-        ctx.err << "kestrel: " << plugin->descriptor.displayName
-                << " has no integration instance\n";
+    const auto result = setIntegrationEnabled(*session, **plugin, enabled);
+    if (!result) {
+        if (result.error().kind == IntegrationSwitchError::Kind::noInstance) {
+            ctx.err << "kestrel: " << name << " has no integration instance\n";
+        } else {
+            ctx.err << "kestrel: " << name << ": integration instance "
+                    << result.error().instanceID << " is gone from the ledger\n";
+        }
         return kExitFailure;
     }
-    const auto& name = plugin->descriptor.displayName;
     const char* state = enabled ? "enabled" : "disabled";
-
-    IntegrationInstance instance = *current;
-    const bool changed = instance.isEnabled() != enabled;
-    if (changed) {
-        auto result = session->coordinator->setInstanceEnabled(enabled, instance.id, session->now);
-        if (!result) {
-            ctx.err << "kestrel: " << name << ": integration instance " << instance.id.rawValue
-                    << " is gone from the ledger\n";
-            return kExitFailure;
-        }
-        instance = std::move(*result);
-    }
-
     if (json) {
-        auto doc = instanceJSON(instance, plugin->descriptor);
-        doc["changed"] = changed;
+        auto doc = instanceJSON(result->instance, descriptor);
+        doc["changed"] = result->changed;
         ctx.out << doc.dump(2) << '\n';
         return kExitOK;
     }
-    ctx.out << name << ": " << (changed ? "" : "already ") << state << '\n';
-    if (changed && enabled && PluginRegistry::installedRoots(*found, ctx.home, ctx.env).empty()) {
+    ctx.out << name << ": " << (result->changed ? "" : "already ") << state << '\n';
+    if (result->changed && enabled && !result->installed) {
         ctx.out << "Not installed below " << ctx.home.string()
                 << ": nothing to read until it is.\n";
     }
@@ -121,15 +94,13 @@ int runIntegrationsPreset(CommandContext& ctx, const std::string& preset, bool j
                 << "\" (known: recommended, all, disabled)\n";
         return kExitUsage;
     }
-    auto session = openIntegrations(ctx);
+    auto session = openSession(ctx);
     if (!session) {
         return kExitFailure;
     }
-    const auto& registry = session->coordinator->registry();
-    auto changed = session->coordinator->applyBulkPreset(*chosen, session->now);
-    std::ranges::sort(changed, {}, [&](const IntegrationInstance& i) {
-        return pluginIndex(registry, i.pluginID);
-    });
+    const auto& registry = session->integrations().registry();
+    const auto outcome = applyIntegrationPreset(*session, *chosen);
+    const auto& changed = outcome.changed;
     const bool network = *chosen == IntegrationBulkPreset::allIncludingNetwork;
 
     if (json) {
@@ -152,11 +123,7 @@ int runIntegrationsPreset(CommandContext& ctx, const std::string& preset, bool j
         ctx.out << kNetworkPresetNotice << '\n';
     }
     if (changed.empty()) {
-        const bool anyScanned =
-            std::ranges::any_of(session->instances, [](const IntegrationInstance& i) {
-                return i.lastScanResult && i.lastScanResult->installedRootCount > 0;
-            });
-        ctx.out << (anyScanned ? "Nothing changed: every agent found installed already has "
+        ctx.out << (outcome.anyScanned ? "Nothing changed: every agent found installed already has "
                                  "these settings.\n"
                                : "Nothing changed: presets apply only to agents a scan has "
                                  "found installed.\n");

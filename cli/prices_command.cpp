@@ -2,17 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
-#include "cli/store_access.hpp"
+#include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/model/calendar.hpp"
+#include "core/app/price_overrides.hpp"
 #include "core/model/timestamp.hpp"
-#include "core/pricing/decimal.hpp"
-#include "core/pricing/price_table.hpp"
-#include "core/pricing/reprice_outcome.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -27,67 +23,107 @@ std::string longContextText(const PriceRow& row) {
                        row.outputVisiblePerMTokUSDLong.value_or(row.outputVisiblePerMTokUSD));
 }
 
-int reprice(CommandContext& ctx, UsageStore& store) {
-    try {
-        const auto outcome = store.repriceIfFingerprintChanged(PriceTable::resolved(store),
-                                                               ctx.settings.billingMode);
-        ctx.out << (outcome.skipped
-                        ? std::string("Prices unchanged; nothing repriced.\n")
-                        : fmt::format("Repriced {}.\n", counted(outcome.count, "stored observation",
-                                                                "stored observations")));
-        return kExitOK;
-    } catch (const StoreError& e) {
-        ctx.err << "kestrel: repricing failed: " << e.what() << '\n';
-        return kExitFailure;
+void printRepriced(CommandContext& ctx, const RepriceOutcome& outcome) {
+    ctx.out << (outcome.skipped
+                    ? std::string("Prices unchanged; nothing repriced.\n")
+                    : fmt::format("Repriced {}.\n", counted(outcome.count, "stored observation",
+                                                            "stored observations")));
+}
+
+// The word a price field goes by on this command line.
+const char* fieldWord(PriceInputError::Field field) {
+    using F = PriceInputError::Field;
+    switch (field) {
+        case F::input:
+            return "input";
+        case F::output:
+            return "output";
+        case F::cacheRead:
+            return "cache-read";
+        case F::cacheWrite:
+            return "cache-write";
+        case F::reasoning:
+            return "reasoning";
+        case F::longInput:
+            return "long-context input";
+        case F::longOutput:
+            return "long-context output";
+        case F::from:
+            return "--from";
+        case F::to:
+            return "--to";
+        case F::match:
+        case F::longThreshold:
+            break;
+    }
+    return "";
+}
+
+void printInputError(CommandContext& ctx, const PriceInputError& e) {
+    using K = PriceInputError::Kind;
+    switch (e.kind) {
+        case K::empty:
+            ctx.err << "kestrel: the model pattern is empty\n";
+            break;
+        case K::notADecimal:
+            ctx.err << "kestrel: " << fieldWord(e.field) << " price \"" << e.text
+                    << "\" is not a non-negative decimal number of dollars\n";
+            break;
+        case K::notADay:
+            ctx.err << "kestrel: " << fieldWord(e.field) << " date \"" << e.text
+                    << "\" is not a YYYY-MM-DD day\n";
+            break;
+        case K::toNotAfterFrom:
+            ctx.err << "kestrel: --to must be a later day than --from\n";
+            break;
+        case K::needsThreshold:
+            ctx.err << "kestrel: long-context prices need --long-threshold with a positive size\n";
+            break;
     }
 }
 
-// A price as typed must be a plain non-negative decimal ("3", "0.30", "18.75").
-bool checkPrice(CommandContext& ctx, const char* what, const std::string& text) {
-    const auto micros = parseDecimalScaled(text, 6);
-    if (!micros || *micros < 0) {
-        ctx.err << "kestrel: " << what << " price \"" << text
-                << "\" is not a non-negative decimal number of dollars\n";
-        return false;
+// Prints why a change failed; the exit status.
+int changeFailed(CommandContext& ctx, const PriceChangeError& e) {
+    switch (e.kind) {
+        case PriceChangeError::Kind::badInput:
+            printInputError(ctx, *e.input);
+            return kExitUsage;
+        case PriceChangeError::Kind::notFound:
+            return kExitUsage;  // said by the caller, which knows the pattern
+        case PriceChangeError::Kind::saveFailed:
+            ctx.err << "kestrel: cannot save the override: " << e.message << '\n';
+            return kExitFailure;
+        case PriceChangeError::Kind::repriceFailed:
+            ctx.err << "kestrel: repricing failed: " << e.message << '\n';
+            return kExitFailure;
     }
-    return true;
+    return kExitFailure;
 }
 
-bool checkDay(CommandContext& ctx, const char* what, const std::optional<std::string>& day) {
-    if (day && !Calendar::utc().startOfDay(*day)) {
-        ctx.err << "kestrel: " << what << " date \"" << *day << "\" is not a YYYY-MM-DD day\n";
-        return false;
-    }
-    return true;
+std::string savedLine(const PriceRow& row) {
+    return fmt::format("Override for \"{}\" saved (from {}{}).\n", row.match, row.effectiveFrom,
+                       row.effectiveTo ? " to " + *row.effectiveTo : "");
 }
 
 }  // namespace
 
 int runPrices(CommandContext& ctx, bool json) {
-    auto store = openStore(ctx);
-    if (!store) {
+    auto session = openSession(ctx);
+    if (!session) {
         return kExitFailure;
     }
-    const auto table = PriceTable::resolved(*store);
-    std::vector<std::string> overridden;
-    for (const auto& row : store->priceOverrides()) {
-        overridden.push_back(row.match);
-    }
-    auto isOverride = [&](const PriceRow& row) {
-        return std::find(overridden.begin(), overridden.end(), row.match) != overridden.end();
-    };
-    const auto rows = table.currentRows(epochNow(), Calendar::current());
+    const auto list = currentPrices(*session, epochNow(), Calendar::current());
 
     if (json) {
-        auto list = nlohmann::ordered_json::array();
-        for (const auto& row : rows) {
-            nlohmann::ordered_json j = nlohmann::json(row);
-            j["override"] = isOverride(row);
-            list.push_back(j);
+        auto rows = nlohmann::ordered_json::array();
+        for (const auto& r : list.rows) {
+            nlohmann::ordered_json j = nlohmann::json(r.row);
+            j["override"] = r.isOverride;
+            rows.push_back(j);
         }
         nlohmann::ordered_json doc;
-        doc["version"] = table.version;
-        doc["rows"] = list;
+        doc["version"] = list.version;
+        doc["rows"] = rows;
         ctx.out << doc.dump(2) << '\n';
         return kExitOK;
     }
@@ -100,90 +136,61 @@ int runPrices(CommandContext& ctx, bool json) {
                    {"Reasoning", Align::right},
                    {"Long context"},
                    {""}});
-    for (const auto& row : rows) {
+    for (const auto& [row, isOverride] : list.rows) {
         out.addRow({row.match, row.effectiveFrom, row.inputUncachedPerMTokUSD,
                     row.cacheReadPerMTokUSD, row.cacheWritePerMTokUSD, row.outputVisiblePerMTokUSD,
-                    row.reasoningPerMTokUSD, longContextText(row),
-                    isOverride(row) ? "override" : ""});
+                    row.reasoningPerMTokUSD, longContextText(row), isOverride ? "override" : ""});
     }
     out.render(ctx.out, ctx.colour);
-    ctx.out << fmt::format("USD per million tokens; price table version {}; {}.\n", table.version,
-                           counted(static_cast<int64_t>(rows.size()), "pattern", "patterns"));
+    ctx.out << fmt::format("USD per million tokens; price table version {}; {}.\n", list.version,
+                           counted(static_cast<int64_t>(list.rows.size()), "pattern", "patterns"));
     return kExitOK;
 }
 
 int runPricesSet(CommandContext& ctx, const PriceOverrideOptions& o) {
-    if (o.match.empty()) {
-        ctx.err << "kestrel: the model pattern is empty\n";
+    const PriceOverrideInput input{o.match,     o.input, o.output,        o.cacheRead,
+                                   o.cacheWrite, o.reasoning, o.from, o.to, o.longThreshold,
+                                   o.longInput,  o.longOutput};
+    // Everything that can be refused is checked before the ledger is opened.
+    if (const auto problem = checkPriceOverride(input)) {
+        printInputError(ctx, *problem);
         return kExitUsage;
     }
-    const bool valid = checkPrice(ctx, "input", o.input) && checkPrice(ctx, "output", o.output) &&
-                       (!o.cacheRead || checkPrice(ctx, "cache-read", *o.cacheRead)) &&
-                       (!o.cacheWrite || checkPrice(ctx, "cache-write", *o.cacheWrite)) &&
-                       (!o.reasoning || checkPrice(ctx, "reasoning", *o.reasoning)) &&
-                       (!o.longInput || checkPrice(ctx, "long-context input", *o.longInput)) &&
-                       (!o.longOutput || checkPrice(ctx, "long-context output", *o.longOutput)) &&
-                       checkDay(ctx, "--from", o.from) && checkDay(ctx, "--to", o.to);
-    if (!valid) {
-        return kExitUsage;
-    }
-    if (o.from && o.to && *o.to <= *o.from) {
-        ctx.err << "kestrel: --to must be a later day than --from\n";
-        return kExitUsage;
-    }
-    if ((o.longInput || o.longOutput) && (!o.longThreshold || *o.longThreshold <= 0)) {
-        ctx.err << "kestrel: long-context prices need --long-threshold with a positive size\n";
-        return kExitUsage;
-    }
-    auto store = openStore(ctx);
-    if (!store) {
+    auto session = openSession(ctx);
+    if (!session) {
         return kExitFailure;
     }
-    const auto table = PriceTable::resolved(*store);
-
-    PriceRow row;
-    row.match = o.match;
-    // Replacing the row in force for the same pattern needs its dates: an override is matched
-    // to a row by pattern and both dates.
-    const auto current = table.currentRows(epochNow(), Calendar::current());
-    const auto same = std::find_if(current.begin(), current.end(),
-                                   [&](const PriceRow& r) { return r.match == o.match; });
-    row.effectiveFrom = o.from.value_or(same != current.end() ? same->effectiveFrom : "1970-01-01");
-    row.effectiveTo = o.from || o.to ? o.to : (same != current.end() ? same->effectiveTo : o.to);
-    row.version = table.version;
-    row.inputUncachedPerMTokUSD = o.input;
-    row.outputVisiblePerMTokUSD = o.output;
-    row.cacheReadPerMTokUSD = o.cacheRead.value_or(o.input);
-    row.cacheWritePerMTokUSD = o.cacheWrite.value_or(o.input);
-    row.reasoningPerMTokUSD = o.reasoning.value_or(o.output);
-    if (o.longThreshold) {
-        row.longContextThresholdTokens = o.longThreshold;
-        row.inputUncachedPerMTokUSDLong = o.longInput.value_or(o.input);
-        row.outputVisiblePerMTokUSDLong = o.longOutput;
+    const auto change = savePriceOverride(*session, input);
+    if (!change) {
+        if (change.error().kind == PriceChangeError::Kind::repriceFailed) {
+            ctx.out << savedLine(change.error().row);
+        }
+        return changeFailed(ctx, change.error());
     }
-    try {
-        store->savePriceOverride(row);
-    } catch (const StoreError& e) {
-        ctx.err << "kestrel: cannot save the override: " << e.what() << '\n';
-        return kExitFailure;
-    }
-    ctx.out << fmt::format("Override for \"{}\" saved (from {}{}).\n", row.match, row.effectiveFrom,
-                           row.effectiveTo ? " to " + *row.effectiveTo : "");
-    return reprice(ctx, *store);
+    ctx.out << savedLine(change->row);
+    printRepriced(ctx, change->repriced);
+    return kExitOK;
 }
 
 int runPricesRemove(CommandContext& ctx, const std::string& match) {
-    auto store = openStore(ctx);
-    if (!store) {
+    auto session = openSession(ctx);
+    if (!session) {
         return kExitFailure;
     }
-    if (!store->deletePriceOverride(match)) {
-        ctx.err << "kestrel: there is no price override for \"" << match
-                << "\" (see kestrel prices)\n";
-        return kExitUsage;
+    const auto repriced = removePriceOverride(*session, match);
+    if (!repriced) {
+        if (repriced.error().kind == PriceChangeError::Kind::notFound) {
+            ctx.err << "kestrel: there is no price override for \"" << match
+                    << "\" (see kestrel prices)\n";
+        }
+        if (repriced.error().kind == PriceChangeError::Kind::repriceFailed) {
+            ctx.out << fmt::format("Override for \"{}\" removed.\n", match);
+        }
+        return changeFailed(ctx, repriced.error());
     }
     ctx.out << fmt::format("Override for \"{}\" removed.\n", match);
-    return reprice(ctx, *store);
+    printRepriced(ctx, *repriced);
+    return kExitOK;
 }
 
 }  // namespace kestrel::cli

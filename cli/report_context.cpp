@@ -3,11 +3,10 @@
 #include <fmt/format.h>
 
 #include "cli/cli.hpp"
+#include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/ledger/settings_store.hpp"
-#include "core/model/checked_math.hpp"
-#include "core/pricing/display_currency.hpp"
-#include "core/pricing/money_format.hpp"
+#include "core/app/usage_rows.hpp"
+#include "core/app/usage_scan.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -21,6 +20,54 @@ std::optional<double> localDay(CommandContext& ctx, const Calendar& calendar,
                 << "\" is not a date; write it as YYYY-MM-DD\n";
     }
     return day;
+}
+
+// The filters of `options` as a query; prints the first problem and gives nothing.
+std::optional<LedgerQuery> queryOf(CommandContext& ctx, const ReportOptions& options,
+                                   const Calendar& calendar) {
+    LedgerQuery query;
+    if (!options.since.empty()) {
+        auto from = localDay(ctx, calendar, "--since", options.since);
+        if (!from) {
+            return std::nullopt;
+        }
+        query.from = *from;
+    }
+    if (!options.until.empty()) {
+        auto last = localDay(ctx, calendar, "--until", options.until);
+        if (!last) {
+            return std::nullopt;
+        }
+        query.to = calendar.addingDays(*last, 1);
+    }
+    if (query.from && query.to && *query.from >= *query.to) {
+        ctx.err << "kestrel: --since " << options.since << " is after --until " << options.until
+                << '\n';
+        return std::nullopt;
+    }
+    if (options.sources.size() > 1) {
+        ctx.err << "kestrel: --source can be given once\n";
+        return std::nullopt;
+    }
+    if (!options.sources.empty()) {
+        const auto source = agentSourceNamed(options.sources.front());
+        if (!source) {
+            ctx.err << "kestrel: unknown source \"" << options.sources.front()
+                    << "\" (known: " << sourceNames(allAgentSources()) << ")\n";
+            return std::nullopt;
+        }
+        query.source = *source;
+    }
+    if (!options.model.empty()) {
+        query.model = options.model;
+    }
+    if (!options.project.empty()) {
+        query.projectDisplayName = options.project;
+    }
+    if (!options.search.empty()) {
+        query.search = options.search;
+    }
+    return query;
 }
 
 }  // namespace
@@ -51,15 +98,15 @@ void addReportOptions(CLI::App* command, ReportOptions& o, bool filters) {
 }
 
 std::string Report::text(std::string_view key) const {
-    return Messages::bundled().text(key, language);
+    return display().text(key);
 }
 
 std::string Report::text(std::string_view key, std::initializer_list<MessageArg> args) const {
-    return Messages::bundled().text(key, language, args);
+    return display().text(key, args);
 }
 
 std::string Report::money(int64_t usdMicros) const {
-    return format(usdMicros, currency, settings.cnyPerUsdE4, locale);
+    return display().money(usdMicros);
 }
 
 std::string Report::money(const LedgerSummary& s) const {
@@ -68,15 +115,6 @@ std::string Report::money(const LedgerSummary& s) const {
 
 std::string Report::tokens(int64_t count) const {
     return groupedNumber(count);
-}
-
-int64_t totalTokens(const LedgerSummary& s) {
-    int64_t sum = 0;
-    for (const auto& bucket :
-         {s.inputUncached, s.cacheRead, s.cacheWrite, s.outputVisible, s.reasoning}) {
-        sum = checkedAdd(sum, bucket.value_or(0), "report token total");
-    }
-    return sum;
 }
 
 nlohmann::ordered_json summaryJSON(const LedgerSummary& s) {
@@ -94,103 +132,56 @@ nlohmann::ordered_json summaryJSON(const LedgerSummary& s) {
 std::expected<Report, int> openReport(CommandContext& ctx, const ReportOptions& options) {
     Report r;
     // Everything that can be refused is checked before the ledger is touched.
-    if (!options.since.empty()) {
-        auto from = localDay(ctx, r.calendar, "--since", options.since);
-        if (!from) {
-            return std::unexpected(kExitUsage);
-        }
-        r.query.from = *from;
-    }
-    if (!options.until.empty()) {
-        auto last = localDay(ctx, r.calendar, "--until", options.until);
-        if (!last) {
-            return std::unexpected(kExitUsage);
-        }
-        r.query.to = r.calendar.addingDays(*last, 1);
-    }
-    if (r.query.from && r.query.to && *r.query.from >= *r.query.to) {
-        ctx.err << "kestrel: --since " << options.since << " is after --until " << options.until
-                << '\n';
+    auto query = queryOf(ctx, options, r.calendar);
+    if (!query) {
         return std::unexpected(kExitUsage);
     }
-    if (options.sources.size() > 1) {
-        ctx.err << "kestrel: --source can be given once\n";
-        return std::unexpected(kExitUsage);
-    }
-    if (!options.sources.empty()) {
-        const auto source = agentSourceNamed(options.sources.front());
-        if (!source) {
-            ctx.err << "kestrel: unknown source \"" << options.sources.front()
-                    << "\" (known: " << sourceNames(allAgentSources()) << ")\n";
-            return std::unexpected(kExitUsage);
-        }
-        r.query.source = *source;
-    }
-    if (!options.model.empty()) {
-        r.query.model = options.model;
-    }
-    if (!options.project.empty()) {
-        r.query.projectDisplayName = options.project;
-    }
-    if (!options.search.empty()) {
-        r.query.search = options.search;
-    }
+    r.query = std::move(*query);
 
-    r.collector = openCollector(ctx);
-    if (!r.collector) {
+    r.session = openSession(ctx);
+    if (!r.session) {
         return std::unexpected(kExitFailure);
     }
-    try {
-        r.settings = SettingsStore::load(*r.collector->store).settings;
-    } catch (const std::exception& e) {
-        ctx.err << "kestrel: cannot read the settings: " << e.what() << '\n';
-        return std::unexpected(kExitFailure);
+    r.settings = r.session->settings();
+    std::optional<AppLanguage> language;
+    if (!options.language.empty()) {
+        language = fromRawValue<AppLanguage>(options.language);
     }
-    ctx.settings = r.settings;  // what the scan stores follows the user's privacy choices
-    const auto chosenLanguage = options.language.empty()
-                                    ? r.settings.language
-                                    : fromRawValue<AppLanguage>(options.language).value();
-    r.language = effectiveLanguage(chosenLanguage, systemLocaleName());
+    std::optional<ResolvedCurrency> currency;
     if (!options.currency.empty()) {
-        r.currency = options.currency == "cny" ? ResolvedCurrency::cny : ResolvedCurrency::usd;
-    } else {
-        r.currency = resolved(r.settings.displayCurrency, r.language, systemLocaleName());
+        currency = options.currency == "cny" ? ResolvedCurrency::cny : ResolvedCurrency::usd;
     }
-    r.locale = r.language == AppLanguage::zhHans ? "zh_CN" : "en_US";
+    const auto display = displayChoices(r.settings, language, currency);
+    r.language = display.language;
+    r.currency = display.currency;
 
     if (!options.noScan) {
-        try {
-            r.scanned = scanWithProgress(ctx, *r.collector, std::nullopt, false);
-        } catch (const std::exception& e) {
-            ctx.err << "kestrel: the scan could not be saved: " << e.what() << '\n';
+        const auto scanned = scanWithProgress(ctx, *r.session, ScanRequest{});
+        if (!scanned) {
+            ctx.err << "kestrel: the scan could not be saved: " << scanned.error().message << '\n';
             return std::unexpected(kExitFailure);
         }
-        for (const auto& report : r.collector->ingestor->lastReports()) {
+        r.scanned = scanned->totals;
+        for (const auto& report : scanned->sources) {
             for (const auto& error : report.errors) {
                 ctx.err << "kestrel: " << displayName(report.source) << ": " << error.description()
                         << '\n';
-                r.scanFailed = true;
             }
         }
+        r.scanFailed = scanned->hadReadErrors();
     }
     return r;
 }
 
 void printNothingFound(const Report& report, CommandContext& ctx) {
-    // The first agents' folders by name; the rest as a count, since some agents have a dozen.
-    constexpr std::size_t kNamedSources = 2;
-    const auto sources = Ingestor::scannableSources(ctx.home, ctx.env);
+    const auto searched = searchedFolders(pathsOf(ctx));
     std::string looked;
-    for (std::size_t i = 0; i < std::min(sources.size(), kNamedSources); ++i) {
-        const auto spec = AgentCatalog::spec(sources[i], ctx.home, ctx.env);
-        for (const auto& root : spec->roots) {
-            looked += fmt::format("{}{}", looked.empty() ? "" : ", ", root.string());
-        }
+    for (const auto& folder : searched.folders) {
+        looked += fmt::format("{}{}", looked.empty() ? "" : ", ", folder.string());
     }
-    if (sources.size() > kNamedSources) {
+    if (searched.moreAgents > 0) {
         looked = report.text("report.lookedMore",
-                             {{"roots", looked},
-                              {"count", std::to_string(sources.size() - kNamedSources)}});
+                             {{"roots", looked}, {"count", std::to_string(searched.moreAgents)}});
     }
     ctx.out << report.text("report.emptyLedger", {{"home", ctx.home.string()}, {"looked", looked}})
             << '\n';

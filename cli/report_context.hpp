@@ -10,13 +10,11 @@
 #include <string>
 #include <vector>
 
-#include "cli/collector.hpp"
 #include "cli/command_context.hpp"
+#include "core/app/app_session.hpp"
+#include "core/app/display_choices.hpp"
 #include "core/ledger/ledger_query.hpp"
-#include "core/model/app_language.hpp"
 #include "core/model/calendar.hpp"
-#include "core/presentation/messages.hpp"
-#include "core/model/currency.hpp"
 
 namespace kestrel::cli {
 
@@ -39,19 +37,19 @@ struct ReportOptions {
 // --source, --model, --project and --search.
 void addReportOptions(CLI::App* command, ReportOptions& options, bool filters);
 
-// An open ledger with the choices of one report applied.
+// An open session with the choices of one report applied.
 struct Report {
-    std::unique_ptr<Collector> collector;
+    std::unique_ptr<AppSession> session;
     AppSettings settings;
     AppLanguage language = AppLanguage::en;  // resolved, never `system`
     ResolvedCurrency currency = ResolvedCurrency::usd;
     LedgerQuery query;  // the filters
     Calendar calendar = Calendar::current();
-    std::string locale;  // ICU locale for numbers and money
     ScanProgress scanned;
     bool scanFailed = false;  // some agent's files could not be read (exit 1)
 
-    UsageStore& store() { return *collector->store; }
+    UsageStore& store() { return session->store(); }
+    DisplayChoices display() const { return {language, currency, settings.cnyPerUsdE4}; }
     std::string text(std::string_view key) const;
     std::string text(std::string_view key, std::initializer_list<MessageArg> args) const;
     // An amount stored in micro-dollars, in the report's currency ("$1.20", "¥8.64").
@@ -61,15 +59,10 @@ struct Report {
     std::string tokens(int64_t count) const;  // grouped digits
 };
 
-// Opens the ledger, reads the settings, applies the options and runs the incremental scan
-// (unless --no-scan). On bad input or a ledger that cannot be opened it prints one line naming
-// the cause and returns the exit status.
+// Reads the options, opens the session and runs the incremental scan (unless --no-scan). On bad
+// input or a ledger that cannot be opened it prints one line naming the cause and returns the
+// exit status.
 std::expected<Report, int> openReport(CommandContext& ctx, const ReportOptions& options);
-
-// The token total of a summary as its columns add up: the five buckets (uncached input, cache
-// reads, cache writes, visible output, reasoning). Agents' own totals disagree on what they
-// include (some leave cache reads out), so reports do not use them.
-int64_t totalTokens(const LedgerSummary& summary);
 
 // The totals as report rows carry them in JSON.
 nlohmann::ordered_json summaryJSON(const LedgerSummary& summary);

@@ -2,29 +2,24 @@
 
 #include <fmt/format.h>
 
-#include <chrono>
 #include <istream>
 #include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
-#include "cli/collector.hpp"
+#include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/sources/source_readers.hpp"
 
 namespace kestrel::cli {
 namespace {
 
 // A forced rescan replaces each source's ledger with what its files still prove: usage whose
 // records the agent has deleted is lost. Say how much is at stake, and on a terminal ask first.
-bool confirmForce(CommandContext& ctx, UsageStore& store, const ScanOptions& options,
+bool confirmForce(CommandContext& ctx, AppSession& session, const ScanOptions& options,
                   const std::optional<std::set<AgentSource>>& sources, std::istream& in) {
     std::string stake;
-    for (const auto& [source, summary] : store.ledgerSummariesBySource({})) {
-        if (sources && !sources->contains(source)) {
-            continue;
-        }
-        stake += fmt::format("{}{} {}", stake.empty() ? "" : ", ",
-                             groupedNumber(summary.eventCount), displayName(source));
+    for (const auto& [source, events] : ledgerEventsAtStake(session, sources)) {
+        stake += fmt::format("{}{} {}", stake.empty() ? "" : ", ", groupedNumber(events),
+                             displayName(source));
     }
     ctx.err << "kestrel: a full rescan reads every file again and removes from the ledger the "
                "usage whose records are gone (agents delete old transcripts).\n";
@@ -73,18 +68,6 @@ nlohmann::ordered_json reportJSON(const SourceScanReport& r) {
     return j;
 }
 
-// Installed agents whose records cannot be read yet: worth a mention, not a row.
-std::vector<AgentSource> installedWithoutReader(const CommandContext& ctx) {
-    std::vector<AgentSource> out;
-    for (auto s : allAgentSources()) {
-        if (!SourceReaders::reader(s) &&
-            !AgentCatalog::installedRoots(s, ctx.home, ctx.env).empty()) {
-            out.push_back(s);
-        }
-    }
-    return out;
-}
-
 void printTable(CommandContext& ctx, const std::vector<SourceScanReport>& reports) {
     TextTable table({{"Source"},
                      {"Status"},
@@ -110,39 +93,33 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
     if (!sources) {
         return kExitUsage;
     }
-    auto collector = openCollector(ctx);
-    if (!collector) {
+    auto session = openSession(ctx);
+    if (!session) {
         return kExitFailure;
     }
-    if (options.force && !confirmForce(ctx, *collector->store, options, *sources, in)) {
+    if (options.force && !confirmForce(ctx, *session, options, *sources, in)) {
         ctx.err << "kestrel: nothing done\n";
         return kExitOK;
     }
     if (*sources) {
-        for (auto s : **sources) {
-            if (!collector->coordinator->canRun(IntegrationCapability::usageImport, s)) {
-                ctx.err << "kestrel: " << displayName(s) << " is switched off; `kestrel "
-                        << "integrations enable " << rawValue(s) << "` turns it on\n";
-            }
+        for (auto s : switchedOffSources(*session, **sources)) {
+            ctx.err << "kestrel: " << displayName(s) << " is switched off; `kestrel "
+                    << "integrations enable " << rawValue(s) << "` turns it on\n";
         }
     }
 
-    const auto started = std::chrono::steady_clock::now();
-    ScanProgress result;
-    try {
-        result = scanWithProgress(ctx, *collector, *sources, options.force);
-    } catch (const std::exception& e) {
-        ctx.err << "kestrel: the scan could not be saved: " << e.what() << '\n';
+    const auto scanned = scanWithProgress(ctx, *session, ScanRequest{*sources, options.force});
+    if (!scanned) {
+        ctx.err << "kestrel: the scan could not be saved: " << scanned.error().message << '\n';
         return kExitFailure;
     }
-    const double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const auto reports = collector->ingestor->lastReports();
-    bool failed = false;
+    const auto& result = scanned->totals;
+    const double elapsed = scanned->seconds;
+    const auto& reports = scanned->sources;
+    const bool failed = scanned->incomplete();
     for (const auto& r : reports) {
         for (const auto& error : r.errors) {
             ctx.err << "kestrel: " << displayName(r.source) << ": " << error.description() << '\n';
-            failed = true;
         }
         if (r.replaceWithheld) {
             ctx.err << "kestrel: " << displayName(r.source)
@@ -154,12 +131,9 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
                     << counted(r.malformed, "malformed line", "malformed lines")
                     << "); the agent may have changed how it writes them\n";
         }
-        if (r.status == SourceStatus::formatChanged || r.status == SourceStatus::unauthorized) {
-            failed = true;
-        }
     }
-    const auto unread = installedWithoutReader(ctx);
-    const auto& repriced = collector->repriced;
+    const auto unread = installedWithoutReader(pathsOf(ctx));
+    const auto& repriced = session->repricedAtOpen();
 
     if (json) {
         nlohmann::ordered_json doc;
@@ -203,7 +177,7 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
                             counted(repriced.count, "observation", "observations"));
     }
     ctx.out << tail << fmt::format(" ({:.2f} s).\n", elapsed);
-    ctx.out << ledgerHeadline(*collector->store) << '\n';
+    ctx.out << ledgerHeadline(session->store()) << '\n';
     return failed ? kExitPartial : kExitOK;
 }
 

@@ -6,7 +6,8 @@
 
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
-#include "cli/store_access.hpp"
+#include "cli/session_access.hpp"
+#include "core/app/integration_status.hpp"
 #include "cli/text_table.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/model/account_snapshot_json.hpp"
@@ -75,58 +76,15 @@ nlohmann::ordered_json scanJSON(const IntegrationScanResult& s) {
     return j;
 }
 
-struct StatusRow {
-    const IntegrationPlugin* plugin = nullptr;
-    const IntegrationInstance* instance = nullptr;
-    const IntegrationInstallation* installation = nullptr;
-    IntegrationListGroup group = IntegrationListGroup::notInstalled;
-};
-
-// Every plug-in has an instance after reconciling, switched on by default; an instance counts
-// towards the list only once its agent is installed, so that agents absent from this machine
-// do not crowd the enabled section.
-IntegrationListGroup groupOf(const IntegrationInstance& instance, bool installed) {
-    return installed ? classify(&instance, SourceStatus::authorizedEmpty)
-                     : classify(nullptr, SourceStatus::notInstalled);
-}
-
-std::vector<StatusRow> statusRows(const IntegrationsSession& session,
-                                  const std::vector<IntegrationInstallation>& installations) {
-    const auto& registry = session.coordinator->registry();
-    std::vector<StatusRow> rows;
-    for (const auto& plugin : registry.plugins()) {
-        StatusRow row{&plugin, nullptr, nullptr, IntegrationListGroup::notInstalled};
-        for (const auto& instance : session.instances) {
-            if (instance.pluginID == plugin.descriptor.id) {
-                row.instance = &instance;
-            }
-        }
-        for (const auto& installation : installations) {
-            if (installation.pluginID == plugin.descriptor.id) {
-                row.installation = &installation;
-            }
-        }
-        if (row.instance == nullptr || row.installation == nullptr) {
-            continue;  // reconciling returns one instance per plug-in; nothing to show otherwise
-        }
-        row.group = groupOf(*row.instance, !row.installation->installedRoots.empty());
-        rows.push_back(row);
-    }
-    // Groups in their declaration order, plug-in order kept within each.
-    std::ranges::stable_sort(rows, {},
-                             [](const StatusRow& r) { return static_cast<int>(r.group); });
-    return rows;
-}
-
-nlohmann::ordered_json rowJSON(const StatusRow& row) {
+nlohmann::ordered_json rowJSON(const IntegrationStatusRow& row) {
     nlohmann::ordered_json j;
     j["group"] = std::string(rawValue(row.group));
-    const auto fields = instanceJSON(*row.instance, row.plugin->descriptor);
+    const auto fields = instanceJSON(row.instance, row.plugin->descriptor);
     for (auto it = fields.begin(); it != fields.end(); ++it) {
         j[it.key()] = it.value();
     }
-    j["installedRoots"] = paths(row.installation->installedRoots);
-    j["candidateRoots"] = paths(row.installation->candidateRoots);
+    j["installedRoots"] = paths(row.installation.installedRoots);
+    j["candidateRoots"] = paths(row.installation.candidateRoots);
     return j;
 }
 
@@ -175,13 +133,13 @@ std::string quotaLine(const AccountSnapshot& q) {
                        windows.empty() ? "no windows" : windows, q.stale ? " (stale)" : "");
 }
 
-std::vector<std::string> rowCells(const StatusRow& row) {
-    const auto& instance = *row.instance;
+std::vector<std::string> rowCells(const IntegrationStatusRow& row) {
+    const auto& instance = row.instance;
     std::vector<std::string> cells{
         row.plugin->descriptor.displayName,
         std::string(rawValue(row.group)),
         std::string(rawValue(instance.health.state)),
-        groupedNumber(static_cast<int64_t>(row.installation->installedRoots.size())),
+        groupedNumber(static_cast<int64_t>(row.installation.installedRoots.size())),
         capabilityLabels(instance.enabledCapabilities),
     };
     if (const auto& scan = instance.lastScanResult) {
@@ -195,20 +153,6 @@ std::vector<std::string> rowCells(const StatusRow& row) {
 }
 
 }  // namespace
-
-std::unique_ptr<IntegrationsSession> openIntegrations(CommandContext& ctx) {
-    auto session = std::make_unique<IntegrationsSession>();
-    session->store = openStore(ctx);
-    if (!session->store) {
-        return nullptr;
-    }
-    session->coordinator = std::make_unique<IntegrationInstanceCoordinator>(
-        PluginRegistry::builtIn(), *session->store);
-    session->now = epochNow();
-    session->instances =
-        session->coordinator->reconcileInstallations(ctx.home, session->now, ctx.env);
-    return session;
-}
 
 std::string capabilityLabels(const std::set<IntegrationCapability>& capabilities) {
     std::string out;
@@ -237,27 +181,19 @@ nlohmann::ordered_json instanceJSON(const IntegrationInstance& instance,
 }
 
 int runStatus(CommandContext& ctx, bool json) {
-    auto session = openIntegrations(ctx);
+    auto session = openSession(ctx);
     if (!session) {
         return kExitFailure;
     }
-    const auto installations =
-        session->coordinator->registry().detectInstallations(ctx.home, session->now, ctx.env);
-    const auto rows = statusRows(*session, installations);
-    const auto quotas = session->store->quotas();
-    const auto quotaOf = [&](AgentSource source) -> const AccountSnapshot* {
-        auto it = std::ranges::find(quotas, source,
-                                    [](const AccountSnapshot& q) { return q.identity.source; });
-        return it == quotas.end() ? nullptr : &*it;
-    };
+    const auto status = integrationStatus(*session);
+    const auto& rows = status.rows;
 
     if (json) {
         auto doc = nlohmann::ordered_json::array();
         for (const auto& row : rows) {
             auto j = rowJSON(row);
-            const auto* quota = quotaOf(row.plugin->descriptor.legacySource);
-            j["quota"] = quota ? nlohmann::ordered_json::parse(nlohmann::json(*quota).dump())
-                               : nlohmann::ordered_json(nullptr);
+            j["quota"] = row.quota ? nlohmann::ordered_json::parse(nlohmann::json(*row.quota).dump())
+                                   : nlohmann::ordered_json(nullptr);
             doc.push_back(std::move(j));
         }
         ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
@@ -284,7 +220,7 @@ int runStatus(CommandContext& ctx, bool json) {
 
     std::string folders;
     for (const auto& row : rows) {
-        for (const auto& root : row.installation->installedRoots) {
+        for (const auto& root : row.installation.installedRoots) {
             folders += fmt::format("  {}: {}\n", row.plugin->descriptor.displayName, root.string());
         }
     }
@@ -293,8 +229,8 @@ int runStatus(CommandContext& ctx, bool json) {
     }
     std::string quotaLines;
     for (const auto& row : rows) {
-        if (const auto* quota = quotaOf(row.plugin->descriptor.legacySource)) {
-            quotaLines += "  " + quotaLine(*quota) + "\n";
+        if (row.quota) {
+            quotaLines += "  " + quotaLine(*row.quota) + "\n";
         }
     }
     if (!quotaLines.empty()) {

@@ -6,45 +6,17 @@
 #include "cli/cli.hpp"
 #include "cli/heatmap_command.hpp"
 #include "cli/text_table.hpp"
+#include "core/app/usage_overview.hpp"
 #include "core/model/timestamp.hpp"
 
 namespace kestrel::cli {
 namespace {
 
-constexpr std::size_t kTopRows = 5;
-constexpr int kHeatmapWeeks = 26;
-
 struct Period {
     const char* label;    // catalogue key
     const char* jsonKey;  // key in --json
-    LedgerSummary summary;
+    const LedgerSummary& summary;
 };
-
-struct SourceSummary {
-    AgentSource source;
-    LedgerSummary summary;
-};
-
-// Agents by today's tokens, then cost; the map's source order breaks ties.
-std::vector<SourceSummary> heaviestSources(const std::map<AgentSource, LedgerSummary>& bySource) {
-    std::vector<SourceSummary> rows;
-    for (const auto& [source, summary] : bySource) {
-        if (summary.eventCount > 0) {
-            rows.push_back({source, summary});
-        }
-    }
-    std::ranges::stable_sort(rows, [](const SourceSummary& a, const SourceSummary& b) {
-        const auto ta = totalTokens(a.summary), tb = totalTokens(b.summary);
-        if (ta != tb) {
-            return ta > tb;
-        }
-        return a.summary.knownCostUSDMicros.value_or(0) > b.summary.knownCostUSDMicros.value_or(0);
-    });
-    if (rows.size() > kTopRows) {
-        rows.resize(kTopRows);
-    }
-    return rows;
-}
 
 std::vector<std::string> cells(std::string label, const LedgerSummary& s, const Report& report) {
     return {std::move(label), report.tokens(s.eventCount), report.tokens(totalTokens(s)),
@@ -69,33 +41,17 @@ int runSummary(CommandContext& ctx, const ReportOptions& options, bool json) {
     auto& store = report.store();
     const int exitCode = report.scanFailed ? kExitPartial : kExitOK;
 
-    const double now = epochNow();
     const Calendar& calendar = report.calendar;
-    const double today = calendar.startOfDay(now);
-    const double tomorrow = calendar.addingDays(today, 1);
-    // Every period ends with today, so a record stamped ahead of the clock shows in none.
-    const auto between = [&](double from, double to) {
-        LedgerQuery q = report.query;
-        q.from = from;
-        q.to = to;
-        return q;
-    };
-    const LedgerQuery todayQuery = between(today, tomorrow);
+    const UsageOverview overview = usageOverview(store, report.query, calendar, epochNow());
     const Period periods[] = {
-        {"period.today", "today", store.ledgerSummary(todayQuery)},
-        {"period.yesterday", "yesterday",
-         store.ledgerSummary(between(calendar.addingDays(today, -1), today))},
-        {"period.last7Days", "last7Days",
-         store.ledgerSummary(between(calendar.addingDays(today, -6), tomorrow))},
-        {"period.last30Days", "last30Days",
-         store.ledgerSummary(between(calendar.addingDays(today, -29), tomorrow))},
+        {"period.today", "today", overview.today},
+        {"period.yesterday", "yesterday", overview.yesterday},
+        {"period.last7Days", "last7Days", overview.last7Days},
+        {"period.last30Days", "last30Days", overview.last30Days},
     };
-    auto topModels = store.ledgerSummariesByModel(todayQuery);
-    if (topModels.size() > kTopRows) {
-        topModels.resize(kTopRows);
-    }
-    const auto topSources = heaviestSources(store.ledgerSummariesBySource(todayQuery));
-    const HeatmapModel heatmap = heatmapFromLedger(report, kHeatmapWeeks, now);
+    const auto& topModels = overview.topModelsToday;
+    const auto& topSources = overview.topSourcesToday;
+    const HeatmapModel& heatmap = overview.heatmap;
 
     if (json) {
         nlohmann::ordered_json doc;
@@ -126,7 +82,7 @@ int runSummary(CommandContext& ctx, const ReportOptions& options, bool json) {
         return exitCode;
     }
 
-    if (store.ledgerSummary(report.query).eventCount == 0) {
+    if (overview.matchingEvents == 0) {
         printNothingFound(report, ctx);
         return exitCode;
     }

@@ -10,6 +10,8 @@
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
 #include "cli/text_table.hpp"
+#include "core/app/group_reports.hpp"
+#include "core/app/usage_rows.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -105,30 +107,6 @@ int printEmpty(Report& r, CommandContext& ctx, bool json, int status) {
     return status;
 }
 
-struct PeriodRow {
-    LedgerSummary total;
-    std::set<std::string> models;
-    std::set<AgentSource> sources;
-    std::map<std::string, std::pair<LedgerSummary, std::set<AgentSource>>> byModel;
-};
-
-// The name of the period that holds the local day starting at `day`.
-std::string periodOf(const Calendar& calendar, double day, PeriodUnit unit) {
-    switch (unit) {
-        case PeriodUnit::day:
-            return calendar.dayKey(day);
-        case PeriodUnit::week: {
-            const int back = (calendar.parts(day).weekday - calendar.firstWeekday + 7) % 7;
-            return calendar.dayKey(calendar.addingDays(day, -back));
-        }
-        case PeriodUnit::month: {
-            const auto p = calendar.parts(day);
-            return fmt::format("{:04}-{:02}", p.year, p.month);
-        }
-    }
-    return {};
-}
-
 }  // namespace
 
 int runPeriodReport(CommandContext& ctx, const ReportOptions& options, PeriodUnit unit, bool json) {
@@ -139,60 +117,27 @@ int runPeriodReport(CommandContext& ctx, const ReportOptions& options, PeriodUni
     auto& r = *opened;
     const int status = r.scanFailed ? kExitPartial : kExitOK;
 
-    // One query: the day, model and source of every group of events; periods, their models,
-    // sources and per-model rows are sums of these.
-    std::map<std::string, PeriodRow> periods;
-    LedgerSummary total;
-    for (const auto& b : r.store().ledgerModelTimeBuckets(r.query, LedgerBucketUnit::day)) {
-        auto& row = periods[periodOf(r.calendar, b.start, unit)];
-        row.total += b.summary;
-        row.models.insert(b.model);
-        row.sources.insert(b.source);
-        auto& m = row.byModel[b.model];
-        m.first += b.summary;
-        m.second.insert(b.source);
-        total += b.summary;
-    }
-    if (periods.empty()) {
+    const auto report =
+        periodReport(r.store(), r.query, r.calendar, unit, descending(options, false));
+    if (report.rows.empty()) {
         return printEmpty(r, ctx, json, status);
     }
-    std::vector<const std::pair<const std::string, PeriodRow>*> ordered;
-    for (const auto& p : periods) {
-        ordered.push_back(&p);
-    }
-    if (descending(options, false)) {
-        std::ranges::reverse(ordered);
-    }
-    // Heaviest model first under each period.
-    const auto modelsOf = [](const PeriodRow& row) {
-        std::vector<
-            const std::pair<const std::string, std::pair<LedgerSummary, std::set<AgentSource>>>*>
-            models;
-        for (const auto& m : row.byModel) {
-            models.push_back(&m);
-        }
-        std::ranges::stable_sort(models, [](const auto* a, const auto* b) {
-            return totalTokens(a->second.first) > totalTokens(b->second.first);
-        });
-        return models;
-    };
 
     if (json) {
         auto rows = nlohmann::ordered_json::array();
-        for (const auto* p : ordered) {
+        for (const auto& p : report.rows) {
             nlohmann::ordered_json row;
-            row["period"] = p->first;
-            appendSummary(row, p->second.total);
-            row["models"] =
-                std::vector<std::string>(p->second.models.begin(), p->second.models.end());
-            row["sources"] = sourceList(p->second.sources);
+            row["period"] = p.period;
+            appendSummary(row, p.total);
+            row["models"] = std::vector<std::string>(p.models.begin(), p.models.end());
+            row["sources"] = sourceList(p.sources);
             if (options.breakdown) {
                 auto breakdown = nlohmann::ordered_json::array();
-                for (const auto* m : modelsOf(p->second)) {
+                for (const auto& m : p.byModel) {
                     nlohmann::ordered_json entry;
-                    entry["model"] = m->first;
-                    entry["sources"] = sourceList(m->second.second);
-                    appendSummary(entry, m->second.first);
+                    entry["model"] = m.model;
+                    entry["sources"] = sourceList(m.sources);
+                    appendSummary(entry, m.summary);
                     breakdown.push_back(std::move(entry));
                 }
                 row["breakdown"] = std::move(breakdown);
@@ -201,7 +146,7 @@ int runPeriodReport(CommandContext& ctx, const ReportOptions& options, PeriodUni
         }
         nlohmann::ordered_json doc;
         doc["rows"] = std::move(rows);
-        doc["totals"] = summaryJSON(total);
+        doc["totals"] = summaryJSON(report.total);
         doc["currency"] = std::string(rawValue(r.currency));
         doc["cnyPerUsdE4"] = r.settings.cnyPerUsdE4;
         ctx.out << doc.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
@@ -216,19 +161,19 @@ int runPeriodReport(CommandContext& ctx, const ReportOptions& options, PeriodUni
                                                        : "column.month";
     printTitle(r, ctx, titleKey);
     TextTable table(tokenColumns(r, r.text(columnKey)));
-    for (const auto* p : ordered) {
-        table.addRow(tokenCells(r, p->first, p->second.total));
+    for (const auto& p : report.rows) {
+        table.addRow(tokenCells(r, p.period, p.total));
         if (options.breakdown) {
-            for (const auto* m : modelsOf(p->second)) {
-                table.addRow(tokenCells(r, "  " + m->first, m->second.first));
+            for (const auto& m : p.byModel) {
+                table.addRow(tokenCells(r, "  " + m.model, m.summary));
             }
         }
     }
     table.addSeparator();
-    table.addRow(tokenCells(r, r.text("report.total"), total));
+    table.addRow(tokenCells(r, r.text("report.total"), report.total));
     table.render(ctx.out, ctx.colour);
     ctx.out << '\n';
-    printFootnotes(r, ctx, total);
+    printFootnotes(r, ctx, report.total);
     return status;
 }
 
@@ -240,45 +185,50 @@ int runGroupReport(CommandContext& ctx, const ReportOptions& options, UsageGroup
     auto& r = *opened;
     const int status = r.scanFailed ? kExitPartial : kExitOK;
 
-    // Every group becomes rows of (JSON fields, text cells, totals), in the store's order
-    // (heaviest or latest first).
+    // Every group becomes rows of (JSON fields, text cells, totals), in the report's order.
+    const bool reversed = !descending(options, true);
     struct Row {
         nlohmann::ordered_json fields;
         std::vector<std::string> cells;  // the leading text columns
         LedgerSummary summary;
     };
     std::vector<Row> rows;
+    LedgerSummary total;
     std::vector<Column> leading;
     const char* titleKey = "";
     switch (group) {
-        case UsageGroup::models:
+        case UsageGroup::models: {
             titleKey = "report.models.title";
             leading = {{r.text("column.model")}, {r.text("column.agents")}};
-            for (const auto& m : r.store().ledgerSummariesByModel(r.query)) {
+            const auto report = modelsReport(r.store(), r.query, reversed);
+            total = report.total;
+            for (const auto& m : report.rows) {
                 const std::set<AgentSource> sources(m.sources.begin(), m.sources.end());
                 rows.push_back({{{"model", m.model}, {"sources", sourceList(sources)}},
                                 {m.model, sourceText(sources)},
                                 m.summary});
             }
             break;
+        }
         case UsageGroup::sources: {
             titleKey = "report.sources.title";
             leading = {{r.text("column.source")}};
-            for (const auto& [source, summary] : r.store().ledgerSummariesBySource(r.query)) {
+            const auto report = sourcesReport(r.store(), r.query, reversed);
+            total = report.total;
+            for (const auto& [source, summary] : report.rows) {
                 rows.push_back({{{"source", std::string(rawValue(source))},
                                  {"displayName", std::string(displayName(source))}},
                                 {std::string(displayName(source))},
                                 summary});
             }
-            std::ranges::stable_sort(rows, [](const Row& a, const Row& b) {
-                return totalTokens(a.summary) > totalTokens(b.summary);
-            });
             break;
         }
-        case UsageGroup::projects:
+        case UsageGroup::projects: {
             titleKey = "report.projects.title";
             leading = {{r.text("column.project")}, {r.text("column.agents")}};
-            for (const auto& p : r.store().ledgerSummariesByProject(r.query)) {
+            const auto report = projectsReport(r.store(), r.query, reversed);
+            total = report.total;
+            for (const auto& p : report.rows) {
                 const std::set<AgentSource> sources(p.sources.begin(), p.sources.end());
                 rows.push_back({{{"project", p.projectDisplayName
                                                  ? nlohmann::ordered_json(*p.projectDisplayName)
@@ -289,14 +239,17 @@ int runGroupReport(CommandContext& ctx, const ReportOptions& options, UsageGroup
                                 p.summary});
             }
             break;
-        case UsageGroup::sessions:
+        }
+        case UsageGroup::sessions: {
             titleKey = "report.sessions.title";
             leading = {{r.text("column.lastActive")},
                        {r.text("column.session")},
                        {r.text("column.source")},
                        {r.text("column.project")},
                        {r.text("column.models")}};
-            for (const auto& s : r.store().ledgerSummariesBySession(r.query)) {
+            const auto report = sessionsReport(r.store(), r.query, reversed);
+            total = report.total;
+            for (const auto& s : report.rows) {
                 rows.push_back(
                     {{{"sessionKey", s.sessionKey},
                       {"source", std::string(rawValue(s.source))},
@@ -313,16 +266,10 @@ int runGroupReport(CommandContext& ctx, const ReportOptions& options, UsageGroup
                      s.summary});
             }
             break;
+        }
     }
     if (rows.empty()) {
         return printEmpty(r, ctx, json, status);
-    }
-    if (!descending(options, true)) {
-        std::ranges::reverse(rows);
-    }
-    LedgerSummary total;
-    for (const auto& row : rows) {
-        total += row.summary;
     }
 
     if (json) {

@@ -4,10 +4,9 @@
 
 #include "cli/command_context.hpp"
 #include "cli/report_context.hpp"
+#include "core/app/period_report.hpp"
 
 namespace kestrel::cli {
-
-enum class PeriodUnit { day, week, month };
 
 // `kestrel daily|weekly|monthly`: one row per period with usage (oldest first unless --order
 // desc), per-model rows under each with --breakdown, and a total. Weeks start on the locale's

@@ -28,6 +28,9 @@ namespace kestrel {
 struct PriceTable;
 struct RepriceOutcome;
 
+// What a privacy setting keeps out of the ledger from the moment it is turned off.
+enum class PrivateField { projectName, sessionKey };
+
 class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSource {
   public:
     static constexpr const char* kFileName = "usage.sqlite";
@@ -125,6 +128,14 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     // Brings ledger_rollups up to date with the events (done by the queries when needed; a
     // caller may do it ahead, for instance at the end of a scan).
     void refreshRollups();
+
+    // --- Privacy ----------------------------------------------------------------------------
+
+    // How many ledger events hold a value of `field`.
+    int64_t ledgerEventsHolding(PrivateField field);
+    // Removes every stored value of `field` (ledger events, their observations, rows kept by
+    // older builds) in one transaction; returns how many ledger events lost one.
+    int64_t forget(PrivateField field);
 
     // --- Settings (table `settings`) ----------------------------------------------------------
 

@@ -180,7 +180,56 @@ void forEachField(Visit&& visit) {
     visit("lastAppUpdateCheckAt", &S::lastAppUpdateCheckAt, Seconds{});
 }
 
+using Field = AppSettingsField;
+
+template <class E>
+std::vector<std::string> rawValues() {
+    std::vector<std::string> out;
+    for (const auto& [value, name] : EnumCases<E>::cases) {
+        out.emplace_back(name);
+    }
+    return out;
+}
+
+void describe(Field& f, const Flag&) { f.kind = Field::Kind::flag; }
+void describe(Field& f, const Integer& c) {
+    f.kind = Field::Kind::integer;
+    f.minimum = c.min;
+}
+void describe(Field& f, const Seconds& c) {
+    f.kind = Field::Kind::seconds;
+    f.positive = c.positive;
+}
+void describe(Field& f, const Text&) { f.kind = Field::Kind::text; }
+void describe(Field& f, const Bytes&) { f.kind = Field::Kind::bytes; }
+template <class E>
+void describe(Field& f, const Choice<E>&) {
+    f.kind = Field::Kind::choice;
+    f.cases = rawValues<E>();
+}
+template <class E>
+void describe(Field& f, const Choices<E>&) {
+    f.kind = Field::Kind::choices;
+    f.cases = rawValues<E>();
+}
+
 }  // namespace
+
+const std::vector<AppSettingsField>& appSettingsFields() {
+    static const std::vector<AppSettingsField> fields = [] {
+        std::vector<AppSettingsField> out;
+        const AppSettings defaults;
+        forEachField([&](const char* name, auto member, const auto& codec) {
+            AppSettingsField field;
+            field.name = name;
+            field.optional = isOptional<std::remove_cvref_t<decltype(defaults.*member)>>;
+            describe(field, codec);
+            out.push_back(std::move(field));
+        });
+        return out;
+    }();
+    return fields;
+}
 
 AppSettingsDecoding decodeAppSettings(std::string_view text) {
     AppSettingsDecoding out;

@@ -5,6 +5,8 @@
 // The text may have been edited by hand or written by a newer build, so decoding is lenient per
 // field and never throws, and encoding keeps the keys this build does not know.
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +27,30 @@ struct AppSettingsDecoding {
 
 // Reads `text`; fields that cannot be read take their defaults and are named in the result.
 AppSettingsDecoding decodeAppSettings(std::string_view text);
+
+// What one field of AppSettings holds, for showing and editing the settings as text.
+struct AppSettingsField {
+    enum class Kind {
+        flag,     // true or false
+        integer,  // a whole number, at least `minimum`
+        seconds,  // a number of seconds (a duration, or a date as seconds since the epoch)
+        text,
+        bytes,    // opaque data (base64 in JSON)
+        choice,   // one of `cases`
+        choices,  // a list of distinct `cases`, in the user's order
+    };
+    std::string name;  // the member's name, also its JSON key
+    Kind kind = Kind::text;
+    bool optional = false;  // may be absent
+    std::optional<int64_t> minimum;    // integer only
+    bool positive = false;             // seconds only: must be above zero
+    std::vector<std::string> cases;    // choice and choices: the raw values, in order
+
+    bool operator==(const AppSettingsField&) const = default;
+};
+
+// Every field of AppSettings in declaration order.
+const std::vector<AppSettingsField>& appSettingsFields();
 
 // The settings as compact JSON. Keys of `previous` (an earlier settings text) that are not
 // fields of AppSettings are kept with their values and places; every field is written anew, and

@@ -9,6 +9,7 @@
 #include "cli/cli.hpp"
 #include "cli/integrations_command.hpp"
 #include "core/integrations/integration_instance_coordinator.hpp"
+#include "core/ledger/usage_store.hpp"
 #include "tests/support/command_run.hpp"
 #include "tests/support/temp_dir.hpp"
 
