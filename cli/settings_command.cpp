@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
+#include "cli/local_time.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
 #include "core/app/display_choices.hpp"
@@ -13,10 +14,14 @@
 namespace kestrel::cli {
 namespace {
 
-// A stored value as a person reads it: lists comma-separated, "-" for unset.
-std::string valueText(const nlohmann::ordered_json& value) {
+// A stored value as a person reads it: lists comma-separated, moments in local time, "-" for
+// unset.
+std::string valueText(const nlohmann::ordered_json& value, const AppSettingsField& field) {
     if (value.is_null()) {
         return "-";
+    }
+    if (field.kind == AppSettingsField::Kind::instant && value.is_number()) {
+        return formatLocal(value.get<double>(), "%Y-%m-%d %H:%M");
     }
     if (value.is_string()) {
         return value.get<std::string>();
@@ -24,7 +29,7 @@ std::string valueText(const nlohmann::ordered_json& value) {
     if (value.is_array()) {
         std::string out;
         for (const auto& entry : value) {
-            out += (out.empty() ? "" : ",") + valueText(entry);
+            out += (out.empty() ? "" : ",") + valueText(entry, field);
         }
         return out;
     }
@@ -59,7 +64,7 @@ int runSettings(CommandContext& ctx, const std::string& language, bool json) {
     ctx.out << display.text("settings.title") << "\n\n";
     TextTable table({{display.text("column.setting")}, {display.text("column.value")}});
     for (const auto& entry : entries) {
-        table.addRow({entry.field->name, valueText(entry.value)});
+        table.addRow({entry.field->name, valueText(entry.value, *entry.field)});
     }
     table.render(ctx.out, ctx.colour);
     return kExitOK;
@@ -129,12 +134,14 @@ int runSettingsSet(CommandContext& ctx, const std::string& field, const std::str
         return kExitOK;
     }
     if (!change.changed) {
-        ctx.out << display.text("settings.unchanged", {{"field", name}, {"value", valueText(now)}})
+        ctx.out << display.text("settings.unchanged", {{"field", name}, {"value", valueText(now, *changed->field)}})
                 << '\n';
         return kExitOK;
     }
     ctx.out << display.text("settings.changed",
-                            {{"field", name}, {"old", valueText(old)}, {"new", valueText(now)}})
+                            {{"field", name},
+                             {"old", valueText(old, *changed->field)},
+                             {"new", valueText(now, *changed->field)}})
             << '\n';
     if (!change.repriced.skipped) {
         ctx.out << display.text("settings.repriced",

@@ -31,11 +31,6 @@ std::string_view trimmed(std::string_view s) {
     return s.substr(first, s.find_last_not_of(" \t") - first + 1);
 }
 
-// Fields whose value is an instant rather than a duration.
-bool isDate(const AppSettingsField& field) {
-    return field.name.ends_with("At") || field.name.ends_with("Since");
-}
-
 std::optional<int64_t> wholeNumber(std::string_view text) {
     int64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -83,12 +78,12 @@ std::optional<Json> jsonValue(const AppSettingsField& field, std::string_view te
                 return Json(*n);
             }
             return std::nullopt;
-        case Kind::seconds:
-            if (isDate(field)) {
-                if (auto day = Calendar::current().startOfDay(std::string(text))) {
-                    return Json(*day);
-                }
+        case Kind::instant:
+            if (auto day = Calendar::current().startOfDay(std::string(text))) {
+                return Json(*day);
             }
+            [[fallthrough]];
+        case Kind::seconds:
             if (auto n = number(text)) {
                 return Json(*n);
             }
@@ -176,6 +171,9 @@ std::expected<EditedSettings, SettingsInputError> withSetting(const AppSettings&
         if (!e4 || *e4 < FxRate::kMinE4 || *e4 > FxRate::kMaxE4) {
             return std::unexpected(error);
         }
+        if (*e4 == settings.cnyPerUsdE4) {
+            return EditedSettings{settings, field};  // the same rate keeps its date and source
+        }
         return EditedSettings{withFxRate(settings, *e4, today, std::nullopt), field};
     }
     Json document = Json::parse(encodeAppSettings(settings));
@@ -213,9 +211,11 @@ std::string allowedValues(const AppSettingsField& field, const DisplayChoices& d
                                    {{"min", std::to_string(field.minimum.value_or(0))}});
                 break;
             case Kind::seconds:
-                out = display.text(isDate(field)    ? "settings.allowed.date"
-                                   : field.positive ? "settings.allowed.positiveSeconds"
-                                                    : "settings.allowed.seconds");
+                out = display.text(field.positive ? "settings.allowed.positiveSeconds"
+                                                  : "settings.allowed.seconds");
+                break;
+            case Kind::instant:
+                out = display.text("settings.allowed.date");
                 break;
             case Kind::text:
                 out = display.text("settings.allowed.text");

@@ -70,6 +70,9 @@ struct Seconds {
     Json write(double value) const { return value; }
 };
 
+// A moment in time: read and written as Seconds, told apart for people editing the settings.
+struct Instant : Seconds {};
+
 struct Text {
     std::optional<std::string> read(const Json& j, bool&) const {
         return j.is_string() ? std::optional(j.get<std::string>()) : std::nullopt;
@@ -151,14 +154,14 @@ void forEachField(Visit&& visit) {
     visit("storeSession", &S::storeSession, Flag{});
     visit("cursorAccountUsageEnabled", &S::cursorAccountUsageEnabled, Flag{});
     visit("traeCNAccountUsageEnabled", &S::traeCNAccountUsageEnabled, Flag{});
-    visit("cursorAccountUsageLastSuccessAt", &S::cursorAccountUsageLastSuccessAt, Seconds{});
-    visit("traeCNAccountUsageLastSuccessAt", &S::traeCNAccountUsageLastSuccessAt, Seconds{});
+    visit("cursorAccountUsageLastSuccessAt", &S::cursorAccountUsageLastSuccessAt, Instant{});
+    visit("traeCNAccountUsageLastSuccessAt", &S::traeCNAccountUsageLastSuccessAt, Instant{});
     visit("dailyBudgetCNYFen", &S::dailyBudgetCNYFen, Integer{.min = 0});
     visit("monthlyBudgetCNYFen", &S::monthlyBudgetCNYFen, Integer{.min = 0});
     visit("grantedBookmark", &S::grantedBookmark, Bytes{});
     visit("didGrantHomeAccess", &S::didGrantHomeAccess, Flag{});
     visit("didCompleteOnboarding", &S::didCompleteOnboarding, Flag{});
-    visit("usageImportSince", &S::usageImportSince, Seconds{});
+    visit("usageImportSince", &S::usageImportSince, Instant{});
     visit("launchAtLogin", &S::launchAtLogin, Flag{});
     visit("keepMenuBar", &S::keepMenuBar, Flag{});
     visit("didConfirmMenuBarStay", &S::didConfirmMenuBarStay, Flag{});
@@ -177,7 +180,7 @@ void forEachField(Visit&& visit) {
     visit("autoSyncModelPrices", &S::autoSyncModelPrices, Flag{});
     visit("autoCheckAppUpdates", &S::autoCheckAppUpdates, Flag{});
     visit("skippedAppUpdateVersion", &S::skippedAppUpdateVersion, Text{});
-    visit("lastAppUpdateCheckAt", &S::lastAppUpdateCheckAt, Seconds{});
+    visit("lastAppUpdateCheckAt", &S::lastAppUpdateCheckAt, Instant{});
 }
 
 using Field = AppSettingsField;
@@ -200,6 +203,7 @@ void describe(Field& f, const Seconds& c) {
     f.kind = Field::Kind::seconds;
     f.positive = c.positive;
 }
+void describe(Field& f, const Instant&) { f.kind = Field::Kind::instant; }
 void describe(Field& f, const Text&) { f.kind = Field::Kind::text; }
 void describe(Field& f, const Bytes&) { f.kind = Field::Kind::bytes; }
 template <class E>

@@ -33,7 +33,8 @@ struct AppSettingsField {
     enum class Kind {
         flag,     // true or false
         integer,  // a whole number, at least `minimum`
-        seconds,  // a number of seconds (a duration, or a date as seconds since the epoch)
+        seconds,  // a duration in seconds
+        instant,  // a moment, as seconds since the Unix epoch
         text,
         bytes,    // opaque data (base64 in JSON)
         choice,   // one of `cases`
