@@ -20,7 +20,7 @@
 #include "cli/summary_command.hpp"
 #include "cli/usage_reports.hpp"
 #include "cli/watch_command.hpp"
-#include "core/ledger/usage_store.hpp"
+#include "core/app/app_paths.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -35,41 +35,6 @@ bool isTerminal(const std::ostream& stream, int fd) {
 std::optional<std::string> nonEmptyEnv(const char* name) {
     const char* value = std::getenv(name);
     return value && *value != '\0' ? std::optional<std::string>(value) : std::nullopt;
-}
-
-// The home folder to read: --home, else $KESTREL_HOME, else $HOME. Agents' own variables
-// (CLAUDE_CONFIG_DIR, ...) are honoured only for the real home, so that a run on a demo or test
-// folder never reads the user's data.
-bool resolveHome(CommandContext& ctx, const std::string& option) {
-    const auto realHome = nonEmptyEnv("HOME");
-    const std::string chosen =
-        !option.empty() ? option : nonEmptyEnv("KESTREL_HOME").value_or(realHome.value_or(""));
-    if (chosen.empty()) {
-        ctx.err << "kestrel: no home folder: set HOME or pass --home DIR\n";
-        return false;
-    }
-    std::error_code ec;
-    if (!std::filesystem::is_directory(chosen, ec)) {
-        ctx.err << "kestrel: home folder " << chosen << " does not exist or is not a folder\n";
-        return false;
-    }
-    ctx.home = std::filesystem::absolute(chosen, ec).lexically_normal();
-    ctx.env = realHome && chosen == *realHome ? processEnvironment() : emptyEnvironment();
-    return true;
-}
-
-// The ledger's folder: --support-dir, else $KESTREL_SUPPORT_DIR, else the platform default.
-void resolveSupportDir(CommandContext& ctx, const std::string& option) {
-    std::filesystem::path dir;
-    if (!option.empty()) {
-        dir = option;
-    } else {
-        const auto home = nonEmptyEnv("HOME");
-        dir = UsageStore::supportDirectoryURL(processEnvironment(),
-                                              home ? std::filesystem::path(*home) : ctx.home);
-    }
-    std::error_code ec;
-    ctx.supportDir = std::filesystem::absolute(dir, ec).lexically_normal();
 }
 
 }  // namespace
@@ -302,10 +267,19 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     ctx.outIsTerminal = isTerminal(out, STDOUT_FILENO);
     ctx.errIsTerminal = isTerminal(err, STDERR_FILENO);
     ctx.colour = ctx.outIsTerminal && !nonEmptyEnv("NO_COLOR");
-    if (!resolveHome(ctx, home)) {
+    const auto paths = resolveAppPaths(home, supportDir, processEnvironment());
+    if (!paths) {
+        if (paths.error().kind == AppPathsError::Kind::noHome) {
+            ctx.err << "kestrel: no home folder: set HOME or pass --home DIR\n";
+        } else {
+            ctx.err << "kestrel: home folder " << paths.error().home
+                    << " does not exist or is not a folder\n";
+        }
         return kExitUsage;
     }
-    resolveSupportDir(ctx, supportDir);
+    ctx.home = paths->home;
+    ctx.supportDir = paths->supportDir;
+    ctx.env = paths->env;
 
     if (events->parsed()) {
         return runEvents(ctx, report, eventsOptions, json);
