@@ -22,13 +22,11 @@ inline constexpr int64_t parserVersion = 1;
 // Below `root` (the configuration folder or a workspace): every sessions/<id>/session.jsonl and
 // every sessions/<id>/.pi-sessions/*.jsonl, sorted.
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors);
+                                            std::vector<FileError>* errors = nullptr);
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
+
 
 }  // namespace kestrel::CraftReader
