@@ -5,6 +5,7 @@
 #include <string>
 
 #include "core/model/event_id.hpp"
+#include "core/sources/agent_roots.hpp"
 #include "core/sources/event_draft.hpp"
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/json_fields.hpp"
@@ -17,6 +18,9 @@ namespace kestrel::CraftReader {
 namespace {
 
 using LineSource::LineKind;
+
+// Craft's config.json is a short settings file; anything larger is not one.
+constexpr std::uintmax_t kConfigMaxBytes = 1024 * 1024;
 
 bool isPiTranscript(const std::filesystem::path& p) {
     return p.extension() == ".jsonl" && p.parent_path().filename() == ".pi-sessions";
@@ -154,6 +158,37 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
 
 SourceReader reader() {
     return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
+}
+
+std::vector<std::filesystem::path> workspaceRoots(const std::filesystem::path& configDir,
+                                                  const std::filesystem::path& home) {
+    std::vector<std::filesystem::path> out;
+    const auto text = LineSource::readSmallFile(configDir / "config.json", kConfigMaxBytes);
+    if (!text) {
+        return out;
+    }
+    const auto config = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
+    if (!config.is_object()) {
+        return out;
+    }
+    const auto workspaces = config.find("workspaces");
+    if (workspaces == config.end() || !workspaces->is_array()) {
+        return out;
+    }
+    for (const auto& workspace : *workspaces) {
+        if (!workspace.is_object()) {
+            continue;
+        }
+        const auto rootPath = workspace.find("rootPath");
+        if (rootPath == workspace.end() || !rootPath->is_string()) {
+            continue;
+        }
+        const auto& value = rootPath->get_ref<const std::string&>();
+        if (!value.empty()) {
+            out.push_back(resolveAgainstHome(value, home));
+        }
+    }
+    return out;
 }
 
 }  // namespace kestrel::CraftReader

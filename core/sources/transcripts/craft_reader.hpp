@@ -28,5 +28,9 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 
+// The workspace folders listed in the config.json of Craft's configuration folder `configDir`,
+// resolved against `home`; a missing, oversized or malformed file or entry is passed over.
+std::vector<std::filesystem::path> workspaceRoots(const std::filesystem::path& configDir,
+                                                  const std::filesystem::path& home);
 
 }  // namespace kestrel::CraftReader
