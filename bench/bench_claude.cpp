@@ -157,10 +157,9 @@ struct Run {
 };
 
 Run ingestAll(const std::vector<fs::path>& files) {
-    const kestrel::AppSettings settings;
-    const auto prices = kestrel::PriceTable::empty();
     Run run;
-    const kestrel::ClaudeParser::EventSink sink = [&run](kestrel::UsageEvent&& e) {
+    kestrel::SourceReadContext context;
+    context.sink = [&run](kestrel::UsageEvent&& e) {
         ++run.totals.events;
         run.totals.tokens += e.raw.input + e.raw.cachedInput + e.raw.cacheCreate + e.raw.output;
         run.totals.idBytes += static_cast<int64_t>(e.id.size() + e.model.size());
@@ -168,7 +167,8 @@ Run ingestAll(const std::vector<fs::path>& files) {
     const double cpuStarted = cpuSeconds();
     const auto started = Clock::now();
     for (const auto& file : files) {
-        auto result = kestrel::ClaudeParser::ingest(file, std::nullopt, settings, prices, sink);
+        context.file = file;
+        auto result = kestrel::ClaudeParser::ingest(context);
         if (!result) {
             ++run.failedFiles;
             continue;

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <string>
 
+#include "core/sources/agent_table.hpp"
+
 namespace kestrel {
 
 namespace {
 
-using S = AgentSource;
 using F = AgentDataFormat;
 using Cap = IntegrationCapability;
 using Perm = IntegrationPermission;
@@ -15,68 +16,19 @@ using Perm = IntegrationPermission;
 constexpr std::string_view kPluginIDPrefix = "com.nordwick.kestrel.agent.";
 
 bool hasPlugin(AgentSource source) {
-    return source != S::openrouter && source != S::deepseek;
+    return !agentIdentity(source).accountOnly;
 }
 
-// The agents whose hooks the hook installer manages.
-bool isHookSource(AgentSource source) {
-    switch (source) {
-        case S::claude:
-        case S::codex:
-        case S::grok:
-        case S::kimi:
-        case S::opencode:
-        case S::cursor:
-        case S::pi:
-        case S::omp:
-            return true;
-        default:
-            return false;
+bool readsProductDatabase(const AgentTableRow& agent) {
+    return agent.productDatabase || agent.format == F::sqlite || agent.format == F::openCode ||
+           agent.format == F::copilot;
+}
+
+UsagePrecision precisionFor(const AgentTableRow& agent) {
+    if (agent.precision) {
+        return *agent.precision;
     }
-}
-
-// The agents whose subscriptions can be discovered and whose quota can be read.
-bool isSubscriptionSource(AgentSource source) {
-    switch (source) {
-        case S::claude:
-        case S::codex:
-        case S::grok:
-        case S::kimi:
-        case S::opencode:
-        case S::pi:
-        case S::zcode:
-            return true;
-        default:
-            return false;
-    }
-}
-
-AgentDataFormat dataFormat(AgentSource source) {
-    // The format does not depend on where the roots resolve, so any home will do.
-    auto entry = AgentCatalog::spec(source, "/");
-    return entry ? entry->format : F::native;
-}
-
-bool readsProductDatabase(AgentSource source, AgentDataFormat format) {
-    return source == S::codex || format == F::sqlite || format == F::openCode ||
-           format == F::copilot;
-}
-
-UsagePrecision precisionFor(AgentSource source, AgentDataFormat format) {
-    switch (source) {
-        case S::codex:
-        case S::hermes:
-        case S::zed:
-        case S::goose:
-            return UsagePrecision::derivedExact;
-        case S::antigravity:
-            return UsagePrecision::estimateOnly;
-        case S::dots:
-            return UsagePrecision::unsupported;
-        default:
-            break;
-    }
-    switch (format) {
+    switch (agent.format) {
         case F::codexJSONL:
         case F::antigravityTranscript:
         case F::cumulativeJSON:
@@ -86,15 +38,15 @@ UsagePrecision precisionFor(AgentSource source, AgentDataFormat format) {
     }
 }
 
-std::set<ActivityEvidenceKind> evidenceFor(AgentSource source, AgentDataFormat format) {
+std::set<ActivityEvidenceKind> evidenceFor(const AgentTableRow& agent) {
     std::set<ActivityEvidenceKind> out;
-    if (source != S::dots) {
+    if (agent.fileActivity) {
         out.insert(ActivityEvidenceKind::filesystem);
     }
-    if (isHookSource(source)) {
+    if (agent.hooksManaged) {
         out.insert(ActivityEvidenceKind::hook);
     }
-    if (readsProductDatabase(source, format)) {
+    if (readsProductDatabase(agent)) {
         out.insert(ActivityEvidenceKind::productDatabase);
     }
     return out;
@@ -113,15 +65,15 @@ void declare(std::vector<IntegrationCapabilityDeclaration>& out, Cap capability,
 }
 
 std::vector<IntegrationCapabilityDeclaration> declarationsFor(
-    AgentSource source, AgentDataFormat format, const std::set<ActivityEvidenceKind>& evidence) {
+    const AgentTableRow& agent, const std::set<ActivityEvidenceKind>& evidence) {
     std::vector<IntegrationCapabilityDeclaration> out;
     declare(out, Cap::installationDetection, {Perm::homeDirectoryRead});
 
     std::set<Perm> importNeeds{Perm::homeDirectoryRead};
-    if (readsProductDatabase(source, format)) {
+    if (readsProductDatabase(agent)) {
         importNeeds.insert(Perm::productDatabaseRead);
     }
-    if (format == F::accountAPI) {
+    if (agent.format == F::accountAPI) {
         importNeeds.insert({Perm::networkAccess, Perm::credentialRead});
     }
     declare(out, Cap::usageImport, std::move(importNeeds));
@@ -129,10 +81,10 @@ std::vector<IntegrationCapabilityDeclaration> declarationsFor(
     if (!evidence.empty()) {
         declare(out, Cap::activity, {Perm::homeDirectoryRead});
     }
-    if (isHookSource(source)) {
+    if (agent.hooksManaged) {
         declare(out, Cap::hookManagement, {Perm::homeDirectoryRead, Perm::hookConfigurationWrite});
     }
-    if (isSubscriptionSource(source)) {
+    if (agent.subscriptionsKnown) {
         declare(out, Cap::subscriptionDiscovery, {Perm::homeDirectoryRead});
         declare(out, Cap::quota, {Perm::networkAccess, Perm::credentialRead});
     }
@@ -157,7 +109,7 @@ std::optional<IntegrationPluginDescriptor> PluginRegistry::builtInDescriptor(Age
     if (!id) {
         return std::nullopt;
     }
-    auto format = dataFormat(source);
+    const auto& agent = AgentTable::row(source);
     IntegrationPluginDescriptor d;
     d.id = std::move(*id);
     d.version = 1;
@@ -165,9 +117,9 @@ std::optional<IntegrationPluginDescriptor> PluginRegistry::builtInDescriptor(Age
     d.iconKey = std::string(rawValue(source));
     d.legacySource = source;
     d.trust = IntegrationPluginTrust::builtInSigned;
-    d.usagePrecision = precisionFor(source, format);
-    d.activityEvidence = evidenceFor(source, format);
-    d.capabilityDeclarations = declarationsFor(source, format, d.activityEvidence);
+    d.usagePrecision = precisionFor(agent);
+    d.activityEvidence = evidenceFor(agent);
+    d.capabilityDeclarations = declarationsFor(agent, d.activityEvidence);
     return d;
 }
 

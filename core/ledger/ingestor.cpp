@@ -6,6 +6,7 @@
 #include <iterator>
 #include <unordered_map>
 
+#include "core/ledger/event_finishing.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
@@ -42,7 +43,7 @@ class LatestEvents {
         }
     }
     int64_t produced() const { return produced_; }
-    const std::vector<UsageEvent>& events() const { return events_; }
+    std::vector<UsageEvent>& events() { return events_; }
     void release() {
         std::vector<UsageEvent>().swap(events_);
         std::unordered_map<std::string, std::size_t>().swap(index_);
@@ -166,7 +167,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
                 planned.rootErrors.push_back(*error);
                 continue;
             }
-            auto found = planned.reader.discover(root, planned.listErrors);
+            auto found = planned.reader.discover(root, &planned.listErrors);
             planned.files.insert(planned.files.end(), std::make_move_iterator(found.begin()),
                                  std::make_move_iterator(found.end()));
         }
@@ -179,9 +180,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
                 }
             }
             planned.stored = &cached->second;
-            if (planned.reader.defaultModel) {
-                planned.defaultModel = planned.reader.defaultModel(planned.roots);
-            }
+            planned.defaultModel = SourceReaders::defaultModel(source, planned.roots);
         }
         total += static_cast<int64_t>(planned.files.size());
         plans.push_back(std::move(planned));
@@ -245,12 +244,6 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     }
 
     const double startedAt = epochNow();
-    PriceTable prices;
-    {
-        std::lock_guard guard(stateMutex_);
-        prices = prices_;
-    }
-    const SourceReadContext context{settings, prices, planned.defaultModel};
     const auto& reader = planned.reader;
     LatestEvents events;
     std::vector<UsageEvent> fileEvents;
@@ -302,12 +295,18 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         }
 
         fileEvents.clear();
+        SourceReadContext context;
+        context.source = planned.source;
+        context.file = file;
+        context.checkpoint = std::move(previous);
+        context.defaultModel = planned.defaultModel;
+        context.sink = [&](UsageEvent&& e) { fileEvents.push_back(std::move(e)); };
         std::expected<IngestResult, FileError> result;
         try {
-            result = reader.ingest(file, previous, context,
-                                   [&](UsageEvent&& e) { fileEvents.push_back(std::move(e)); });
+            result = reader.ingest(context);
         } catch (const std::exception& e) {
-            // A reader that fails in a way it did not foresee costs this file, not the scan.
+            // Readers report bad input as values; this is for what they did not foresee (memory
+            // running out), which costs this file, not the scan.
             result = std::unexpected(FileError{file.string(), "read", 0, e.what()});
             fileEvents.clear();
         }
@@ -352,6 +351,15 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     }
     // Nothing new and no rescan asked for: the ledger stays exactly as it was.
     if (!checkpoints.empty() || force) {
+        PriceTable prices;
+        {
+            std::lock_guard guard(stateMutex_);
+            prices = prices_;
+        }
+        // Readers leave pricing and the privacy settings to this one place.
+        for (auto& event : events.events()) {
+            event = finishEvent(std::move(event), settings, prices);
+        }
         const double completedAt = epochNow();
         AdapterCheckpoint adapterCheckpoint;
         adapterCheckpoint.adapterID = std::string(rawValue(planned.source));

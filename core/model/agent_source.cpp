@@ -7,82 +7,33 @@
 namespace kestrel {
 namespace {
 
-struct SourceTexts {
-    AgentSource source;
-    std::string_view display;
-    std::string_view shortLabel;
-};
+using detail::kAgentIdentities;
 
-// Product names stay untranslated in both languages, so they live here and not in the catalogue.
-constexpr std::array<SourceTexts, 37> kTexts{{
-    {AgentSource::claude, "Claude Code", "Claude"},
-    {AgentSource::codex, "Codex", "Codex"},
-    {AgentSource::cursor, "Cursor", "Cursor"},
-    {AgentSource::gemini, "Gemini CLI", "Gemini"},
-    {AgentSource::antigravity, "Antigravity", "AGY"},
-    {AgentSource::kiro, "Kiro", "Kiro"},
-    {AgentSource::opencode, "opencode", "OC"},
-    {AgentSource::openclaw, "OpenClaw", "Claw"},
-    {AgentSource::everyCode, "Every Code", "Every"},
-    {AgentSource::hermes, "Hermes", "Hermes"},
-    {AgentSource::copilot, "Copilot", "Copilot"},
-    {AgentSource::kimi, "Kimi Code", "Kimi"},
-    {AgentSource::codebuddy, "CodeBuddy", "CB"},
-    {AgentSource::workbuddy, "WorkBuddy", "WB"},
-    {AgentSource::grok, "Grok", "Grok"},
-    {AgentSource::omp, "omp", "omp"},
-    {AgentSource::pi, "pi", "pi"},
-    {AgentSource::dots, "dots", "dots"},
-    {AgentSource::primeAgent, "Prime Agent", "Prime"},
-    {AgentSource::craft, "Craft Agent", "Craft"},
-    {AgentSource::reasonix, "Reasonix", "Rnx"},
-    {AgentSource::kiloCLI, "Kilo CLI", "Kilo"},
-    {AgentSource::kiloCode, "Kilo Code", "KiloC"},
-    {AgentSource::rooCode, "Roo Code", "Roo"},
-    {AgentSource::zed, "Zed", "Zed"},
-    {AgentSource::goose, "goose", "goose"},
-    {AgentSource::droid, "Droid", "Droid"},
-    {AgentSource::mimo, "MiMo Code", "MiMo"},
-    {AgentSource::zcode, "Z Code", "ZCode"},
-    {AgentSource::qoder, "Qoder", "Qoder"},
-    {AgentSource::qoderCN, "Qoder CN", "QoderCN"},
-    {AgentSource::anythingLLM, "AnythingLLM", "ALLM"},
-    {AgentSource::claudeScience, "Claude Science", "CSci"},
-    {AgentSource::deepseekHarness, "DeepSeek Harness", "DSH"},
-    {AgentSource::traeWorkCN, "TRAE SOLO CN", "TRAE"},
-    {AgentSource::openrouter, "OpenRouter", "OR"},
-    {AgentSource::deepseek, "DeepSeek", "DS"},
-}};
-
-constexpr auto kAll = allCases<AgentSource>();
-
-constexpr bool producesUsage(AgentSource s) {
-    return s != AgentSource::openrouter && s != AgentSource::deepseek;
-}
-
-constexpr auto kUsageSources = [] {
-    std::array<AgentSource, kAll.size() - 2> out{};
-    std::size_t n = 0;
-    for (auto s : kAll) {
-        if (producesUsage(s)) {
-            out[n++] = s;
-        }
-    }
-    return out;
-}();
-
-const SourceTexts& texts(AgentSource source) {
-    return kTexts[static_cast<std::size_t>(source)];
-}
-
+// Rows are looked up by the case's position.
 static_assert([] {
-    for (std::size_t i = 0; i < kTexts.size(); ++i) {
-        if (static_cast<std::size_t>(kTexts[i].source) != i) {
+    for (std::size_t i = 0; i < kAgentIdentities.size(); ++i) {
+        if (static_cast<std::size_t>(kAgentIdentities[i].source) != i) {
             return false;
         }
     }
     return true;
 }());
+
+constexpr auto kAll = allCases<AgentSource>();
+
+constexpr auto kUsageSourceCount = static_cast<std::size_t>(std::ranges::count_if(
+    kAgentIdentities, [](const AgentIdentity& row) { return !row.accountOnly; }));
+
+constexpr auto kUsageSources = [] {
+    std::array<AgentSource, kUsageSourceCount> out{};
+    std::size_t n = 0;
+    for (const auto& row : kAgentIdentities) {
+        if (!row.accountOnly) {
+            out[n++] = row.source;
+        }
+    }
+    return out;
+}();
 
 }  // namespace
 
@@ -90,12 +41,16 @@ std::span<const AgentSource> allAgentSources() {
     return kAll;
 }
 
+const AgentIdentity& agentIdentity(AgentSource source) {
+    return kAgentIdentities[static_cast<std::size_t>(source)];
+}
+
 std::string_view displayName(AgentSource source) {
-    return texts(source).display;
+    return agentIdentity(source).displayName;
 }
 
 std::string_view shortLabel(AgentSource source) {
-    return texts(source).shortLabel;
+    return agentIdentity(source).shortLabel;
 }
 
 std::span<const AgentSource> usageSources() {
@@ -103,17 +58,7 @@ std::span<const AgentSource> usageSources() {
 }
 
 int64_t usageSemanticsVersion(AgentSource source) {
-    switch (source) {
-        case AgentSource::kimi:
-        case AgentSource::workbuddy:
-        case AgentSource::grok:
-            return 2;
-        case AgentSource::openrouter:
-        case AgentSource::deepseek:
-            return 0;
-        default:
-            return 1;
-    }
+    return agentIdentity(source).usageSemanticsVersion;
 }
 
 std::optional<AgentSource> agentSourceNamed(std::string_view name) {

@@ -1,6 +1,7 @@
 #pragma once
 // Where each agent keeps its records and in which format: the ingestor finds files to scan and
-// the watcher finds folders to watch through this catalogue.
+// the watcher finds folders to watch through this catalogue. Each agent's facts are its row in
+// the agent table (agent_table.hpp).
 
 #include <filesystem>
 #include <functional>

@@ -85,8 +85,7 @@ struct FileFacts {
     std::string lastHash;
 };
 
-UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& settings,
-                     const PriceTable& prices) {
+UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file) {
     UsageEvent e;
     e.id = EventID::claude(r.messageID);
     if (auto t = parseISO8601(r.timestamp)) {
@@ -111,9 +110,7 @@ UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& 
         file.lastHash = Privacy::cwdHash(identity);
     }
     e.cwdHash = file.lastHash;
-    if (settings.storeProject) {
-        e.projectDisplayName = displayLabel(r, file.projectKey);
-    }
+    e.projectDisplayName = displayLabel(r, file.projectKey);
     e.sessionID = r.sessionID.empty() ? file.sessionFromName : r.sessionID;
     e.raw = TokenSnapshot{
         r.inputTokens, r.cacheReadInputTokens, r.cacheCreationInputTokens, r.outputTokens, 0, 0};
@@ -126,11 +123,10 @@ UsageEvent makeEvent(const ClaudeRecord& r, FileFacts& file, const AppSettings& 
     e.providerOutputTotal = mapped.providerOut;
     e.providerTotal = mapped.providerTotal;
     e.usageSemanticsVersion = usageSemanticsVersion(AgentSource::claude);
-    e.billingMode = settings.billingMode;
     // Carries the agent's own cost figure, which pricing prefers over the table.
     e.rawExtras = extrasOf(r);
     e.promptTokens = TokenSemantics::promptTokens(e.exclusive);
-    return prices.applied(std::move(e), settings.billingMode);
+    return e;
 }
 
 bool isEmptyErrorRecord(const ClaudeRecord& r) {
@@ -140,10 +136,9 @@ bool isEmptyErrorRecord(const ClaudeRecord& r) {
 
 }  // namespace
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const EventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& transcript = context.file;
+    const auto& checkpoint = context.checkpoint;
     const int64_t start = checkpoint && checkpoint->byteOffset ? *checkpoint->byteOffset : 0;
 
     FileFacts facts;
@@ -166,7 +161,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
                 if (isEmptyErrorRecord(record)) {
                     ++result.stats.withoutUsage;
                 } else {
-                    sink(makeEvent(record, facts, settings, prices));
+                    context.sink(makeEvent(record, facts));
                 }
                 break;
             case ClaudeLineKind::noUsage:
@@ -207,17 +202,8 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& trans
     return result;
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings,
-                                              const PriceTable& prices) {
-    std::vector<UsageEvent> events;
-    auto result = ingest(transcript, checkpoint, settings, prices,
-                         [&](UsageEvent&& e) { events.push_back(std::move(e)); });
-    if (result) {
-        result->events = std::move(events);
-    }
-    return result;
+SourceReader reader() {
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 namespace {

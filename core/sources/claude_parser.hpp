@@ -5,17 +5,15 @@
 #include <cstdint>
 #include <expected>
 #include <filesystem>
-#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 
-#include "core/model/app_settings.hpp"
-#include "core/model/source_checkpoint.hpp"
 #include "core/model/account_snapshot.hpp"
-#include "core/pricing/price_table.hpp"
+#include "core/model/source_checkpoint.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
+#include "core/sources/source_readers.hpp"
 
 namespace kestrel::ClaudeParser {
 
@@ -32,22 +30,13 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 // path has no such component.
 std::string projectKey(const std::filesystem::path& transcript);
 
-// Receives each event as it is read, in file order.
-using EventSink = std::function<void(UsageEvent&&)>;
+// Reads the part of `context.file` after `context.checkpoint` (from offset 0 without one) and
+// streams the events to the context's sink; the returned result has no events but the new
+// checkpoint and the counts. Fails only when the file cannot be opened or read; malformed lines
+// are skipped and counted.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
-// Reads the part of `transcript` after the checkpoint (from offset 0 without one) and streams the
-// events to `sink`; the returned result has no events but the new checkpoint and the counts.
-// Fails only when the file cannot be opened or read; malformed lines are skipped and counted.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const EventSink& sink);
-
-// As above, collecting the events into the result.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& transcript,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings,
-                                              const PriceTable& prices);
+SourceReader reader();
 
 // The signed-in account from the agent's ~/.claude.json (its "oauthAccount" object); absent when
 // the file or the object is missing. The e-mail address is kept masked only.

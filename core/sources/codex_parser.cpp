@@ -475,14 +475,12 @@ std::optional<AccountSnapshot> quotaFrom(const RateLimits& limits, double at, Ag
 }
 
 struct Reading {
-    const AppSettings& settings;
-    const PriceTable& prices;
     AgentSource source;  // codex, or a fork writing the same rollouts
     double fileTime = 0;
     std::string sessionFromName;
     CodexContext context;
     IngestResult& result;
-    const EventSink& sink;
+    const SourceEventSink& sink;
     double quotaAt = -1;
     int64_t usableReports = 0;
     int64_t unreadableReports = 0;
@@ -679,9 +677,7 @@ struct Reading {
         }
         if (!context.cwd.empty()) {
             e.cwdHash = Privacy::cwdHash(context.cwd);
-            if (settings.storeProject) {
-                e.projectDisplayName = Privacy::displayName(context.cwd);
-            }
+            e.projectDisplayName = Privacy::displayName(context.cwd);
         }
         e.sessionID = session;
         e.raw = usage;
@@ -704,13 +700,12 @@ struct Reading {
         e.providerOutputTotal = mapped.providerOut;
         e.providerTotal = mapped.providerTotal;
         e.usageSemanticsVersion = usageSemanticsVersion(source);
-        e.billingMode = settings.billingMode;
         if (!context.forkedFromID.empty()) {
             nlohmann::json extras{{"forkedFromId", context.forkedFromID}};
             e.rawExtras = extras.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         }
         e.promptTokens = TokenSemantics::promptTokens(e.exclusive);
-        return prices.applied(std::move(e), settings.billingMode);
+        return e;
     }
 };
 
@@ -739,11 +734,10 @@ std::optional<CodexContext> contextFrom(const SourceCheckpoint& cp) {
 
 }  // namespace
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollout,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel,
-                                              const EventSink& sink, AgentSource source) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& read) {
+    const auto& rollout = read.file;
+    const auto& checkpoint = read.checkpoint;
+    const AgentSource source = read.source;
     const bool compressed = isCompressed(rollout);
     const auto stamp = fileStamp(rollout);
     if (compressed && checkpoint && checkpoint->fileStamp && stamp &&
@@ -765,16 +759,14 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
     }
 
     IngestResult result;
-    Reading reading{settings,
-                    prices,
-                    source,
+    Reading reading{source,
                     modificationTime(rollout),
                     sessionIDFromName(rollout),
                     resumed.value_or(CodexContext{}),
                     result,
-                    sink};
+                    read.sink};
     if (reading.context.model.empty()) {
-        reading.context.model = defaultModel;
+        reading.context.model = read.defaultModel;
     }
     if (resumed && !resumed->tokenUsageBaselines.empty()) {
         result.checkpoint.lastCumulative = resumed->tokenUsageBaselines.back();
@@ -825,17 +817,59 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollo
     return result;
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollout,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel) {
-    std::vector<UsageEvent> events;
-    auto result = ingest(rollout, checkpoint, settings, prices, defaultModel,
-                         [&](UsageEvent&& e) { events.push_back(std::move(e)); });
-    if (result) {
-        result->events = std::move(events);
+SourceReader reader() {
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
+}
+
+namespace {
+
+std::string_view trim(std::string_view s) {
+    const auto first = s.find_first_not_of(" \t\r");
+    if (first == std::string_view::npos) {
+        return {};
     }
-    return result;
+    const auto last = s.find_last_not_of(" \t\r");
+    return s.substr(first, last - first + 1);
+}
+
+}  // namespace
+
+std::string configuredModel(const std::vector<std::filesystem::path>& roots) {
+    // A full TOML parser is not worth it for one quoted string. Only a small regular file is
+    // read: a FIFO or a device in its place must not stall the scan.
+    constexpr std::uintmax_t kMaxConfigBytes = 1 << 20;
+    for (const auto& root : roots) {
+        const auto config = root / "config.toml";
+        std::error_code ec;
+        if (!std::filesystem::is_regular_file(config, ec) ||
+            std::filesystem::file_size(config, ec) > kMaxConfigBytes || ec) {
+            continue;
+        }
+        std::ifstream in(config);
+        std::string line;
+        while (in && std::getline(in, line)) {
+            const auto text = trim(line);
+            if (text.starts_with('[')) {
+                break;
+            }
+            if (!text.starts_with("model")) {
+                continue;
+            }
+            auto rest = trim(text.substr(5));
+            if (!rest.starts_with('=')) {
+                continue;  // model_provider, model_reasoning_effort, ...
+            }
+            rest = trim(rest.substr(1));
+            if (rest.size() >= 2 && (rest.front() == '"' || rest.front() == '\'')) {
+                const auto close = rest.find(rest.front(), 1);
+                if (close != std::string_view::npos && close > 1) {
+                    // The name lands in checkpoints and the ledger, which hold valid UTF-8 only.
+                    return utf8::replaceInvalid(rest.substr(1, close - 1));
+                }
+            }
+        }
+    }
+    return {};
 }
 
 // ---- auth.json ---------------------------------------------------------------------------------

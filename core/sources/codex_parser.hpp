@@ -7,20 +7,18 @@
 #include <cstdint>
 #include <expected>
 #include <filesystem>
-#include <functional>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "core/model/account_snapshot.hpp"
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/tokens.hpp"
-#include "core/model/account_snapshot.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
+#include "core/sources/source_readers.hpp"
 
 namespace kestrel {
 
@@ -68,27 +66,21 @@ std::optional<std::string> rolloutDate(const std::filesystem::path& rollout);
 // The session identifier in a rollout's name (the trailing UUID); empty when there is none.
 std::string sessionIDFromName(const std::filesystem::path& rollout);
 
-using EventSink = std::function<void(UsageEvent&&)>;
-
-// Reads the part of `rollout` after the checkpoint and streams the events to `sink`; the result
-// carries the new checkpoint (with the updated CodexContext), the counts and the latest
+// Reads the part of `context.file` after the checkpoint and streams the events to the sink; the
+// result carries the new checkpoint (with the updated CodexContext), the counts and the latest
 // rate-limit reading as `quota`. A compressed rollout is read whole whenever its stamp differs
-// from the checkpoint's, and not at all when it is the same. `defaultModel` names the model
-// until a turn_context does. `source` is the agent that wrote the rollout (forks of Codex write
-// the same format); events, checkpoint and quota carry it. Fails only when the file cannot be
-// opened, read or decompressed.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollout,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel,
-                                              const EventSink& sink,
-                                              AgentSource source = AgentSource::codex);
+// from the checkpoint's, and not at all when it is the same. `context.defaultModel` names the
+// model until a turn_context does. `context.source` is the agent that wrote the rollout (forks
+// of Codex write the same format); events, checkpoint and quota carry it. Fails only when the
+// file cannot be opened, read or decompressed.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
-// As above, collecting the events into the result.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& rollout,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel);
+// The reader of Codex and of its forks that write the same rollouts.
+SourceReader reader();
+
+// The top-level `model = "..."` of the first `config.toml` among `roots` that sets one (before
+// the first table header); empty when none does.
+std::string configuredModel(const std::vector<std::filesystem::path>& roots);
 
 // The account behind the agent's auth.json: the e-mail claim of its id_token (kept masked) and
 // the subscription plan; absent when the document has no usable id_token.

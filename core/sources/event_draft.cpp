@@ -45,7 +45,7 @@ std::string providerForModel(std::string_view model) {
     return "unknown";
 }
 
-UsageEvent buildEvent(const EventDraft& d, const AppSettings& settings, const PriceTable& prices) {
+UsageEvent buildEvent(const EventDraft& d) {
     UsageEvent e;
     e.id = d.id;
     e.occurredAt = d.occurredAt;
@@ -59,11 +59,9 @@ UsageEvent buildEvent(const EventDraft& d, const AppSettings& settings, const Pr
     if (!d.cwd.empty()) {
         e.cwdHash = Privacy::cwdHash(d.cwd);
     }
-    if (settings.storeProject) {
-        const std::string label = !d.cwd.empty() ? Privacy::displayName(d.cwd) : d.projectName;
-        if (!label.empty()) {
-            e.projectDisplayName = utf8::replaceInvalid(label);
-        }
+    const std::string label = !d.cwd.empty() ? Privacy::displayName(d.cwd) : d.projectName;
+    if (!label.empty()) {
+        e.projectDisplayName = utf8::replaceInvalid(label);
     }
     e.sessionID = utf8::replaceInvalid(d.sessionID);
     e.raw = TokenSnapshot{d.input,  d.cachedInput, d.cacheWrite,
@@ -76,10 +74,10 @@ UsageEvent buildEvent(const EventDraft& d, const AppSettings& settings, const Pr
     e.providerOutputTotal = mapped.providerOut;
     e.providerTotal = mapped.providerTotal;
     e.usageSemanticsVersion = usageSemanticsVersion(d.source);
-    e.billingMode = settings.billingMode;
+    // Carries the agent's own cost, which pricing prefers over the table.
     e.rawExtras = d.rawExtras;
     e.promptTokens = TokenSemantics::promptTokens(e.exclusive);
-    return prices.applied(std::move(e), settings.billingMode);
+    return e;
 }
 
 }  // namespace kestrel

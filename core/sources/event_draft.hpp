@@ -1,18 +1,15 @@
 #pragma once
-// What every reader knows about one usage record, turned into a priced UsageEvent the same way
-// for every agent: the token family's rule makes the buckets, the user's privacy choices decide
-// what of the project and session is kept, and the price table (or the agent's own cost in
-// rawExtras) prices it.
+// What every reader knows about one usage record, turned into a UsageEvent the same way for
+// every agent: the token family's rule makes the buckets. The event is not priced yet and keeps
+// its project label; the ingestor applies the user's billing mode, prices and privacy choices.
 
 #include <optional>
 #include <string>
 
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/tokens.hpp"
 #include "core/model/usage_enums.hpp"
 #include "core/model/usage_event.hpp"
-#include "core/pricing/price_table.hpp"
 
 namespace kestrel {
 
@@ -44,7 +41,8 @@ struct EventDraft {
 // glm*, "alibaba" for qwen*, "xiaomi" for mimo*; "unknown" otherwise.
 std::string providerForModel(std::string_view model);
 
-UsageEvent buildEvent(const EventDraft& draft, const AppSettings& settings,
-                      const PriceTable& prices);
+// The unpriced event: names made valid UTF-8, the working directory hashed, the project label
+// taken from the directory (else `projectName`), buckets by the source's token family.
+UsageEvent buildEvent(const EventDraft& draft);
 
 }  // namespace kestrel

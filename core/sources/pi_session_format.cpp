@@ -343,8 +343,7 @@ EventDraft draft(AgentSource source, const PiUsage& usage, const SessionState& s
 
 LineKind consume(LineReader& reader, std::string_view text, std::size_t paddingAfter,
                  int64_t position, AgentSource source, SessionState& session,
-                 const SourceReadContext& context, const SourceEventSink& sink,
-                 double fallbackTime) {
+                 const SourceEventSink& sink, double fallbackTime) {
     auto line = reader.read(text, paddingAfter);
     if (line.sessionID && !line.sessionID->empty()) {
         session.sessionID = *line.sessionID;
@@ -353,16 +352,15 @@ LineKind consume(LineReader& reader, std::string_view text, std::size_t paddingA
         session.cwd = *line.cwd;
     }
     if (line.usage) {
-        sink(buildEvent(draft(source, *line.usage, session, position, fallbackTime),
-                        context.settings, context.prices));
+        sink(buildEvent(draft(source, *line.usage, session, position, fallbackTime)));
     }
     return line.kind;
 }
 
 std::expected<IngestResult, FileError> ingestLines(
-    AgentSource source, int64_t parserVersion, const std::filesystem::path& file,
-    const std::optional<SourceCheckpoint>& checkpoint, const SourceReadContext& context,
-    const SourceEventSink& sink) {
+    AgentSource source, int64_t parserVersion, const SourceReadContext& context,
+    const std::optional<SourceCheckpoint>& checkpoint) {
+    const auto& file = context.file;
     SessionState session =
         checkpoint ? SessionState::decode(checkpoint->parserContext) : SessionState{};
     if (session.sessionID.empty()) {
@@ -373,12 +371,17 @@ std::expected<IngestResult, FileError> ingestLines(
     auto result = LineSource::read(source, parserVersion, file, checkpoint,
                                    [&](std::string_view line, int64_t offset) {
                                        return consume(reader, line, JSONL::kLinePadding, offset,
-                                                      source, session, context, sink, fallbackTime);
+                                                      source, session, context.sink, fallbackTime);
                                    });
     if (result) {
         result->checkpoint.parserContext = session.encode();
     }
     return result;
+}
+
+std::expected<IngestResult, FileError> ingestLines(AgentSource source, int64_t parserVersion,
+                                                   const SourceReadContext& context) {
+    return ingestLines(source, parserVersion, context, context.checkpoint);
 }
 
 std::string sessionIDFromFileName(const std::filesystem::path& file) {
@@ -408,9 +411,9 @@ double modificationTime(const std::filesystem::path& file) {
 }
 
 std::vector<std::filesystem::path> discoverSessions(const std::filesystem::path& root,
-                                                    std::vector<FileError>& errors) {
+                                                    std::vector<FileError>* errors) {
     DiscoveryOptions options;
-    options.errors = &errors;
+    options.errors = errors;
     options.accept = [&root](const std::filesystem::path& p) {
         if (p.extension() != ".jsonl") {
             return false;

@@ -95,16 +95,19 @@ EventDraft draft(AgentSource source, const PiUsage& usage, const SessionState& s
 // Reads one line into `session` (a header) or an event (a usage record) sent to `sink`.
 LineSource::LineKind consume(LineReader& reader, std::string_view line, std::size_t paddingAfter,
                              int64_t position, AgentSource source, SessionState& session,
-                             const SourceReadContext& context, const SourceEventSink& sink,
-                             double fallbackTime);
+                             const SourceEventSink& sink, double fallbackTime);
 
-// An append-only transcript read on from its checkpoint; the session state (and so the session
-// id and cwd named in the header) survives in the checkpoint's parser context. The session id
-// defaults to the file's id (the part after "_" in "<ts>_<id>.jsonl").
+// An append-only transcript (`context.file`) read on from `checkpoint` as `source`'s; the
+// session state (and so the session id and cwd named in the header) survives in the
+// checkpoint's parser context. The session id defaults to the file's id (the part after "_" in
+// "<ts>_<id>.jsonl").
 std::expected<IngestResult, FileError> ingestLines(
-    AgentSource source, int64_t parserVersion, const std::filesystem::path& file,
-    const std::optional<SourceCheckpoint>& checkpoint, const SourceReadContext& context,
-    const SourceEventSink& sink);
+    AgentSource source, int64_t parserVersion, const SourceReadContext& context,
+    const std::optional<SourceCheckpoint>& checkpoint);
+
+// The same, from the context's own checkpoint.
+std::expected<IngestResult, FileError> ingestLines(AgentSource source, int64_t parserVersion,
+                                                   const SourceReadContext& context);
 
 // The session id a file name implies: "<ts>_<id>.jsonl" → "<id>", else the name without
 // ".jsonl" (and without the archive suffixes ".reset.<ts>" / ".zst").
@@ -115,6 +118,6 @@ double modificationTime(const std::filesystem::path& file);
 
 // Every "*.jsonl" below `root` with a "sessions" folder between `root` and the file.
 std::vector<std::filesystem::path> discoverSessions(const std::filesystem::path& root,
-                                                    std::vector<FileError>& errors);
+                                                    std::vector<FileError>* errors = nullptr);
 
 }  // namespace kestrel::PiSessionFormat

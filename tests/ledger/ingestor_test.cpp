@@ -10,8 +10,10 @@
 
 #include "core/integrations/in_memory_instance_repository.hpp"
 #include "core/integrations/integration_instance_coordinator.hpp"
+#include "core/sources/claude_parser.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tests/support/unprivileged.hpp"
+#include "tools/agent_corpus/misc_corpus.hpp"
 
 namespace kestrel {
 namespace {
@@ -405,6 +407,107 @@ TEST_F(IngestorTest, WithoutACoordinatorEverySourceWithAReaderIsEligible) {
     EXPECT_EQ(bare.status(AgentSource::claude), SourceStatus::notInstalled);
 }
 
+// Readers hand over unpriced events that keep their project names; the ingestor applies the
+// user's billing mode, prices and privacy choices to every source alike before the commit.
+class IngestorSettingsTest : public ::testing::Test {
+  protected:
+    IngestorSettingsTest() {
+        home.write(kClaudeFile, claudeLine("m1", 5) + claudeVendorCostLine("m2"));
+        home.write(kCodexFile, codexRollout(2));
+        // Built through the shared event draft, unlike the two above.
+        corpus::writeBuddyHome(home.path(), ".codebuddy", 2, 2, 3);
+    }
+
+    static std::string claudeVendorCostLine(const std::string& id) {
+        auto line = claudeLine(id, 9);
+        line.insert(1, R"("costUSD":0.0123,)");
+        return line;
+    }
+
+    // Scans the home into a fresh ledger; its entries by observation id.
+    std::map<std::string, LedgerEntry> scanWith(const AppSettings& settings) {
+        TempDir support;
+        UsageStore store(support.path());
+        Ingestor ingestor(store, PriceTable::bundled(), nullptr);
+        ingestor.scan(home.path(), settings, kSources, false);
+        std::map<std::string, LedgerEntry> out;
+        for (auto& entry :
+             store.ledgerEvents({}, LedgerSortOrder::ascending, std::nullopt, 1000).entries) {
+            out.emplace(entry.event.observationID, std::move(entry));
+        }
+        return out;
+    }
+
+    const std::set<AgentSource> kSources{AgentSource::claude, AgentSource::codex,
+                                         AgentSource::codebuddy};
+    static constexpr int64_t kEvents = 2 + 2 + 4;
+    TempDir home;
+};
+
+TEST_F(IngestorSettingsTest, DefaultsKeepProjectsAndPriceAsTheTableSays) {
+    const auto ledger = scanWith(AppSettings{});
+    ASSERT_EQ(static_cast<int64_t>(ledger.size()), kEvents);
+    std::set<AgentSource> sources;
+    for (const auto& [id, entry] : ledger) {
+        SCOPED_TRACE(id);
+        sources.insert(entry.event.source);
+        EXPECT_TRUE(entry.event.projectDisplayName.has_value());
+        EXPECT_TRUE(entry.event.sessionKey.has_value());
+        EXPECT_EQ(entry.cost.billingMode, BillingMode::apiEquivalent);
+    }
+    EXPECT_EQ(sources, kSources);
+    EXPECT_EQ(ledger.at("claude:m1").event.projectDisplayName, "app");
+
+    // The costs the reader's own events come to under the table, and the agent's own figure
+    // where it gave one.
+    SourceReadContext read;
+    read.file = home / kClaudeFile;
+    const auto events = SourceReaders::collect(ClaudeParser::ingest, read);
+    ASSERT_TRUE(events && events->events.size() == 2u);
+    const auto priced =
+        PriceTable::bundled().applied(events->events[0], BillingMode::apiEquivalent);
+    ASSERT_GT(priced.estimatedCostUSDMicros.value_or(0), 0);
+    EXPECT_EQ(ledger.at("claude:m1").cost.amountUSDMicros, priced.estimatedCostUSDMicros);
+    EXPECT_EQ(ledger.at("claude:m1").cost.source, CostSource::priceTable);
+    EXPECT_EQ(ledger.at("claude:m2").cost.amountUSDMicros, 12'300);
+    EXPECT_EQ(ledger.at("claude:m2").cost.source, CostSource::vendorReported);
+    for (const auto& [id, entry] : ledger) {
+        if (entry.event.source == AgentSource::codex) {
+            EXPECT_GT(entry.cost.amountUSDMicros.value_or(0), 0) << id;
+        }
+    }
+}
+
+TEST_F(IngestorSettingsTest, PrivacySettingsKeepNamesOutOfTheLedgerForEverySource) {
+    const auto open = scanWith(AppSettings{});
+    AppSettings settings;
+    settings.storeProject = false;
+    settings.storeSession = false;
+    const auto closed = scanWith(settings);
+    ASSERT_EQ(static_cast<int64_t>(closed.size()), kEvents);
+    for (const auto& [id, entry] : closed) {
+        SCOPED_TRACE(id);
+        EXPECT_FALSE(entry.event.projectDisplayName.has_value());
+        EXPECT_FALSE(entry.event.sessionKey.has_value());
+        // Privacy takes names only: counts and costs stay what they were.
+        EXPECT_EQ(entry.event.tokens, open.at(id).event.tokens);
+        EXPECT_EQ(entry.cost.amountUSDMicros, open.at(id).cost.amountUSDMicros);
+    }
+}
+
+TEST_F(IngestorSettingsTest, LocalZeroMakesEveryCostZero) {
+    AppSettings settings;
+    settings.billingMode = BillingMode::localZero;
+    const auto ledger = scanWith(settings);
+    ASSERT_EQ(static_cast<int64_t>(ledger.size()), kEvents);
+    for (const auto& [id, entry] : ledger) {
+        SCOPED_TRACE(id);
+        EXPECT_EQ(entry.cost.amountUSDMicros, 0);  // the agent's own figure included
+        EXPECT_EQ(entry.cost.billingMode, BillingMode::localZero);
+        EXPECT_TRUE(entry.event.projectDisplayName.has_value());
+    }
+}
+
 // A database-backed agent is read as one pseudo-file per store: a store whose file and
 // write-ahead log are unchanged is not opened; a change to either hands the reader its previous
 // checkpoint, whose cursor says where to go on; a full rescan starts it from nothing.
@@ -416,16 +519,16 @@ TEST(IngestorStoreTest, AStoreIsOnePseudoFileReadWhenItOrItsLogChanged) {
     SourceReader fake;
     fake.kind = SourceReaderKind::store;
     fake.parserVersion = 3;
-    fake.discover = [](const std::filesystem::path& root, std::vector<FileError>&) {
+    fake.discover = [](const std::filesystem::path& root, std::vector<FileError>*) {
         std::vector<std::filesystem::path> out;
         if (std::filesystem::exists(root / "opencode.db")) {
             out.push_back(root / "opencode.db");
         }
         return out;
     };
-    fake.ingest = [&](const std::filesystem::path& file,
-                      const std::optional<SourceCheckpoint>& checkpoint, const SourceReadContext&,
-                      const SourceEventSink& sink) -> std::expected<IngestResult, FileError> {
+    fake.ingest = [&](const SourceReadContext& context) -> std::expected<IngestResult, FileError> {
+        const auto& file = context.file;
+        const auto& checkpoint = context.checkpoint;
         calls.push_back(checkpoint);
         // Each line of the database or its log is a row; the cursor is the number of rows
         // already turned into events.
@@ -453,7 +556,7 @@ TEST(IngestorStoreTest, AStoreIsOnePseudoFileReadWhenItOrItsLogChanged) {
                 e.providerInputTotal = 10;
                 e.providerOutputTotal = 1;
                 e.providerTotal = 11;
-                sink(std::move(e));
+                context.sink(std::move(e));
             }
         }
         IngestResult result;

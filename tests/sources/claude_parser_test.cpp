@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/ledger/event_finishing.hpp"
 #include "core/model/privacy.hpp"
 #include "core/sources/jsonl.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -26,10 +27,17 @@ std::string assistantLine(const std::string& id, int64_t output, const std::stri
            std::to_string(output) + usageExtra + "}}}\n";
 }
 
+std::expected<IngestResult, FileError> read(const std::filesystem::path& file,
+                                            std::optional<SourceCheckpoint> checkpoint = {}) {
+    SourceReadContext context;
+    context.file = file;
+    context.checkpoint = std::move(checkpoint);
+    return SourceReaders::collect(ClaudeParser::ingest, std::move(context));
+}
+
 IngestResult ingestFile(const std::filesystem::path& file,
-                        const std::optional<SourceCheckpoint>& checkpoint = std::nullopt,
-                        const AppSettings& settings = {}) {
-    auto result = ClaudeParser::ingest(file, checkpoint, settings, PriceTable::empty());
+                        const std::optional<SourceCheckpoint>& checkpoint = std::nullopt) {
+    auto result = read(file, checkpoint);
     EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
     return result ? *result : IngestResult{};
 }
@@ -89,10 +97,11 @@ TEST(ClaudeIngest, BuildsTheEventFromAnAssistantLine) {
     EXPECT_EQ(e.providerTotal, 314);
     EXPECT_TRUE(e.breakdownTrusted);
     EXPECT_EQ(e.promptTokens, 46204);
-    // The agent's own figure wins over the price table.
-    EXPECT_EQ(e.estimatedCostUSDMicros, 12'300);
-    EXPECT_EQ(e.costSource, CostSource::vendorReported);
-    EXPECT_EQ(e.costCompleteness, CostCompleteness::complete);
+    // Finished for the ledger, the agent's own figure wins over the price table.
+    const auto priced = finishEvent(e, AppSettings{}, PriceTable::bundled());
+    EXPECT_EQ(priced.estimatedCostUSDMicros, 12'300);
+    EXPECT_EQ(priced.costSource, CostSource::vendorReported);
+    EXPECT_EQ(priced.costCompleteness, CostCompleteness::complete);
     ASSERT_TRUE(e.rawExtras.has_value());
     const auto extras = nlohmann::json::parse(*e.rawExtras);
     EXPECT_DOUBLE_EQ(extras.at("costUSD").get<double>(), 0.0123);
@@ -219,18 +228,24 @@ TEST(ClaudeIngest, FallsBackForMissingTimeSessionAndDirectory) {
     EXPECT_EQ(e.projectDisplayName, "home-u-tool");
 }
 
+// The reader keeps the project label and leaves pricing alone; the settings apply when the
+// event is finished for the ledger.
 TEST(ClaudeIngest, ProjectNamesOnlyWhenAllowed) {
     TempDir dir;
     const auto file = dir.write("projects/p/s.jsonl", assistantLine("m", 1));
+    const auto result = ingestFile(file);
+    ASSERT_EQ(result.events.size(), 1u);
+    EXPECT_EQ(result.events[0].projectDisplayName, "app");
+    EXPECT_FALSE(result.events[0].estimatedCostUSDMicros.has_value());
+
     AppSettings settings;
     settings.storeProject = false;
     settings.billingMode = BillingMode::localZero;
-    const auto result = ingestFile(file, std::nullopt, settings);
-    ASSERT_EQ(result.events.size(), 1u);
-    EXPECT_FALSE(result.events[0].projectDisplayName.has_value());
-    EXPECT_TRUE(result.events[0].cwdHash.has_value());
-    EXPECT_EQ(result.events[0].billingMode, BillingMode::localZero);
-    EXPECT_EQ(result.events[0].estimatedCostUSDMicros, 0);
+    const auto finished = finishEvent(result.events[0], settings, PriceTable::bundled());
+    EXPECT_FALSE(finished.projectDisplayName.has_value());
+    EXPECT_TRUE(finished.cwdHash.has_value());
+    EXPECT_EQ(finished.billingMode, BillingMode::localZero);
+    EXPECT_EQ(finished.estimatedCostUSDMicros, 0);
 }
 
 // Older agent versions wrote placeholder output counts on all but the last line of a message.
@@ -308,15 +323,13 @@ TEST(ClaudeIngest, ReadsLinesOfTensOfMegabytes) {
 TEST(ClaudeIngest, UnreadableFileIsATypedErrorNamingThePath) {
     TempDir dir;
     const auto missing = dir / "projects/p/gone.jsonl";
-    auto result = ClaudeParser::ingest(missing, std::nullopt, {}, PriceTable::empty());
+    auto result = read(missing);
     ASSERT_FALSE(result.has_value());
     EXPECT_EQ(result.error().path, missing.string());
     EXPECT_NE(result.error().description().find(missing.string()), std::string::npos);
 
     std::filesystem::create_directories(dir / "projects/p/folder.jsonl");
-    EXPECT_FALSE(
-        ClaudeParser::ingest(dir / "projects/p/folder.jsonl", std::nullopt, {}, PriceTable::empty())
-            .has_value());
+    EXPECT_FALSE(read(dir / "projects/p/folder.jsonl").has_value());
 }
 
 TEST(ClaudeAccount, ReadsTheSignedInAccountMasked) {

@@ -71,10 +71,20 @@ std::string ts(int second, int millis = 0) {
     return buffer;
 }
 
+// Reads a rollout as Codex's, with "gpt-5" as the configured model.
+std::expected<IngestResult, FileError> read(const std::filesystem::path& file,
+                                            std::optional<SourceCheckpoint> checkpoint = {}) {
+    SourceReadContext context;
+    context.source = AgentSource::codex;
+    context.file = file;
+    context.checkpoint = std::move(checkpoint);
+    context.defaultModel = "gpt-5";
+    return SourceReaders::collect(CodexParser::ingest, std::move(context));
+}
+
 IngestResult ingestFile(const std::filesystem::path& file,
                         const std::optional<SourceCheckpoint>& checkpoint = std::nullopt) {
-    auto result =
-        CodexParser::ingest(file, checkpoint, AppSettings{}, PriceTable::empty(), "gpt-5");
+    auto result = read(file, checkpoint);
     EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
     return result ? *result : IngestResult{};
 }
@@ -361,8 +371,7 @@ TEST(CodexIngest, DamagedCompressedRolloutIsAReadErrorThatSaysWhy) {
     for (const auto& c : cases) {
         TempDir dir;
         const auto file = dir.write(std::string(kName) + ".zst", c.bytes);
-        const auto result =
-            CodexParser::ingest(file, std::nullopt, AppSettings{}, PriceTable::empty(), "gpt-5");
+        const auto result = read(file);
         ASSERT_FALSE(result.has_value()) << c.name;
         EXPECT_EQ(result.error().operation, "decompress") << c.name;
         EXPECT_NE(result.error().description().find(c.says), std::string::npos)

@@ -11,7 +11,6 @@
 #include <nlohmann/json.hpp>
 
 #include "core/model/privacy.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/stores/goose_reader.hpp"
 #include "core/sources/stores/hermes_reader.hpp"
 #include "core/sources/stores/readonly_sqlite.hpp"
@@ -33,14 +32,21 @@ struct Scan {
     std::vector<UsageEvent> events;
 };
 
+SourceReadContext contextFor(const fs::path& file,
+                             const std::optional<SourceCheckpoint>& checkpoint = std::nullopt) {
+    SourceReadContext context;
+    context.file = file;
+    context.checkpoint = checkpoint;
+    context.sink = [](UsageEvent&&) {};
+    return context;
+}
+
 Scan scan(const SourceReader& reader, const fs::path& file,
           const std::optional<SourceCheckpoint>& checkpoint = std::nullopt) {
-    const AppSettings settings{};
-    const auto prices = PriceTable::empty();
-    const SourceReadContext context{settings, prices, ""};
     Scan out;
-    auto result = reader.ingest(file, checkpoint, context,
-                                [&](UsageEvent&& e) { out.events.push_back(std::move(e)); });
+    auto context = contextFor(file, checkpoint);
+    context.sink = [&](UsageEvent&& e) { out.events.push_back(std::move(e)); };
+    auto result = reader.ingest(context);
     EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
     if (result) {
         out.result = std::move(*result);
@@ -204,7 +210,7 @@ TEST(CumulativeReaders, StoresAreLeftExactlyAsTheyWere) {
     }
 }
 
-TEST(CumulativeReaders, UnreadableDatabasesThrowWithoutWaiting) {
+TEST(CumulativeReaders, UnreadableDatabasesAreErrorsWithoutWaiting) {
     struct Case {
         std::string name;
         SourceReader reader;
@@ -219,15 +225,14 @@ TEST(CumulativeReaders, UnreadableDatabasesThrowWithoutWaiting) {
         {"zed", ZedReader::reader(), "threads.db",
          [](const fs::path& p) { corpus::createZedDB(p); }},
     };
-    const AppSettings settings{};
-    const auto prices = PriceTable::empty();
-    const SourceReadContext context{settings, prices, ""};
-    const SourceEventSink ignore = [](UsageEvent&&) {};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         TempDir dir;
         const auto notSQLite = dir.write("other/" + c.fileName, std::string(4096, 'x'));
-        EXPECT_THROW(c.reader.ingest(notSQLite, std::nullopt, context, ignore), SQLiteUsageError);
+        const auto foreign = c.reader.ingest(contextFor(notSQLite));
+        ASSERT_FALSE(foreign.has_value());
+        EXPECT_EQ(foreign.error().path, notSQLite.string());
+        EXPECT_EQ(foreign.error().sqliteCode, SQLITE_NOTADB);
 
         const auto locked = dir / c.fileName;
         c.create(locked);
@@ -235,7 +240,10 @@ TEST(CumulativeReaders, UnreadableDatabasesThrowWithoutWaiting) {
         ASSERT_EQ(sqlite3_open(locked.c_str(), &writer), SQLITE_OK);
         ASSERT_EQ(sqlite3_exec(writer, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_THROW(c.reader.ingest(locked, std::nullopt, context, ignore), SQLiteUsageError);
+        const auto busy = c.reader.ingest(contextFor(locked));
+        ASSERT_FALSE(busy.has_value());
+        EXPECT_EQ(busy.error().sqliteCode, SQLITE_BUSY);
+        EXPECT_NE(busy.error().description().find(locked.string()), std::string::npos);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
         sqlite3_exec(writer, "ROLLBACK;", nullptr, nullptr, nullptr);
         sqlite3_close(writer);
@@ -260,12 +268,12 @@ TEST(GooseReaderTest, SessionInDatabaseAndLegacyFileIsCountedOnce) {
     const auto reader = GooseReader::reader();
     std::vector<fs::path> expected{folder / "20250101_1.jsonl", folder / "20250101_2.jsonl", db};
     std::vector<FileError> errors;
-    EXPECT_EQ(reader.discover(dir.path(), errors), expected);
+    EXPECT_EQ(reader.discover(dir.path(), &errors), expected);
     // A GOOSE_PATH_ROOT keeps the same folder below "data"; other folders' files are not goose's.
     TempDir pathRoot;
     corpus::createGooseDB(pathRoot / "data/sessions/sessions.db");
     pathRoot.write("data/sessions/archive/old.jsonl", "{}\n");
-    EXPECT_EQ(reader.discover(pathRoot.path(), errors),
+    EXPECT_EQ(reader.discover(pathRoot.path(), &errors),
               std::vector<fs::path>{pathRoot / "data/sessions/sessions.db"});
     EXPECT_TRUE(errors.empty());
 
@@ -427,7 +435,7 @@ TEST(HermesReaderTest, ReadsWithoutOptionalColumnsAndFindsProfiles) {
     corpus::putHermesSession(db, {"s1", "gpt-5", 1.0, 2.0, "ignored", "/ignored", 40, 4, 3, 2, 1});
     corpus::createHermesDB(dir / "state.db");
     std::vector<FileError> errors;
-    EXPECT_EQ(HermesReader::reader().discover(dir.path(), errors),
+    EXPECT_EQ(HermesReader::reader().discover(dir.path(), &errors),
               (std::vector<fs::path>{dir / "profiles/work/state.db", dir / "state.db"}));
 
     const auto r = scan(HermesReader::reader(), db);
@@ -473,8 +481,9 @@ TEST(ZedReaderTest, ReadsJsonAndZstdThreadsAndSkipsWhatItCannotRead) {
     corpus::putZedThread(db, "bad-usage", t, "json",
                          bytes(R"({"cumulative_token_usage": {"input_tokens": "many"}})"));
 
-    const auto out = ZedReader::read(db, std::nullopt, {AppSettings{}, PriceTable::empty(), ""},
-                                     [](UsageEvent&&) {});
+    const auto read = ZedReader::read(contextFor(db));
+    ASSERT_TRUE(read.has_value());
+    const auto& out = *read;
     const std::vector<std::string> skipped{
         std::string(ZedReader::kDamagedZstd) + ": cut",
         std::string(ZedReader::kDamagedZstd) + ": garbage",
@@ -522,9 +531,11 @@ TEST(ZedReaderTest, ThreadsAboveTheSizeLimitAreSkipped) {
     corpus::putZedThread(db, "small", t, "zstd", corpus::zstdFrame(corpus::zedThreadText(small)));
 
     int events = 0;
-    const auto out =
-        ZedReader::read(db, std::nullopt, {AppSettings{}, PriceTable::empty(), ""},
-                        [&](UsageEvent&&) { ++events; }, {.maxThreadJSONBytes = 4'000});
+    auto context = contextFor(db);
+    context.sink = [&](UsageEvent&&) { ++events; };
+    const auto read = ZedReader::read(context, {.maxThreadJSONBytes = 4'000});
+    ASSERT_TRUE(read.has_value());
+    const auto& out = *read;
     EXPECT_EQ(events, 1);
     EXPECT_EQ(out.skipped,
               (std::vector<std::string>{std::string(ZedReader::kJSONTooLarge) + ": big-json",
@@ -575,7 +586,7 @@ TEST(DroidReaderTest, MetersOwnUsageOnlyAndFindsTheWorkingDirectory) {
         corpus::writeDroidSettings(dir.path(), "-home-u-tool", "b", "custom:kimi-k2", own);
     const auto flat = corpus::writeDroidSettings(dir.path(), "", "c", "gpt-5", own);
     std::vector<FileError> errors;
-    EXPECT_EQ(DroidReader::reader().discover(dir.path(), errors),
+    EXPECT_EQ(DroidReader::reader().discover(dir.path(), &errors),
               (std::vector<fs::path>{withTranscript, withoutTranscript, flat}));
 
     const auto a = scan(DroidReader::reader(), withTranscript);
@@ -648,7 +659,7 @@ TEST(CumulativeCorpus, HomesHoldTheEventsTheirWritersAnnounce) {
         SCOPED_TRACE(c.name);
         std::vector<FileError> errors;
         int64_t events = 0;
-        for (const auto& file : c.reader.discover(c.root, errors)) {
+        for (const auto& file : c.reader.discover(c.root, &errors)) {
             events += static_cast<int64_t>(scan(c.reader, file).events.size());
         }
         EXPECT_TRUE(errors.empty());

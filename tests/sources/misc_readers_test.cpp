@@ -13,7 +13,6 @@
 #include "core/sources/transcripts/buddy_reader.hpp"
 #include "core/sources/transcripts/dsh_reader.hpp"
 #include "core/sources/transcripts/editor_tasks_reader.hpp"
-#include "core/sources/transcripts/every_code_reader.hpp"
 #include "core/sources/transcripts/reasonix_reader.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/agent_corpus/corpus_writer.hpp"
@@ -30,15 +29,16 @@ struct Read {
     std::vector<UsageEvent> events;
 };
 
-// Runs a reader's ingest on one file, collecting what it streams.
-Read readWith(const SourceReader& reader, const fs::path& file,
+// Runs the reader of `source` on one file, collecting what it streams.
+Read readWith(AgentSource source, const fs::path& file,
               const std::optional<SourceCheckpoint>& checkpoint = std::nullopt) {
-    static const AppSettings settings{};
-    static const PriceTable prices = PriceTable::empty();
-    SourceReadContext context{settings, prices, ""};
+    SourceReadContext context;
+    context.source = source;
+    context.file = file;
+    context.checkpoint = checkpoint;
     Read out;
-    auto result = reader.ingest(file, checkpoint, context,
-                                [&](UsageEvent&& e) { out.events.push_back(std::move(e)); });
+    context.sink = [&](UsageEvent&& e) { out.events.push_back(std::move(e)); };
+    auto result = SourceReaders::reader(source)->ingest(context);
     EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
     if (result) {
         out.result = std::move(*result);
@@ -46,9 +46,9 @@ Read readWith(const SourceReader& reader, const fs::path& file,
     return out;
 }
 
-std::vector<fs::path> discoverWith(const SourceReader& reader, const fs::path& root) {
+std::vector<fs::path> discoverWith(AgentSource source, const fs::path& root) {
     std::vector<FileError> errors;
-    auto files = reader.discover(root, errors);
+    auto files = SourceReaders::reader(source)->discover(root, &errors);
     EXPECT_TRUE(errors.empty());
     return files;
 }
@@ -79,7 +79,7 @@ TEST(BuddyReader, EachReplyIsCountedOnceWhicheverUsageCopiesItCarries) {
                           corpus::buddyRecord("u1", "s1", "message", 1787300000000) +
                               corpus::buddyReply("r1", "s1", "/home/dev/app", 1787300004000,
                                                  "hunyuan-turbos", usage, c.copies));
-        const auto read = readWith(BuddyReader::reader(c.source), file);
+        const auto read = readWith(c.source, file);
         ASSERT_EQ(read.events.size(), 1u);
         const auto& e = read.events[0];
         EXPECT_EQ(e.source, c.source);
@@ -100,8 +100,7 @@ TEST(BuddyReader, ARecordWrittenTwiceKeepsOneIdentity) {
     TempDir home;
     const auto reply = corpus::buddyReply("r1", "s1", "/a", 1787300004000, "m", {100, 0, 10, 0});
     corpus::writeFile(home.path(), "projects/x/s1.jsonl", reply + reply);
-    const auto read =
-        readWith(BuddyReader::reader(AgentSource::workbuddy), home / "projects/x/s1.jsonl");
+    const auto read = readWith(AgentSource::workbuddy, home / "projects/x/s1.jsonl");
     ASSERT_EQ(read.events.size(), 2u);
     EXPECT_EQ(read.events[0].id, read.events[1].id);  // the ledger keeps one
     EXPECT_EQ(read.events[0].id, EventID::local(AgentSource::workbuddy, "s1", "r1", ""));
@@ -110,13 +109,13 @@ TEST(BuddyReader, ARecordWrittenTwiceKeepsOneIdentity) {
 TEST(BuddyReader, ReadsACorpusHomeAndResumesWithNewLinesOnly) {
     TempDir home;
     corpus::writeBuddyHome(home.path(), ".codebuddy", 3, 4, 7);
-    const auto reader = BuddyReader::reader(AgentSource::codebuddy);
-    const auto files = discoverWith(reader, home / ".codebuddy");
+    const auto agent = AgentSource::codebuddy;
+    const auto files = discoverWith(agent, home / ".codebuddy");
     ASSERT_EQ(files.size(), 3u);
     int64_t events = 0;
     std::optional<SourceCheckpoint> last;
     for (const auto& f : files) {
-        auto read = readWith(reader, f);
+        auto read = readWith(agent, f);
         events += static_cast<int64_t>(read.events.size());
         EXPECT_EQ(read.result.stats.malformed, 0);
         last = read.result.checkpoint;
@@ -125,7 +124,7 @@ TEST(BuddyReader, ReadsACorpusHomeAndResumesWithNewLinesOnly) {
 
     corpus::appendFile(files.back().parent_path(), files.back().filename(),
                        corpus::buddyReply("late", "s9", "/a", 1787400000000, "m", {50, 0, 5, 0}));
-    const auto again = readWith(reader, files.back(), last);
+    const auto again = readWith(agent, files.back(), last);
     ASSERT_EQ(again.events.size(), 1u);
     EXPECT_EQ(again.result.stats.lines, 1);
     EXPECT_EQ(again.events[0].exclusive.inputUncached, 50);
@@ -143,8 +142,7 @@ TEST(BuddyReader, DamagedRecordsAreSkippedAndCounted) {
     corpus::writeFile(home.path(), "projects/x/s1.jsonl",
                       good + wrongType.dump() + "\n" + huge.dump() + "\n" + "{not json\n" +
                           partial.substr(0, partial.size() / 2));
-    const auto read =
-        readWith(BuddyReader::reader(AgentSource::workbuddy), home / "projects/x/s1.jsonl");
+    const auto read = readWith(AgentSource::workbuddy, home / "projects/x/s1.jsonl");
     ASSERT_EQ(read.events.size(), 1u);
     EXPECT_EQ(read.result.stats.malformed, 3);
     EXPECT_FALSE(read.result.formatChanged);  // one good record: damage, not a new layout
@@ -164,8 +162,7 @@ TEST(BuddyReader, WorkBuddyTakesTheDirectoryFromItsDatabaseWhenARecordLacksIt) {
         corpus::buddyReply("r1", "s1", "", 1787300004000, "m", {100, 0, 10, 0}));
     record.erase("cwd");
     corpus::writeFile(home.path(), "projects/slug/s1.jsonl", record.dump() + "\n");
-    const auto read =
-        readWith(BuddyReader::reader(AgentSource::workbuddy), home / "projects/slug/s1.jsonl");
+    const auto read = readWith(AgentSource::workbuddy, home / "projects/slug/s1.jsonl");
     ASSERT_EQ(read.events.size(), 1u);
     EXPECT_EQ(read.events[0].cwdHash, Privacy::cwdHash("/home/dev/from-db"));
 }
@@ -175,24 +172,24 @@ TEST(BuddyReader, WorkBuddyTakesTheDirectoryFromItsDatabaseWhenARecordLacksIt) {
 TEST(EveryCodeReader, RolloutsAreReadAsEveryCodeAndNeverCollideWithCodex) {
     TempDir home;
     corpus::writeEveryCodeHome(home.path(), 2, 3, 11);
-    const auto reader = EveryCodeReader::reader();
-    const auto files = discoverWith(reader, home / ".code");
+    const auto agent = AgentSource::everyCode;
+    const auto files = discoverWith(agent, home / ".code");
     ASSERT_EQ(files.size(), 2u);
     int64_t events = 0;
     for (const auto& f : files) {
-        const auto read = readWith(reader, f);
+        const auto read = readWith(agent, f);
         events += static_cast<int64_t>(read.events.size());
         EXPECT_EQ(read.result.checkpoint.source, AgentSource::everyCode);
-        auto codex = CodexParser::ingest(f, std::nullopt, AppSettings{}, PriceTable::empty(), "");
-        ASSERT_TRUE(codex.has_value());
-        ASSERT_EQ(codex->events.size(), read.events.size());
+        // The same file taken for Codex's own.
+        const auto codex = readWith(AgentSource::codex, f);
+        ASSERT_EQ(codex.events.size(), read.events.size());
         for (std::size_t i = 0; i < read.events.size(); ++i) {
             const auto& e = read.events[i];
             EXPECT_EQ(e.source, AgentSource::everyCode);
             EXPECT_TRUE(e.id.starts_with("every-code:")) << e.id;
-            EXPECT_NE(e.id, codex->events[i].id);
+            EXPECT_NE(e.id, codex.events[i].id);
             // The same counting rule as Codex: cached inside input.
-            EXPECT_EQ(e.exclusive, codex->events[i].exclusive);
+            EXPECT_EQ(e.exclusive, codex.events[i].exclusive);
             EXPECT_EQ(e.model, "gpt-5");
         }
     }
@@ -202,16 +199,16 @@ TEST(EveryCodeReader, RolloutsAreReadAsEveryCodeAndNeverCollideWithCodex) {
 TEST(EveryCodeReader, ResumesAfterTheCheckpoint) {
     TempDir home;
     corpus::writeEveryCodeHome(home.path(), 1, 2, 3);
-    const auto reader = EveryCodeReader::reader();
-    const auto file = discoverWith(reader, home / ".code").at(0);
-    const auto first = readWith(reader, file);
+    const auto agent = AgentSource::everyCode;
+    const auto file = discoverWith(agent, home / ".code").at(0);
+    const auto first = readWith(agent, file);
     ASSERT_EQ(first.events.size(), 2u);
     corpus::appendFile(file.parent_path(), file.filename(),
                        corpus::everyCodeReport("2026-08-21T12:00:00.000Z", 9,
                                                first.events[0].providerInputTotal +
                                                    first.events[1].providerInputTotal + 1000,
                                                0, 1'000'000, "gpt-5"));
-    const auto second = readWith(reader, file, first.result.checkpoint);
+    const auto second = readWith(agent, file, first.result.checkpoint);
     ASSERT_EQ(second.events.size(), 1u);
     EXPECT_EQ(second.result.stats.lines, 1);
     EXPECT_EQ(second.events[0].source, AgentSource::everyCode);
@@ -229,7 +226,7 @@ TEST(EveryCodeReader, ARateLimitReadingBelongsToEveryCode) {
         {"msg", {{"type", "token_count"}, {"info", nullptr}, {"rate_limits", limits}}}};
     corpus::writeFile(home.path(), rel,
                       corpus::everyCodeLine("2026-08-21T08:00:01.000Z", "event", payload.dump()));
-    const auto read = readWith(EveryCodeReader::reader(), home / rel);
+    const auto read = readWith(AgentSource::everyCode, home / rel);
     ASSERT_TRUE(read.result.quota.has_value());
     EXPECT_EQ(read.result.quota->identity.source, AgentSource::everyCode);
     EXPECT_TRUE(read.events.empty());
@@ -267,7 +264,7 @@ TEST(ReasonixReader, CacheHitsAndMissesBecomeCacheReadAndUncachedInput) {
         SCOPED_TRACE(c.line);
         TempDir home;
         corpus::writeFile(home.path(), "sessions/a.jsonl", c.line);
-        const auto read = readWith(ReasonixReader::reader(), home / "sessions/a.jsonl");
+        const auto read = readWith(AgentSource::reasonix, home / "sessions/a.jsonl");
         ASSERT_EQ(read.events.size(), 1u);
         const auto& e = read.events[0];
         EXPECT_EQ(e.source, AgentSource::reasonix);
@@ -283,18 +280,18 @@ TEST(ReasonixReader, CacheHitsAndMissesBecomeCacheReadAndUncachedInput) {
 TEST(ReasonixReader, ReadsACorpusHomeSkipsDamageAndResumes) {
     TempDir home;
     corpus::writeReasonixHome(home.path(), 4, 3, 5);
-    const auto reader = ReasonixReader::reader();
-    const auto files = discoverWith(reader, home / ".reasonix");
+    const auto agent = AgentSource::reasonix;
+    const auto files = discoverWith(agent, home / ".reasonix");
     ASSERT_EQ(files.size(), 4u);
     int64_t events = 0;
     for (const auto& f : files) {
-        events += static_cast<int64_t>(readWith(reader, f).events.size());
+        events += static_cast<int64_t>(readWith(agent, f).events.size());
     }
     EXPECT_EQ(events, corpus::reasonixEventCount(4, 3));
     EXPECT_EQ(ReasonixReader::sessionIDFromName("x/session-1.events.jsonl"), "session-1");
 
     const auto file = files.front();
-    const auto first = readWith(reader, file);
+    const auto first = readWith(agent, file);
     auto wrong = nlohmann::json::parse(corpus::reasonixReply(1, "deepseek-chat", {1, 1, 1}, true));
     wrong["usage"]["completionTokens"] = nlohmann::json::array();
     corpus::appendFile(
@@ -302,7 +299,7 @@ TEST(ReasonixReader, ReadsACorpusHomeSkipsDamageAndResumes) {
         wrong.dump() + "\n" +
             corpus::reasonixReply(1787400000000, "deepseek-chat", {0, 20, 2}, false) +
             "{\"promptTokens\":");
-    const auto second = readWith(reader, file, first.result.checkpoint);
+    const auto second = readWith(agent, file, first.result.checkpoint);
     ASSERT_EQ(second.events.size(), 1u);
     EXPECT_EQ(second.events[0].exclusive.inputUncached, 20);
     EXPECT_EQ(second.result.stats.lines, 2);
@@ -323,7 +320,7 @@ TEST(DshReader, RunningTotalsBecomeDeltasAndARestartIsNeverNegative) {
             // the meter restarted
             corpus::dshMeterRecord("s1", 1787300030000, "deepseek-chat", {20, 0, 0, 2}) +
             corpus::dshMeterRecord("s1", 1787300040000, "deepseek-chat", {70, 10, 0, 12}));
-    const auto read = readWith(DshReader::reader(), home / rel);
+    const auto read = readWith(AgentSource::deepseekHarness, home / rel);
     struct Want {
         int64_t uncached, cacheRead, cacheWrite, output;
     };
@@ -345,12 +342,12 @@ TEST(DshReader, RunningTotalsBecomeDeltasAndARestartIsNeverNegative) {
 TEST(DshReader, ResumingCountsOnlyTheGrowthSinceTheLastReading) {
     TempDir home;
     corpus::writeDshHome(home.path(), 2, 2, 3, 13);
-    const auto reader = DshReader::reader();
-    const auto files = discoverWith(reader, home / ".dsh");
+    const auto agent = AgentSource::deepseekHarness;
+    const auto files = discoverWith(agent, home / ".dsh");
     ASSERT_EQ(files.size(), 4u);
     int64_t events = 0;
     for (const auto& f : files) {
-        events += static_cast<int64_t>(readWith(reader, f).events.size());
+        events += static_cast<int64_t>(readWith(agent, f).events.size());
     }
     EXPECT_EQ(events, corpus::dshEventCount(2, 2, 3));
 
@@ -358,10 +355,10 @@ TEST(DshReader, ResumingCountsOnlyTheGrowthSinceTheLastReading) {
     const fs::path rel = "s.jsonl";
     corpus::writeFile(other.path(), rel,
                       corpus::dshMeterRecord("s", 1, "deepseek-chat", {1000, 0, 0, 100}));
-    const auto first = readWith(reader, other / rel);
+    const auto first = readWith(agent, other / rel);
     corpus::appendFile(other.path(), rel,
                        corpus::dshMeterRecord("s", 2, "deepseek-chat", {1400, 0, 0, 130}));
-    const auto second = readWith(reader, other / rel, first.result.checkpoint);
+    const auto second = readWith(agent, other / rel, first.result.checkpoint);
     ASSERT_EQ(second.events.size(), 1u);
     EXPECT_EQ(second.events[0].exclusive.inputUncached, 400);
     EXPECT_EQ(second.events[0].exclusive.outputVisible, 30);
@@ -369,7 +366,7 @@ TEST(DshReader, ResumingCountsOnlyTheGrowthSinceTheLastReading) {
     // A checkpoint whose totals are unknown re-reads from the start instead of recounting.
     auto stranger = first.result.checkpoint;
     stranger.parserContext = "{}";
-    const auto fresh = readWith(reader, other / rel, stranger);
+    const auto fresh = readWith(agent, other / rel, stranger);
     ASSERT_EQ(fresh.events.size(), 2u);
     EXPECT_EQ(fresh.events[0].id, first.events[0].id);
 }
@@ -396,7 +393,7 @@ TEST(DshReader, FilesWithoutAMeterReportAChangedFormat) {
         SCOPED_TRACE(c.text);
         TempDir home;
         corpus::writeFile(home.path(), "s.jsonl", c.text);
-        const auto read = readWith(DshReader::reader(), home / "s.jsonl");
+        const auto read = readWith(AgentSource::deepseekHarness, home / "s.jsonl");
         EXPECT_EQ(read.result.formatChanged, c.formatChanged);
         EXPECT_EQ(read.result.stats.malformed, c.malformed);
     }
@@ -439,11 +436,11 @@ TEST(EditorTasksReader, ModelIsCarriedForwardAndCostKept) {
                                              {1787300040000, ""},
                                              {1787300080000, "openai/gpt-5"}},
                                             "/home/dev/site"));
-    const auto reader = EditorTasksReader::reader(AgentSource::rooCode);
-    EXPECT_EQ(reader.kind, SourceReaderKind::store);
-    const auto files = discoverWith(reader, home.path());
+    const auto agent = AgentSource::rooCode;
+    EXPECT_EQ(SourceReaders::reader(agent)->kind, SourceReaderKind::store);
+    const auto files = discoverWith(agent, home.path());
     ASSERT_EQ(files.size(), 1u);
-    const auto read = readWith(reader, files[0]);
+    const auto read = readWith(agent, files[0]);
     ASSERT_EQ(read.events.size(), 3u);
     const std::vector<std::string> models{"anthropic/claude-sonnet-4", "anthropic/claude-sonnet-4",
                                           "openai/gpt-5"};
@@ -468,7 +465,7 @@ TEST(EditorTasksReader, ModelIsCarriedForwardAndCostKept) {
                                   {1787300041000, 300, 50, 1000, 0, 0.5, "anthropic"},
                                   {1787300081000, 900, 70, 0, 0, 0.0, std::nullopt},
                                   {1787300121000, 10, 1, 0, 0, 0.0, "openai"}}));
-    const auto again = readWith(reader, files[0], read.result.checkpoint);
+    const auto again = readWith(agent, files[0], read.result.checkpoint);
     ASSERT_EQ(again.events.size(), 4u);
     for (std::size_t i = 0; i < 3; ++i) {
         EXPECT_EQ(again.events[i].id, read.events[i].id);
@@ -500,8 +497,7 @@ TEST(EditorTasksReader, DamagedRequestsAreSkippedAndCounted) {
         SCOPED_TRACE(c.array.dump());
         TempDir home;
         corpus::writeFile(home.path(), "tasks/t/ui_messages.json", c.array.dump());
-        const auto read = readWith(EditorTasksReader::reader(AgentSource::kiloCode),
-                                   home / "tasks/t/ui_messages.json");
+        const auto read = readWith(AgentSource::kiloCode, home / "tasks/t/ui_messages.json");
         EXPECT_EQ(read.events.size(), c.events);
         EXPECT_EQ(read.result.stats.malformed, c.malformed);
         EXPECT_EQ(read.result.formatChanged, c.formatChanged);
@@ -510,9 +506,7 @@ TEST(EditorTasksReader, DamagedRequestsAreSkippedAndCounted) {
     TempDir home;
     const auto text = messages.dump();
     corpus::writeFile(home.path(), "tasks/t/ui_messages.json", text.substr(0, text.size() - 5));
-    EXPECT_TRUE(readWith(EditorTasksReader::reader(AgentSource::kiloCode),
-                         home / "tasks/t/ui_messages.json")
-                    .events.empty());
+    EXPECT_TRUE(readWith(AgentSource::kiloCode, home / "tasks/t/ui_messages.json").events.empty());
 }
 
 TEST(EditorTasksReader, ReadsACorpusHomeForBothExtensions) {
@@ -520,13 +514,12 @@ TEST(EditorTasksReader, ReadsACorpusHomeForBothExtensions) {
                                      std::pair{AgentSource::kiloCode, "kilocode.kilo-code"}}) {
         TempDir home;
         corpus::writeEditorTasksHome(home.path(), extension, 3, 4, 17);
-        const auto reader = EditorTasksReader::reader(source);
         const auto files =
-            discoverWith(reader, home / ".config/Code/User/globalStorage" / extension);
+            discoverWith(source, home / ".config/Code/User/globalStorage" / extension);
         ASSERT_EQ(files.size(), 3u);
         int64_t events = 0;
         for (const auto& f : files) {
-            const auto read = readWith(reader, f);
+            const auto read = readWith(source, f);
             events += static_cast<int64_t>(read.events.size());
             ASSERT_FALSE(read.events.empty());
             EXPECT_EQ(read.events.front().model, "anthropic/claude-sonnet-4");

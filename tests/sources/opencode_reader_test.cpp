@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "core/ledger/event_finishing.hpp"
 #include "core/ledger/ingestor.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/event_id.hpp"
@@ -30,17 +31,28 @@ using test_support::TempDir;
 
 constexpr int64_t kT0 = 1767225600000;  // 2026-01-01T00:00:00Z, in ms
 
+std::expected<IngestResult, FileError> tryRead(const fs::path& file,
+                                               const std::optional<SourceCheckpoint>& checkpoint,
+                                               AgentSource source) {
+    SourceReadContext context;
+    context.source = source;
+    context.file = file;
+    context.checkpoint = checkpoint;
+    return SourceReaders::collect(OpencodeFamily::ingest, std::move(context));
+}
+
+// The events as the ingestor would commit them under the default settings: costs the agent
+// reported are kept, the rest priced from an empty table.
 IngestResult read(const fs::path& file, const std::optional<SourceCheckpoint>& checkpoint = {},
                   AgentSource source = AgentSource::opencode) {
-    std::vector<UsageEvent> events;
-    auto result = OpencodeFamily::ingest(OpencodeFamily::flavor(source), file, checkpoint, {},
-                                         PriceTable::empty(),
-                                         [&](UsageEvent&& e) { events.push_back(std::move(e)); });
+    auto result = tryRead(file, checkpoint, source);
     EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
     if (!result) {
         return {};
     }
-    result->events = std::move(events);
+    for (auto& e : result->events) {
+        e = finishEvent(std::move(e), AppSettings{}, PriceTable::empty());
+    }
     return *result;
 }
 
@@ -342,10 +354,13 @@ TEST(OpencodeHostile, RecordsWithWrongTypesAreSkippedAndCounted) {
     EXPECT_FALSE(result.formatChanged);
 }
 
-TEST(OpencodeStoreErrors, UnreadableDatabasesThrowSQLiteUsageError) {
+TEST(OpencodeStoreErrors, UnreadableDatabasesAreErrorValues) {
     TempDir home;
     const auto notSQLite = home.write("opencode.db", std::string(4096, 'x'));
-    EXPECT_THROW(read(notSQLite), SQLiteUsageError);
+    const auto foreign = tryRead(notSQLite, std::nullopt, AgentSource::opencode);
+    ASSERT_FALSE(foreign.has_value());
+    EXPECT_EQ(foreign.error().sqliteCode, SQLITE_NOTADB);
+    EXPECT_EQ(foreign.error().path, notSQLite.string());
 
     // Another connection holds an exclusive lock (a rollback-journal database, where that keeps
     // readers out): the read gives up after the busy timeout instead of hanging.
@@ -359,7 +374,9 @@ TEST(OpencodeStoreErrors, UnreadableDatabasesThrowSQLiteUsageError) {
     ASSERT_EQ(sqlite3_exec(writer, "BEGIN EXCLUSIVE; DELETE FROM part;", nullptr, nullptr, nullptr),
               SQLITE_OK);
     const auto started = std::chrono::steady_clock::now();
-    EXPECT_THROW(read(locked), SQLiteUsageError);
+    const auto busy = tryRead(locked, std::nullopt, AgentSource::opencode);
+    ASSERT_FALSE(busy.has_value());
+    EXPECT_EQ(busy.error().sqliteCode, SQLITE_BUSY);
     EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
     sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr);
     sqlite3_close(writer);
@@ -591,18 +608,18 @@ TEST(OpencodeCorpus, HomesHoldTheEventsTheirCountersPromise) {
         // Through the registered reader of the source, as the scan drives it.
         const auto reader = SourceReaders::reader(c.source);
         ASSERT_TRUE(reader);
-        const AppSettings settings;
-        const auto prices = PriceTable::empty();
-        const SourceReadContext context{settings, prices, ""};
         std::set<std::string> ids;
+        SourceReadContext context;
+        context.source = c.source;
+        context.sink = [&](UsageEvent&& e) {
+            EXPECT_EQ(e.source, c.source);
+            ids.insert(e.id);
+        };
         for (const auto& root : entry->roots) {
             std::vector<FileError> errors;
-            for (const auto& file : reader->discover(root, errors)) {
-                const auto result =
-                    reader->ingest(file, std::nullopt, context, [&](UsageEvent&& e) {
-                        EXPECT_EQ(e.source, c.source);
-                        ids.insert(e.id);
-                    });
+            for (const auto& file : reader->discover(root, &errors)) {
+                context.file = file;
+                const auto result = reader->ingest(context);
                 ASSERT_TRUE(result.has_value());
                 EXPECT_FALSE(result->formatChanged);
                 EXPECT_EQ(result->stats.malformed, 0);

@@ -9,16 +9,17 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "core/ledger/event_finishing.hpp"
 #include "core/ledger/ingestor.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/privacy.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
+#include "core/sources/pi_session_format.hpp"
 #include "core/sources/stores/readonly_sqlite.hpp"
 #include "core/sources/transcripts/craft_reader.hpp"
 #include "core/sources/transcripts/omp_reader.hpp"
 #include "core/sources/transcripts/openclaw_reader.hpp"
 #include "core/sources/transcripts/pi_reader.hpp"
-#include "core/sources/pi_session_format.hpp"
 #include "core/sources/transcripts/prime_agent_reader.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/agent_corpus/corpus_writer.hpp"
@@ -34,29 +35,22 @@ using test_support::TempDir;
 constexpr int64_t kT0 = 1772359200000;  // 2026-03-01T10:00:00Z
 
 SourceReader readerOf(AgentSource source) {
-    switch (source) {
-        case AgentSource::pi:
-            return PiReader::reader();
-        case AgentSource::omp:
-            return OmpReader::reader();
-        case AgentSource::primeAgent:
-            return PrimeAgentReader::reader();
-        case AgentSource::openclaw:
-            return OpenClawReader::reader();
-        default:
-            return CraftReader::reader();
-    }
+    return *SourceReaders::reader(source);
+}
+
+// An event as the ingestor commits it under the default settings.
+UsageEvent finished(UsageEvent e) {
+    return finishEvent(std::move(e), AppSettings{}, PriceTable::empty());
 }
 
 // The ingestor's handling of one source across scans, reduced to what matters here: which
 // files are read and from where (the same decisions the scan makes), and the ledger's one
 // event per id, the last one read holding.
 struct MiniLedger {
-    explicit MiniLedger(AgentSource source) : reader(readerOf(source)) {}
+    explicit MiniLedger(AgentSource source) : source(source), reader(readerOf(source)) {}
 
+    AgentSource source;
     SourceReader reader;
-    AppSettings settings;
-    PriceTable prices = PriceTable::empty();
     std::map<std::string, SourceCheckpoint> checkpoints;
     std::map<std::string, UsageEvent> ledger;
     std::vector<UsageEvent> lastEvents;  // handed over by the last scan
@@ -68,10 +62,9 @@ struct MiniLedger {
         lastEvents.clear();
         lastPlans.clear();
         lastStats = {};
-        const SourceReadContext context{settings, prices, ""};
         std::set<std::pair<uint64_t, uint64_t>> identities;
         for (const auto& root : roots) {
-            for (const auto& file : reader.discover(root, errors)) {
+            for (const auto& file : reader.discover(root, &errors)) {
                 std::optional<SourceCheckpoint> previous;
                 if (auto it = checkpoints.find(SourceCheckpoint::stableIDFor(file));
                     it != checkpoints.end()) {
@@ -98,8 +91,12 @@ struct MiniLedger {
                     previous.reset();
                 }
                 std::vector<UsageEvent> events;
-                auto result = reader.ingest(file, previous, context,
-                                            [&](UsageEvent&& e) { events.push_back(e); });
+                SourceReadContext context;
+                context.source = source;
+                context.file = file;
+                context.checkpoint = previous;
+                context.sink = [&](UsageEvent&& e) { events.push_back(finished(std::move(e))); };
+                auto result = reader.ingest(context);
                 if (!result) {
                     errors.push_back(result.error());
                     continue;
@@ -108,7 +105,7 @@ struct MiniLedger {
                 lastStats.malformed += result->stats.malformed;
                 lastStats.withoutUsage += result->stats.withoutUsage;
                 for (auto& e : result->events)
-                    events.push_back(e);
+                    events.push_back(finished(e));
                 for (auto& e : events) {
                     lastEvents.push_back(e);
                     ledger[e.id] = e;
@@ -135,12 +132,13 @@ struct OneRead {
 
 OneRead readOnce(AgentSource source, const fs::path& file,
                  const std::optional<SourceCheckpoint>& checkpoint = std::nullopt) {
-    const AppSettings settings;
-    const auto prices = PriceTable::empty();
-    const SourceReadContext context{settings, prices, ""};
+    SourceReadContext context;
+    context.source = source;
+    context.file = file;
+    context.checkpoint = checkpoint;
     OneRead out;
-    auto result = readerOf(source).ingest(file, checkpoint, context,
-                                          [&](UsageEvent&& e) { out.events.push_back(e); });
+    context.sink = [&](UsageEvent&& e) { out.events.push_back(finished(std::move(e))); };
+    auto result = readerOf(source).ingest(context);
     EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
     if (result) {
         out.result = std::move(*result);
@@ -682,11 +680,13 @@ TEST(OpenClawReaderTest, DatabaseShapes) {
         EXPECT_EQ(read.events.size(), c.events);
     }
     corpus::writeFile(home.path(), "openclaw-agent.sqlite", "not a database at all, just text");
-    const AppSettings settings;
-    const auto prices = PriceTable::empty();
-    EXPECT_THROW(
-        (void)OpenClawReader::ingest(db, std::nullopt, {settings, prices, ""}, [](UsageEvent&&) {}),
-        SQLiteUsageError);
+    SourceReadContext context;
+    context.source = AgentSource::openclaw;
+    context.file = db;
+    context.sink = [](UsageEvent&&) {};
+    const auto notADatabase = OpenClawReader::ingest(context);
+    ASSERT_FALSE(notADatabase.has_value());
+    EXPECT_EQ(notADatabase.error().sqliteCode, SQLITE_NOTADB);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -766,7 +766,7 @@ TEST(PiFamilyDiscoveryTest, FindsEachAgentsFilesAndNothingElse) {
     auto found = [&](AgentSource source, const char* root) {
         std::vector<FileError> errors;
         std::vector<std::string> out;
-        for (const auto& p : readerOf(source).discover(home / root, errors)) {
+        for (const auto& p : readerOf(source).discover(home / root, &errors)) {
             out.push_back(p.lexically_relative(home.path()).string());
         }
         std::ranges::sort(out);

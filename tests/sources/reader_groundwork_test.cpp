@@ -7,7 +7,7 @@
 #include <chrono>
 #include <fstream>
 
-#include "core/pricing/price_table.hpp"
+#include "core/model/privacy.hpp"
 #include "core/sources/event_draft.hpp"
 #include "core/sources/line_source.hpp"
 #include "core/sources/stores/readonly_sqlite.hpp"
@@ -129,7 +129,9 @@ TEST(SQLiteCumulativeContextTest, YieldsWhatWasAddedSinceTheLastTotals) {
     }
 }
 
-TEST(EventDraftTest, BuildsPricedEventsWithTheSourcesTokenRuleAndPrivacyChoices) {
+// The reader's event carries everything the record says, project label included, and no
+// price: the ledger side applies the user's choices (see event_finishing_test).
+TEST(EventDraftTest, BuildsUnpricedEventsWithTheSourcesTokenRule) {
     EventDraft draft;
     draft.source = AgentSource::codex;  // subset family: cached inside input, reasoning in output
     draft.id = "codex:s:1";
@@ -141,29 +143,29 @@ TEST(EventDraftTest, BuildsPricedEventsWithTheSourcesTokenRuleAndPrivacyChoices)
     draft.cachedInput = 400;
     draft.output = 300;
     draft.reasoning = 100;
-    const PriceTable& prices = PriceTable::bundled();
 
-    AppSettings settings;
-    const auto e = buildEvent(draft, settings, prices);
+    const auto e = buildEvent(draft);
     EXPECT_EQ(e.provider, "openai");
     EXPECT_EQ(e.exclusive.inputUncached, 600);
     EXPECT_EQ(e.exclusive.cacheRead, 400);
     EXPECT_EQ(e.exclusive.outputVisible, 200);
     EXPECT_EQ(e.exclusive.reasoning, 100);
+    EXPECT_EQ(e.promptTokens, 1000);
     EXPECT_EQ(e.projectDisplayName, "app");
-    ASSERT_TRUE(e.cwdHash);
-    EXPECT_EQ(e.costSource, CostSource::priceTable);
-    EXPECT_GT(e.estimatedCostUSDMicros.value_or(0), 0);
+    EXPECT_EQ(e.cwdHash, Privacy::cwdHash("/home/u/work/app"));
+    EXPECT_FALSE(e.estimatedCostUSDMicros.has_value());
+    EXPECT_EQ(e.costSource, CostSource::unknown);
 
-    settings.storeProject = false;
+    draft.cwd.clear();
+    draft.projectName = "named\xff";
     draft.rawExtras = R"({"costUSD":0.5})";
     draft.model = "claude\xff-x";
-    const auto hidden = buildEvent(draft, settings, prices);
-    EXPECT_FALSE(hidden.projectDisplayName);
-    EXPECT_EQ(hidden.cwdHash, e.cwdHash) << "the hash joins projects without naming them";
-    EXPECT_EQ(hidden.costSource, CostSource::vendorReported);
-    EXPECT_EQ(hidden.estimatedCostUSDMicros, 500'000);
-    EXPECT_EQ(hidden.model, "claude\xEF\xBF\xBD-x") << "bad UTF-8 replaced";
+    const auto named = buildEvent(draft);
+    EXPECT_FALSE(named.cwdHash);
+    EXPECT_EQ(named.projectDisplayName, "named\xEF\xBF\xBD") << "bad UTF-8 replaced";
+    EXPECT_EQ(named.model, "claude\xEF\xBF\xBD-x");
+    EXPECT_EQ(named.rawExtras, draft.rawExtras) << "the agent's cost waits for pricing";
+    EXPECT_FALSE(named.estimatedCostUSDMicros.has_value());
 }
 
 TEST(EventDraftTest, ProviderFollowsTheModelName) {

@@ -32,33 +32,29 @@ namespace cs = corpus::stores;
 using corpus::FixtureDB;
 using test_support::TempDir;
 
+// The registered reader of `source` on one store, its events collected.
+std::expected<IngestResult, FileError> tryStore(AgentSource source, const fs::path& database,
+                                                const std::optional<SourceCheckpoint>& cp = {}) {
+    SourceReadContext context;
+    context.source = source;
+    context.file = database;
+    context.checkpoint = cp;
+    return SourceReaders::collect(SourceReaders::reader(source)->ingest, std::move(context));
+}
+
+IngestResult readStore(AgentSource source, const fs::path& database,
+                       const std::optional<SourceCheckpoint>& cp = {}) {
+    auto result = tryStore(source, database, cp);
+    EXPECT_TRUE(result.has_value()) << (result ? "" : result.error().description());
+    return result ? std::move(*result) : IngestResult{};
+}
+
 using Ingest = std::function<IngestResult(const fs::path&, const std::optional<SourceCheckpoint>&)>;
 
 Ingest ingestOf(AgentSource source) {
-    const AppSettings settings;
-    const auto prices = PriceTable::empty();
-    switch (source) {
-        case AgentSource::kiro:
-            return [=](const fs::path& p, const std::optional<SourceCheckpoint>& c) {
-                return KiroReader::ingest(p, c, settings, prices);
-            };
-        case AgentSource::cursor:
-            return [=](const fs::path& p, const std::optional<SourceCheckpoint>& c) {
-                return CursorReader::ingest(p, c, settings, prices);
-            };
-        case AgentSource::anythingLLM:
-            return [=](const fs::path& p, const std::optional<SourceCheckpoint>& c) {
-                return AnythingLLMReader::ingest(p, c, settings, prices);
-            };
-        case AgentSource::zcode:
-            return [=](const fs::path& p, const std::optional<SourceCheckpoint>& c) {
-                return ZCodeReader::ingest(p, c, settings, prices);
-            };
-        default:
-            return [=](const fs::path& p, const std::optional<SourceCheckpoint>& c) {
-                return ChatMessageReader::ingest(source, p, c, settings, prices);
-            };
-    }
+    return [source](const fs::path& p, const std::optional<SourceCheckpoint>& c) {
+        return readStore(source, p, c);
+    };
 }
 
 std::vector<fs::path> discoverOf(AgentSource source, const fs::path& root) {
@@ -292,19 +288,29 @@ TEST_P(StoreReaderContract, LeavesTheDatabaseUntouched) {
     EXPECT_FALSE(fs::exists(database.string() + "-wal"));
 }
 
+// A store that cannot be read is an error value naming it, never an exception.
 TEST_P(StoreReaderContract, RefusesFilesThatAreNotSQLiteOrAreLocked) {
     const auto& c = GetParam();
     TempDir home;
-    const auto ingest = ingestOf(c.source);
     const auto garbage = home.write("garbage.db", std::string(4096, 'x'));
-    EXPECT_THROW(ingest(garbage, std::nullopt), SQLiteUsageError);
-    EXPECT_THROW(ingest(home / "missing.db", std::nullopt), SQLiteUsageError);
+    const auto foreign = tryStore(c.source, garbage);
+    ASSERT_FALSE(foreign.has_value());
+    EXPECT_EQ(foreign.error().path, garbage.string());
+    EXPECT_EQ(foreign.error().sqliteCode, SQLITE_NOTADB);
+    const auto missing = tryStore(c.source, home / "missing.db");
+    ASSERT_FALSE(missing.has_value());
+    EXPECT_EQ(missing.error().operation, "open");
+    EXPECT_EQ(missing.error().sqliteCode, SQLITE_CANTOPEN);
 
     const auto database = c.write(home.path()).first;
     FixtureDB holder(database);
     holder.exec("PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;");
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_THROW(ingest(database, std::nullopt), SQLiteUsageError);
+    const auto locked = tryStore(c.source, database);
+    ASSERT_FALSE(locked.has_value());
+    EXPECT_EQ(locked.error().sqliteCode, SQLITE_BUSY);
+    EXPECT_EQ(locked.error().description(), "cannot " + locked.error().operation + " " +
+                                                database.string() + ": database is locked");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
     holder.exec("COMMIT;");
 }
@@ -320,17 +326,18 @@ TEST_P(StoreReaderContract, IsRegisteredAndFoundFromTheCatalogueRoots) {
     std::vector<fs::path> found;
     for (const auto& root : AgentCatalog::installedRoots(c.source, home.path())) {
         std::vector<FileError> errors;
-        for (auto& file : reader->discover(root, errors)) {
+        for (auto& file : reader->discover(root, &errors)) {
             found.push_back(file);
         }
         EXPECT_TRUE(errors.empty());
     }
     ASSERT_EQ(found, std::vector<fs::path>{database});
-    const AppSettings settings;
-    const auto prices = PriceTable::empty();
     std::vector<UsageEvent> streamed;
-    const auto result = reader->ingest(database, std::nullopt, {settings, prices, ""},
-                                       [&](UsageEvent&& e) { streamed.push_back(std::move(e)); });
+    SourceReadContext context;
+    context.source = c.source;
+    context.file = database;
+    context.sink = [&](UsageEvent&& e) { streamed.push_back(std::move(e)); };
+    const auto result = reader->ingest(context);
     ASSERT_TRUE(result.has_value());
     EXPECT_EQ(static_cast<int64_t>(result->events.size() + streamed.size()), expected);
 }
@@ -347,7 +354,7 @@ struct KiroFixture {
     FixtureDB db{path};
     KiroFixture() { cs::createKiroSchema(db); }
     IngestResult read(const std::optional<SourceCheckpoint>& cp = std::nullopt) {
-        return KiroReader::ingest(path, cp, AppSettings{}, PriceTable::empty());
+        return readStore(AgentSource::kiro, path, cp);
     }
 };
 
@@ -460,7 +467,7 @@ TEST(KiroReader, ReportsAStoreWithoutTheConversationTable) {
         FixtureDB db(dir / "data.sqlite3");
         db.exec("CREATE TABLE conversations (key TEXT PRIMARY KEY, value TEXT);");
     }
-    const auto r = KiroReader::ingest(dir / "data.sqlite3", std::nullopt, {}, PriceTable::empty());
+    const auto r = readStore(AgentSource::kiro, dir / "data.sqlite3", std::nullopt);
     EXPECT_TRUE(r.formatChanged);
     EXPECT_TRUE(r.events.empty());
     // The IDE's and ~/.kiro folders hold no database this reader knows.
@@ -486,8 +493,8 @@ TEST(CursorReader, NeverPicksUpTheAccountCredentials) {
                            R"({"type":2,"tokenCount":{"inputTokens":1,"outputTokens":1},"t":")" +
                                std::string(cs::kCursorFakeAccessToken) + R"("})");
     }
-    const auto first = CursorReader::ingest(database, std::nullopt, {}, PriceTable::empty());
-    const auto second = CursorReader::ingest(database, first.checkpoint, {}, PriceTable::empty());
+    const auto first = readStore(AgentSource::cursor, database, std::nullopt);
+    const auto second = readStore(AgentSource::cursor, database, first.checkpoint);
     ASSERT_EQ(static_cast<int64_t>(first.events.size()), cs::cursorExpectedEvents(2, 6));
     for (const auto* r : {&first, &second}) {
         const std::string dump = nlohmann::json(r->events).dump() +
@@ -514,7 +521,7 @@ TEST(CursorReader, ReadsAssistantBubblesWithCountsOnly) {
         R"({"type":2,"createdAt":1780000003000,"tokenCount":{"inputTokens":7,"outputTokens":9}})";
     db.run("INSERT INTO cursorDiskKV VALUES ('bubbleId:c2:a1', ?)",
            {std::vector<unsigned char>(blob.begin(), blob.end())});
-    const auto r = CursorReader::ingest(path, std::nullopt, {}, PriceTable::empty());
+    const auto r = readStore(AgentSource::cursor, path, std::nullopt);
     ASSERT_EQ(r.events.size(), 2u);
     EXPECT_EQ(r.events[0].id, "cursor:c1:a1:gpt-5");
     EXPECT_EQ(r.events[0].exclusive, (ExclusiveTokens{1200, 0, 0, 80, 0}));
@@ -532,10 +539,10 @@ TEST(CursorReader, CountsABubbleWhoseCountsArriveLater) {
     cs::createCursorSchema(db);
     cs::putCursorValue(db, "bubbleId:c1:a1", cs::cursorBubbleJSON(2, 1780000001000, 0, 0));
     cs::putCursorValue(db, "bubbleId:c1:a2", cs::cursorBubbleJSON(2, 1780000001000, 3, 4));
-    const auto first = CursorReader::ingest(path, std::nullopt, {}, PriceTable::empty());
+    const auto first = readStore(AgentSource::cursor, path, std::nullopt);
     ASSERT_EQ(first.events.size(), 1u);
     cs::putCursorValue(db, "bubbleId:c1:a1", cs::cursorBubbleJSON(2, 1780000001000, 500, 60));
-    const auto second = CursorReader::ingest(path, first.checkpoint, {}, PriceTable::empty());
+    const auto second = readStore(AgentSource::cursor, path, first.checkpoint);
     ASSERT_EQ(second.events.size(), 1u);
     EXPECT_EQ(second.events[0].id, "cursor:c1:a1:cursor-unknown");
     EXPECT_EQ(second.events[0].exclusive.inputUncached, 500);
@@ -557,7 +564,7 @@ struct ChatFixture {
         cs::putChatMessage(*db, schema, id, "s1", "r-" + id, "assistant", info, 1780000000000);
     }
     IngestResult read(AgentSource source = AgentSource::qoder) {
-        return ChatMessageReader::ingest(source, path, std::nullopt, {}, PriceTable::empty());
+        return readStore(source, path, std::nullopt);
     }
 };
 
@@ -621,8 +628,7 @@ TEST(ChatMessageReader, ReportsAChangedFormat) {
             FixtureDB db(dir / "x.db");
             db.exec("CREATE TABLE chat_message (id TEXT, role TEXT, content TEXT);");
         }
-        const auto r = ChatMessageReader::ingest(AgentSource::qoder, dir / "x.db", std::nullopt, {},
-                                                 PriceTable::empty());
+        const auto r = readStore(AgentSource::qoder, dir / "x.db", std::nullopt);
         EXPECT_TRUE(r.formatChanged);
         EXPECT_TRUE(r.events.empty());
     }
@@ -733,7 +739,7 @@ TEST(AnythingLLMReader, ReadsTimesModelsAndExcludedRows) {
                            R"({"metrics":{"prompt_tokens":"many","completion_tokens":1}})",
                            int64_t{1780000000000}, true);
     cs::putAnythingLLMChat(db, 1, std::nullopt, R"({"text":"old"})", int64_t{1780000000000}, true);
-    const auto r = AnythingLLMReader::ingest(path, std::nullopt, {}, PriceTable::empty());
+    const auto r = readStore(AgentSource::anythingLLM, path, std::nullopt);
     ASSERT_EQ(r.events.size(), 3u);
     EXPECT_EQ(r.events[0].id, "anythingllm:thread-3:1:gpt-4o");
     EXPECT_EQ(r.events[0].provider, "openai");
@@ -755,7 +761,7 @@ TEST(AnythingLLMReader, ReadsAStoreWithoutTheWorkspacesTable) {
     FixtureDB db(path);
     db.exec("CREATE TABLE workspace_chats (workspaceId INTEGER, response TEXT);");
     db.run("INSERT INTO workspace_chats VALUES (4, ?)", {cs::anythingLLMResponseJSON(3, 4, "")});
-    const auto r = AnythingLLMReader::ingest(path, std::nullopt, {}, PriceTable::empty());
+    const auto r = readStore(AgentSource::anythingLLM, path, std::nullopt);
     ASSERT_EQ(r.events.size(), 1u);
     EXPECT_EQ(r.events[0].id, "anythingllm:workspace-4:1:anythingllm-unknown");
     EXPECT_EQ(r.events[0].timeQuality, ObservationTimeQuality::inferred);
@@ -793,7 +799,7 @@ TEST(ZCodeReader, TakesTheCacheOutOfInputAndReadsOnlyCompletedRows) {
         db,
         {.id = "d", .sessionID = "s1", .startedMs = 1780000005000, .completedMs = 1780000006000});
     db.exec("UPDATE model_usage SET output_tokens = 'x' WHERE id = 'b'");
-    const auto r = ZCodeReader::ingest(path, std::nullopt, {}, PriceTable::empty());
+    const auto r = readStore(AgentSource::zcode, path, std::nullopt);
     ASSERT_EQ(r.events.size(), 1u);
     const auto& e = r.events[0];
     EXPECT_EQ(e.id, "zcode:s1:a:glm-4.6");
@@ -829,12 +835,12 @@ TEST(ZCodeReader, PicksUpARequestThatCompletesAfterLaterOnes) {
                            .startedMs = 1780000001000,
                            .completedMs = 1780000002000},
                           c.completedAt);
-        const auto first = ZCodeReader::ingest(path, std::nullopt, {}, PriceTable::empty());
+        const auto first = readStore(AgentSource::zcode, path, std::nullopt);
         ASSERT_EQ(first.events.size(), 1u) << c.name;
         slow.status = "completed";
         slow.completedMs = 1780000009000;
         cs::putZCodeUsage(db, slow, c.completedAt);
-        const auto second = ZCodeReader::ingest(path, first.checkpoint, {}, PriceTable::empty());
+        const auto second = readStore(AgentSource::zcode, path, first.checkpoint);
         ASSERT_EQ(second.events.size(), 1u) << c.name;
         EXPECT_EQ(second.events[0].id, "zcode:s1:slow:glm-4.6") << c.name;
         EXPECT_FALSE(second.events[0].cwdHash.has_value()) << c.name;
@@ -847,7 +853,7 @@ TEST(ZCodeReader, ReportsATableWithoutTheUsageColumns) {
         FixtureDB db(dir / "db.sqlite");
         db.exec("CREATE TABLE model_usage (id TEXT, session_id TEXT, tokens INTEGER);");
     }
-    const auto r = ZCodeReader::ingest(dir / "db.sqlite", std::nullopt, {}, PriceTable::empty());
+    const auto r = readStore(AgentSource::zcode, dir / "db.sqlite", std::nullopt);
     EXPECT_TRUE(r.formatChanged);
     EXPECT_TRUE(r.events.empty());
 }
@@ -862,13 +868,12 @@ namespace kestrel {
 namespace {
 
 using GenericRead = IngestResult (*)(ReadonlySQLite&, AgentSource,
-                                     const std::optional<SourceCheckpoint>&, const AppSettings&,
-                                     const PriceTable&);
+                                     const std::optional<SourceCheckpoint>&);
 
 IngestResult readWith(GenericRead read, const fs::path& path,
                       const std::optional<SourceCheckpoint>& cp = std::nullopt) {
     ReadonlySQLite db(path);
-    return read(db, AgentSource::dots, cp, AppSettings{}, PriceTable::empty());
+    return read(db, AgentSource::dots, cp);
 }
 
 TEST(GenericStatements, PerRowStatementsResumeAfterTheirLastRow) {

@@ -34,12 +34,13 @@ struct Read {
 Read readFile(const SourceReader& reader, const fs::path& file,
               const std::optional<SourceCheckpoint>& checkpoint = std::nullopt,
               const std::string& defaultModel = "") {
-    const AppSettings settings;
-    const auto prices = PriceTable::empty();
-    const SourceReadContext context{settings, prices, defaultModel};
+    SourceReadContext context;
+    context.file = file;
+    context.checkpoint = checkpoint;
+    context.defaultModel = defaultModel;
     Read read;
-    auto result = reader.ingest(file, checkpoint, context,
-                                [&](UsageEvent&& e) { read.events.push_back(std::move(e)); });
+    context.sink = [&](UsageEvent&& e) { read.events.push_back(std::move(e)); };
+    auto result = reader.ingest(context);
     EXPECT_TRUE(result.has_value()) << file;
     if (result) {
         read.result = std::move(*result);
@@ -63,7 +64,7 @@ std::map<std::string, UsageEvent> scanAll(const SourceReader& reader,
     std::map<std::string, UsageEvent> ledger;
     for (const auto& root : roots) {
         std::vector<FileError> errors;
-        for (const auto& file : reader.discover(root, errors)) {
+        for (const auto& file : reader.discover(root, &errors)) {
             ledger = ledgerOf(readFile(reader, file, std::nullopt, defaultModel).events,
                               std::move(ledger));
         }
@@ -151,7 +152,7 @@ TEST(GeminiReader, LegacySessionsReadWholeAndSkippedBesideTheirCopy) {
 
     const auto reader = GeminiReader::reader();
     std::vector<FileError> errors;
-    const auto files = reader.discover(home / ".gemini", errors);
+    const auto files = reader.discover(home / ".gemini", &errors);
     const std::vector<fs::path> expected{home / chats / "sb/sub-1.jsonl",
                                          home / chats / "session-a.json",
                                          home / chats / "session-b.jsonl"};
@@ -212,7 +213,7 @@ TEST(AntigravityReader, EstimatesFromTextSizeAndCarriesTheModelAcrossScans) {
             tc::antigravityModelLine(2, "2026-06-26T21:16:18Z", "", ""));
     const auto reader = AntigravityReader::reader();
     std::vector<FileError> errors;
-    ASSERT_EQ(reader.discover(home / ".gemini/antigravity", errors),
+    ASSERT_EQ(reader.discover(home / ".gemini/antigravity", &errors),
               std::vector<fs::path>{home / rel});
     auto first = readFile(reader, home / rel);
     ASSERT_EQ(first.events.size(), 1u);
@@ -341,7 +342,7 @@ TEST(GrokReader, FindsNestedUsageAsSubsetFamilyWithPromptModels) {
         "\n");
     const auto reader = GrokReader::reader();
     std::vector<FileError> errors;
-    ASSERT_EQ(reader.discover(home / ".grok", errors),
+    ASSERT_EQ(reader.discover(home / ".grok", &errors),
               std::vector<fs::path>{home / dir / "updates.jsonl"});
     auto read = readFile(reader, home / dir / "updates.jsonl");
     ASSERT_EQ(read.events.size(), 3u);
@@ -452,7 +453,7 @@ TEST(CopilotReader, TelemetrySpansInBothSpellingsAndShapes) {
     corpus::writeFile(home.path(), rel, text);
     const auto reader = CopilotReader::reader();
     std::vector<FileError> errors;
-    EXPECT_EQ(reader.discover(home / ".copilot", errors), std::vector<fs::path>{home / rel});
+    EXPECT_EQ(reader.discover(home / ".copilot", &errors), std::vector<fs::path>{home / rel});
     auto read = readFile(reader, home / rel);
     ASSERT_EQ(read.events.size(), cases.size());
     for (std::size_t i = 0; i < cases.size(); ++i) {

@@ -54,8 +54,11 @@ TEST(CodexCorpusTest, ReaderFindsExactlyTheUsageTheCorpusHolds) {
         const auto& expected = summary.rollouts[i];
         SCOPED_TRACE(expected.path.filename().string());
         EXPECT_EQ(found[i], expected.path);
-        const auto result = CodexParser::ingest(found[i], std::nullopt, AppSettings{},
-                                                PriceTable::empty(), "gpt-5");
+        SourceReadContext context;
+        context.source = AgentSource::codex;
+        context.file = found[i];
+        context.defaultModel = "gpt-5";
+        const auto result = SourceReaders::collect(CodexParser::ingest, context);
         ASSERT_TRUE(result.has_value()) << result.error().description();
         EXPECT_EQ(result->stats.lines, expected.lines);
         EXPECT_EQ(result->stats.malformed, 0);

@@ -47,9 +47,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return StoreRows::databaseAt(root, "anythingllm.db");
 }
 
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices) {
+namespace {
+
+IngestResult readStore(const std::filesystem::path& database,
+                       const std::optional<SourceCheckpoint>& checkpoint) {
     ReadonlySQLite db(database);
     IngestResult result;
     result.checkpoint =
@@ -152,7 +153,7 @@ IngestResult ingest(const std::filesystem::path& database,
         if (totalRead == CountRead::count) {
             d.providerTotal = total;
         }
-        result.events.push_back(buildEvent(d, settings, prices));
+        result.events.push_back(buildEvent(d));
         return true;
     });
     if (lastRow > after) {
@@ -162,8 +163,15 @@ IngestResult ingest(const std::filesystem::path& database,
     return result;
 }
 
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return guardStoreRead(context.file,
+                          [&] { return readStore(context.file, context.checkpoint); });
+}
+
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::store, parserVersion, discover, ingest);
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::AnythingLLMReader

@@ -211,9 +211,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return discoverFiles(root, options);
 }
 
-IngestResult ingest(AgentSource source, const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices) {
+namespace {
+
+IngestResult readStore(AgentSource source, const std::filesystem::path& database,
+                       const std::optional<SourceCheckpoint>& checkpoint) {
     ReadonlySQLite db(database);
     IngestResult result;
     result.checkpoint = StoreRows::startCheckpoint(source, parserVersion, database, checkpoint);
@@ -284,7 +285,7 @@ IngestResult ingest(AgentSource source, const std::filesystem::path& database,
         if (counts.inputIncludedCache) {
             d.rawExtras = R"({"inputIncludedCache":true})";
         }
-        result.events.push_back(buildEvent(d, settings, prices));
+        result.events.push_back(buildEvent(d));
         return true;
     });
     if (lastRow > after) {
@@ -294,20 +295,15 @@ IngestResult ingest(AgentSource source, const std::filesystem::path& database,
     return result;
 }
 
-SourceReader reader(AgentSource source) {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [source](const std::filesystem::path& file,
-                        const std::optional<SourceCheckpoint>& checkpoint,
-                        const SourceReadContext& context,
-                        const SourceEventSink&) -> std::expected<IngestResult, FileError> {
-        return ingest(source, file, checkpoint, context.settings, context.prices);
-    };
-    return r;
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return guardStoreRead(
+        context.file, [&] { return readStore(context.source, context.file, context.checkpoint); });
+}
+
+SourceReader reader() {
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::ChatMessageReader

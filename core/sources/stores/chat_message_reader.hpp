@@ -5,14 +5,13 @@
 // usual spellings are accepted and a store whose rows hold none of them is reported as changed.
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <optional>
 #include <vector>
 
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -26,13 +25,11 @@ inline constexpr int64_t parserVersion = 1;
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// The assistant messages with token counts added since `checkpoint`, as events of `source`.
-// Throws SQLiteUsageError when the database cannot be opened or queried.
-IngestResult ingest(AgentSource source, const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices);
+// The assistant messages with token counts added since the checkpoint, as events of
+// `context.source`. Fails when the database cannot be opened or queried.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
-// The reader for qoder, qoderCN or traeWorkCN.
-SourceReader reader(AgentSource source);
+// The reader of qoder, qoderCN and traeWorkCN.
+SourceReader reader();
 
 }  // namespace kestrel::ChatMessageReader

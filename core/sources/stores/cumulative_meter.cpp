@@ -95,7 +95,7 @@ std::string recordID(const TokenSnapshot& t) {
 }
 
 bool meter(AgentSource source, SQLiteCumulativeContext& state, const Reading& reading,
-           double fallbackTime, const SourceReadContext& context, const SourceEventSink& sink) {
+           double fallbackTime, const SourceEventSink& sink) {
     const auto added = state.advance(reading.key, reading.totals, reading.sequence);
     if (!added) {
         return false;
@@ -126,7 +126,7 @@ bool meter(AgentSource source, SQLiteCumulativeContext& state, const Reading& re
         d.providerTotal = added->providerTotal;
     }
     d.rawExtras = reading.rawExtras;
-    sink(buildEvent(d, context.settings, context.prices));
+    sink(buildEvent(d));
     return true;
 }
 

@@ -63,7 +63,7 @@ std::string recordID(const TokenSnapshot& totals);
 // Advances `state` by `reading` and sends the growth, if any, as one event. Time is the reading's
 // own update time (trusted) or `fallbackTime` (inferred). Returns whether an event was sent.
 bool meter(AgentSource source, SQLiteCumulativeContext& state, const Reading& reading,
-           double fallbackTime, const SourceReadContext& context, const SourceEventSink& sink);
+           double fallbackTime, const SourceEventSink& sink);
 
 // The checkpoint of a store read whole, carrying `state`.
 SourceCheckpoint checkpoint(AgentSource source, int64_t parserVersion,

@@ -56,9 +56,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return StoreRows::databaseAt(root, "state.vscdb");
 }
 
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices) {
+namespace {
+
+IngestResult readStore(const std::filesystem::path& database,
+                       const std::optional<SourceCheckpoint>& checkpoint) {
     ReadonlySQLite db(database);
     IngestResult result;
     result.checkpoint =
@@ -137,7 +138,7 @@ IngestResult ingest(const std::filesystem::path& database,
         d.granularity = UsageGranularity::request;
         d.input = input;
         d.output = output;
-        result.events.push_back(buildEvent(d, settings, prices));
+        result.events.push_back(buildEvent(d));
     };
 
     db.forEach(kBubbleRows, {after}, [&](const SQLiteRow& row) {
@@ -166,8 +167,15 @@ IngestResult ingest(const std::filesystem::path& database,
     return result;
 }
 
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return guardStoreRead(context.file,
+                          [&] { return readStore(context.file, context.checkpoint); });
+}
+
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::store, parserVersion, discover, ingest);
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::CursorReader

@@ -62,9 +62,8 @@ bool readRowCounts(const SQLiteRow& row, std::string_view input, std::string_vie
 // What the per-row statements share: the read, the cursor, the drafts and the counting.
 struct RowReader {
     RowReader(ReadonlySQLite& db, AgentSource source,
-              const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-              const PriceTable& prices)
-        : db_(db), source_(source), settings_(settings), prices_(prices) {
+              const std::optional<SourceCheckpoint>& checkpoint)
+        : db_(db), source_(source) {
         database_ = StoreRows::databasePath(db);
         result_.checkpoint =
             StoreRows::startCheckpoint(source, parserVersion, database_, checkpoint);
@@ -106,7 +105,7 @@ struct RowReader {
         d.output = c.output;
         d.reasoning = c.reasoning;
         d.rawExtras = std::move(extras);
-        result_.events.push_back(buildEvent(d, settings_, prices_));
+        result_.events.push_back(buildEvent(d));
     }
 
     void malformed() {
@@ -122,8 +121,6 @@ struct RowReader {
 
     ReadonlySQLite& db_;
     AgentSource source_;
-    const AppSettings& settings_;
-    const PriceTable& prices_;
     std::filesystem::path database_;
     IngestResult result_;
     double fileTime_ = 0;
@@ -153,9 +150,8 @@ void readAfterRowid(RowReader& reader, const std::string& sql,
 }  // namespace
 
 IngestResult readTokensGenerated(ReadonlySQLite& db, AgentSource source,
-                                 const std::optional<SourceCheckpoint>& checkpoint,
-                                 const AppSettings& settings, const PriceTable& prices) {
-    RowReader reader(db, source, checkpoint, settings, prices);
+                                 const std::optional<SourceCheckpoint>& checkpoint) {
+    RowReader reader(db, source, checkpoint);
     const auto columns = db.columns("tokens_generated");
     if (!hasAll(columns, {"tokens_prompt", "tokens_generated"})) {
         reader.result().formatChanged = true;
@@ -180,9 +176,8 @@ IngestResult readTokensGenerated(ReadonlySQLite& db, AgentSource source,
 }
 
 IngestResult readAssistantUsageEvents(ReadonlySQLite& db, AgentSource source,
-                                      const std::optional<SourceCheckpoint>& checkpoint,
-                                      const AppSettings& settings, const PriceTable& prices) {
-    RowReader reader(db, source, checkpoint, settings, prices);
+                                      const std::optional<SourceCheckpoint>& checkpoint) {
+    RowReader reader(db, source, checkpoint);
     const auto columns = db.columns("assistant_usage_events");
     if (!hasAll(columns, {"id", "input_tokens", "output_tokens"})) {
         reader.result().formatChanged = true;
@@ -230,9 +225,8 @@ IngestResult readAssistantUsageEvents(ReadonlySQLite& db, AgentSource source,
 }
 
 IngestResult readSessionTotals(ReadonlySQLite& db, AgentSource source,
-                               const std::optional<SourceCheckpoint>& checkpoint,
-                               const AppSettings& settings, const PriceTable& prices) {
-    RowReader reader(db, source, checkpoint, settings, prices);
+                               const std::optional<SourceCheckpoint>& checkpoint) {
+    RowReader reader(db, source, checkpoint);
     const auto columns = db.columns("sessions");
     if (!hasAll(columns, {"id", "total_input_tokens", "total_output_tokens"})) {
         reader.result().formatChanged = true;
@@ -285,7 +279,7 @@ IngestResult readSessionTotals(ReadonlySQLite& db, AgentSource source,
         d.cachedInput = added->cachedInput;
         d.output = added->output;
         d.reasoning = added->reasoning;
-        result.events.push_back(buildEvent(d, settings, prices));
+        result.events.push_back(buildEvent(d));
         return true;
     });
     result.checkpoint.parserContext = context.encode();
@@ -294,9 +288,8 @@ IngestResult readSessionTotals(ReadonlySQLite& db, AgentSource source,
 }
 
 IngestResult readFrames(ReadonlySQLite& db, AgentSource source,
-                        const std::optional<SourceCheckpoint>& checkpoint,
-                        const AppSettings& settings, const PriceTable& prices) {
-    RowReader reader(db, source, checkpoint, settings, prices);
+                        const std::optional<SourceCheckpoint>& checkpoint) {
+    RowReader reader(db, source, checkpoint);
     const auto columns = db.columns("frames");
     if (!hasAll(columns, {"aux_input_tokens", "aux_output_tokens"})) {
         reader.result().formatChanged = true;

@@ -14,9 +14,7 @@
 #include <optional>
 
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/stores/readonly_sqlite.hpp"
 
@@ -28,21 +26,17 @@ inline constexpr int64_t parserVersion = 1;
 // table or its count columns yields `formatChanged` and no events. Statement failures throw
 // SQLiteUsageError.
 IngestResult readTokensGenerated(ReadonlySQLite& db, AgentSource source,
-                                 const std::optional<SourceCheckpoint>& checkpoint,
-                                 const AppSettings& settings, const PriceTable& prices);
+                                 const std::optional<SourceCheckpoint>& checkpoint);
 
 IngestResult readAssistantUsageEvents(ReadonlySQLite& db, AgentSource source,
-                                      const std::optional<SourceCheckpoint>& checkpoint,
-                                      const AppSettings& settings, const PriceTable& prices);
+                                      const std::optional<SourceCheckpoint>& checkpoint);
 
 // Cumulative: events are the growth of each session's totals since the last scan (granularity
 // sessionAggregate); totals that went down restart the session's baseline without an event.
 IngestResult readSessionTotals(ReadonlySQLite& db, AgentSource source,
-                               const std::optional<SourceCheckpoint>& checkpoint,
-                               const AppSettings& settings, const PriceTable& prices);
+                               const std::optional<SourceCheckpoint>& checkpoint);
 
 IngestResult readFrames(ReadonlySQLite& db, AgentSource source,
-                        const std::optional<SourceCheckpoint>& checkpoint,
-                        const AppSettings& settings, const PriceTable& prices);
+                        const std::optional<SourceCheckpoint>& checkpoint);
 
 }  // namespace kestrel::GenericStatements

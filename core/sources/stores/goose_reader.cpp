@@ -71,9 +71,9 @@ bool fill(CumulativeMeter::Reading& r, const Totals& t) {
     return true;
 }
 
-std::expected<IngestResult, FileError> readDatabase(
-    const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
-    const SourceReadContext& context, const SourceEventSink& sink) {
+IngestResult readDatabase(const std::filesystem::path& file,
+                          const std::optional<SourceCheckpoint>& checkpoint,
+                          const SourceEventSink& sink) {
     auto state = SQLiteCumulativeContext::decode(checkpoint ? checkpoint->parserContext : "");
     IngestResult result;
     ReadonlySQLite db(file);
@@ -119,7 +119,7 @@ std::expected<IngestResult, FileError> readDatabase(
             r.updatedAt = parseISO8601(*updated);
         }
         r.rawExtras = extrasFor(row["provider_name"].text().value_or(""), r.model);
-        CumulativeMeter::meter(kSource, state, r, fallbackTime, context, sink);
+        CumulativeMeter::meter(kSource, state, r, fallbackTime, sink);
         return true;
     });
     result.checkpoint = CumulativeMeter::checkpoint(kSource, parserVersion, file, state);
@@ -181,7 +181,7 @@ bool inDatabase(const std::filesystem::path& sessionsFolder, const std::string& 
 
 std::expected<IngestResult, FileError> readLegacyFile(
     const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
-    const SourceReadContext& context, const SourceEventSink& sink) {
+    const SourceEventSink& sink) {
     auto state = SQLiteCumulativeContext::decode(checkpoint ? checkpoint->parserContext : "");
     IngestResult result;
     const auto line = firstLine(file);
@@ -230,7 +230,7 @@ std::expected<IngestResult, FileError> readLegacyFile(
         r.model = CumulativeMeter::jsonText(*config, "model_name");
     }
     r.rawExtras = extrasFor(CumulativeMeter::jsonText(meta, "provider_name"), r.model);
-    CumulativeMeter::meter(kSource, state, r, CumulativeMeter::storeTime(file), context, sink);
+    CumulativeMeter::meter(kSource, state, r, CumulativeMeter::storeTime(file), sink);
     result.checkpoint.parserContext = state.encode();
     return result;
 }
@@ -254,25 +254,19 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return found;
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink) {
-    if (file.extension() == ".jsonl") {
-        return readLegacyFile(file, checkpoint, context, sink);
-    }
-    return readDatabase(file, checkpoint, context, sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    // A legacy file is looked up in the database too, which may refuse as well.
+    return guardStoreRead(file, [&]() -> std::expected<IngestResult, FileError> {
+        if (file.extension() == ".jsonl") {
+            return readLegacyFile(file, context.checkpoint, context.sink);
+        }
+        return readDatabase(file, context.checkpoint, context.sink);
+    });
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = ingest;
-    return r;
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::GooseReader

@@ -21,12 +21,9 @@ inline constexpr int64_t parserVersion = 1;
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// Reads the database or a legacy session file. Throws SQLiteUsageError when the database cannot
-// be opened or queried (not SQLite, locked past the busy timeout).
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink);
+// Reads the database or a legacy session file. Fails when the database cannot be opened or
+// queried (not SQLite, locked past the busy timeout).
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

@@ -62,7 +62,6 @@ struct Reading {
     ReadonlySQLite& db;
     SQLiteCumulativeContext& state;
     double fallbackTime;
-    const SourceReadContext& context;
     const SourceEventSink& sink;
     IngestResult& result;
 };
@@ -167,7 +166,7 @@ std::set<std::string> meterModelUsage(Reading& in, const std::vector<Session>& s
         if (const auto it = cwdOf.find(session); it != cwdOf.end()) {
             r.cwd = it->second;
         }
-        CumulativeMeter::meter(kSource, in.state, r, in.fallbackTime, in.context, in.sink);
+        CumulativeMeter::meter(kSource, in.state, r, in.fallbackTime, in.sink);
         return true;
     });
     return covered;
@@ -205,14 +204,15 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return found;
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& database,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink) {
+namespace {
+
+IngestResult readStore(const std::filesystem::path& database,
+                       const std::optional<SourceCheckpoint>& checkpoint,
+                       const SourceEventSink& sink) {
     auto state = SQLiteCumulativeContext::decode(checkpoint ? checkpoint->parserContext : "");
     IngestResult result;
     ReadonlySQLite db(database);
-    Reading in{db, state, CumulativeMeter::storeTime(database), context, sink, result};
+    Reading in{db, state, CumulativeMeter::storeTime(database), sink, result};
     const auto present = db.columns("sessions");
     const bool shaped = present.contains("id") && present.contains("input_tokens") &&
                         present.contains("output_tokens");
@@ -247,21 +247,21 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& datab
         // A finished session's end is when its totals last grew; a running one's rows carry
         // no such time, so the database's own is used.
         r.updatedAt = s.endedAt;
-        CumulativeMeter::meter(kSource, state, r, in.fallbackTime, context, sink);
+        CumulativeMeter::meter(kSource, state, r, in.fallbackTime, sink);
     }
     result.checkpoint = CumulativeMeter::checkpoint(kSource, parserVersion, database, state);
     return result;
 }
 
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return guardStoreRead(
+        context.file, [&] { return readStore(context.file, context.checkpoint, context.sink); });
+}
+
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = ingest;
-    return r;
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::HermesReader

@@ -20,11 +20,8 @@ inline constexpr int64_t parserVersion = 1;
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// Throws SQLiteUsageError when the database cannot be opened or queried.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& database,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink);
+// Fails when the database cannot be opened or queried.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

@@ -154,9 +154,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return StoreRows::databaseAt(root, "data.sqlite3");
 }
 
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices) {
+namespace {
+
+IngestResult readStore(const std::filesystem::path& database,
+                       const std::optional<SourceCheckpoint>& checkpoint) {
     ReadonlySQLite db(database);
     IngestResult result;
     result.checkpoint =
@@ -241,7 +242,7 @@ IngestResult ingest(const std::filesystem::path& database,
                 switch (draftRequest(*metadata, i, facts, d)) {
                     case Outcome::event:
                         ++usable;
-                        result.events.push_back(buildEvent(d, settings, prices));
+                        result.events.push_back(buildEvent(d));
                         break;
                     case Outcome::noUsage:
                         ++usable;
@@ -270,8 +271,15 @@ IngestResult ingest(const std::filesystem::path& database,
     return result;
 }
 
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return guardStoreRead(context.file,
+                          [&] { return readStore(context.file, context.checkpoint); });
+}
+
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::store, parserVersion, discover, ingest);
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::KiroReader

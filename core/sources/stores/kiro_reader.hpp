@@ -5,13 +5,12 @@
 // per conversation how much of its history it has already turned into events.
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <optional>
 #include <vector>
 
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -29,11 +28,9 @@ inline constexpr const char* kUnknownModel = "kiro-unknown";
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// The requests added since `checkpoint`. Throws SQLiteUsageError when the database cannot be
-// opened or queried (not SQLite, locked).
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices);
+// The requests added since the checkpoint. Fails when the database cannot be opened or queried
+// (not SQLite, locked).
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

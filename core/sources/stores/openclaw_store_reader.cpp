@@ -5,8 +5,8 @@
 #include <string>
 
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
 #include "core/sources/pi_session_format.hpp"
+#include "core/sources/stores/readonly_sqlite.hpp"
 #include "core/sources/utf8.hpp"
 #include "core/sources/zstd_reader.hpp"
 
@@ -69,11 +69,9 @@ std::optional<int64_t> parseRowID(const std::optional<std::string>& text) {
     }
 }
 
-}  // namespace
-
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, int64_t parserVersion,
-                    const SourceReadContext& context, const SourceEventSink& sink) {
+IngestResult readStore(const SourceReadContext& context, int64_t parserVersion) {
+    const auto& database = context.file;
+    const auto& checkpoint = context.checkpoint;
     IngestResult result;
     result.checkpoint =
         LineSource::wholeFileCheckpoint(AgentSource::openclaw, parserVersion, database);
@@ -139,7 +137,7 @@ IngestResult ingest(const std::filesystem::path& database,
         }
         const std::string before = state.current.cwd;
         switch (PiSessionFormat::consume(reader, text, 0, *rowID, AgentSource::openclaw,
-                                         state.current, context, sink, fallbackTime)) {
+                                         state.current, context.sink, fallbackTime)) {
             case LineKind::usage:
                 ++usable;
                 break;
@@ -168,6 +166,13 @@ IngestResult ingest(const std::filesystem::path& database,
     result.checkpoint.logicalHighWater = std::to_string(lastRowID);
     result.checkpoint.parserContext = state.encode();
     return result;
+}
+
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context,
+                                              int64_t parserVersion) {
+    return guardStoreRead(context.file, [&] { return readStore(context, parserVersion); });
 }
 
 }  // namespace kestrel::OpenClawStoreReader

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <optional>
 
@@ -20,11 +21,10 @@ namespace kestrel::OpenClawStoreReader {
 inline constexpr std::size_t kMaxEventBytes = std::size_t{64} << 20;
 
 // Reads the rows after the checkpoint's logicalHighWater (the last rowid consumed); all rows
-// without one, or when the table now ends below it (the store was rebuilt). Throws
-// SQLiteUsageError when the database cannot be opened or queried. A database without the table
-// or without either event column reports formatChanged.
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, int64_t parserVersion,
-                    const SourceReadContext& context, const SourceEventSink& sink);
+// without one, or when the table now ends below it (the store was rebuilt). Fails when the
+// database cannot be opened or queried. A database without the table or without either event
+// column reports formatChanged.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context,
+                                              int64_t parserVersion);
 
 }  // namespace kestrel::OpenClawStoreReader

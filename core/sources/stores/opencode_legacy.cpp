@@ -98,8 +98,6 @@ std::optional<OpencodeMessage::Usage> stepSum(const fs::path& storage, const std
 }  // namespace
 
 std::expected<IngestResult, FileError> readLegacyMessage(const Flavor& flavor, const fs::path& file,
-                                                         const AppSettings& settings,
-                                                         const PriceTable& prices,
                                                          const SourceEventSink& sink) {
     auto text = LineSource::readSmallFile(file, kMaxMessageBytes);
     if (!text) {
@@ -150,7 +148,7 @@ std::expected<IngestResult, FileError> readLegacyMessage(const Flavor& flavor, c
     const auto draft =
         OpencodeMessage::draftFor(flavor.source, m, *counted, sessionID,
                                   session ? session->directory : "", false, modificationTime(file));
-    auto event = buildEvent(draft, settings, prices);
+    auto event = buildEvent(draft);
     if (sink) {
         sink(std::move(event));
     } else {

@@ -7,6 +7,7 @@
 
 #include "core/model/timestamp.hpp"
 #include "core/sources/file_discovery.hpp"
+#include "core/sources/stores/readonly_sqlite.hpp"
 
 namespace kestrel::OpencodeFamily {
 
@@ -73,12 +74,11 @@ std::vector<fs::path> discover(const Flavor& flavor, const fs::path& root,
     return out;
 }
 
-std::expected<IngestResult, FileError> ingest(const Flavor& flavor, const fs::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const Flavor flavour = flavor(context.source);
     if (file.extension() == ".json") {
-        return readLegacyMessage(flavor, file, settings, prices, sink);
+        return readLegacyMessage(flavour, file, context.sink);
     }
     std::error_code ec;
     if (!fs::exists(file, ec)) {
@@ -86,7 +86,8 @@ std::expected<IngestResult, FileError> ingest(const Flavor& flavor, const fs::pa
         // as vanished rather than unreadable.
         return std::unexpected(FileError{file.string(), "open", ENOENT, {}});
     }
-    return readDatabase(flavor, file, checkpoint, settings, prices, sink);
+    return guardStoreRead(
+        file, [&] { return readDatabase(flavour, file, context.checkpoint, context.sink); });
 }
 
 namespace {
@@ -96,13 +97,11 @@ SourceReader readerFor(AgentSource source) {
     r.kind = SourceReaderKind::store;
     r.parserVersion = parserVersion;
     const auto f = flavor(source);
-    r.discover = [f](const fs::path& root, std::vector<FileError>& errors) {
-        return discover(f, root, &errors);
+    // The discovery rule differs per flavour; the reading one follows the context's source.
+    r.discover = [f](const fs::path& root, std::vector<FileError>* errors) {
+        return discover(f, root, errors);
     };
-    r.ingest = [f](const fs::path& file, const std::optional<SourceCheckpoint>& checkpoint,
-                   const SourceReadContext& context, const SourceEventSink& sink) {
-        return ingest(f, file, checkpoint, context.settings, context.prices, sink);
-    };
+    r.ingest = ingest;
     return r;
 }
 

@@ -12,9 +12,7 @@
 #include <vector>
 
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -41,23 +39,17 @@ Flavor flavor(AgentSource source);
 std::vector<std::filesystem::path> discover(const Flavor& flavor, const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// Reads one database (from the row after the checkpoint's logicalHighWater) or one message file.
-// Throws SQLiteUsageError when a database cannot be opened or queried.
-std::expected<IngestResult, FileError> ingest(const Flavor& flavor,
-                                              const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+// Reads one database (from the row after the checkpoint's logicalHighWater) or one message file
+// as `context.source`'s (its flavour). Fails when a database cannot be opened or queried.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
-// The two kinds of store, for the dispatcher above.
+// The two kinds of store, for the dispatcher above. readDatabase throws SQLiteUsageError when
+// the database refuses.
 IngestResult readDatabase(const Flavor& flavor, const std::filesystem::path& database,
                           const std::optional<SourceCheckpoint>& checkpoint,
-                          const AppSettings& settings, const PriceTable& prices,
                           const SourceEventSink& sink);
 std::expected<IngestResult, FileError> readLegacyMessage(const Flavor& flavor,
                                                          const std::filesystem::path& file,
-                                                         const AppSettings& settings,
-                                                         const PriceTable& prices,
                                                          const SourceEventSink& sink);
 
 // The file's modification time in epoch seconds (now when it cannot be examined): the time of

@@ -130,14 +130,11 @@ class TableReader {
   public:
     TableReader(const Flavor& flavor, const fs::path& database, ReadonlySQLite& db,
                 const std::unordered_map<std::string, SessionInfo>& sessions,
-                const AppSettings& settings, const PriceTable& prices, const SourceEventSink& sink,
-                IngestResult& result)
+                const SourceEventSink& sink, IngestResult& result)
         : flavor_(flavor),
           database_(database),
           db_(db),
           sessions_(sessions),
-          settings_(settings),
-          prices_(prices),
           sink_(sink),
           result_(result) {}
 
@@ -285,7 +282,7 @@ class TableReader {
         const auto draft =
             OpencodeMessage::draftFor(flavor_.source, m, *counted, p.sessionID,
                                       session ? session->directory : "", folded, fallbackTime());
-        auto event = buildEvent(draft, settings_, prices_);
+        auto event = buildEvent(draft);
         if (sink_) {
             sink_(std::move(event));
         } else {
@@ -305,8 +302,6 @@ class TableReader {
     const fs::path& database_;
     ReadonlySQLite& db_;
     const std::unordered_map<std::string, SessionInfo>& sessions_;
-    const AppSettings& settings_;
-    const PriceTable& prices_;
     const SourceEventSink& sink_;
     IngestResult& result_;
     std::optional<double> fallbackTime_;
@@ -316,7 +311,6 @@ class TableReader {
 
 IngestResult readDatabase(const Flavor& flavor, const fs::path& database,
                           const std::optional<SourceCheckpoint>& checkpoint,
-                          const AppSettings& settings, const PriceTable& prices,
                           const SourceEventSink& sink) {
     ReadonlySQLite db(database);
     IngestResult result;
@@ -338,7 +332,7 @@ IngestResult readDatabase(const Flavor& flavor, const fs::path& database,
     }
     const auto sessions =
         db.hasTable("session") ? loadSessions(db) : std::unordered_map<std::string, SessionInfo>{};
-    TableReader reader(flavor, database, db, sessions, settings, prices, sink, result);
+    TableReader reader(flavor, database, db, sessions, sink, result);
     for (auto table : tables) {
         const std::string name(table);
         bool unreadable = false;

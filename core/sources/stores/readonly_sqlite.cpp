@@ -115,22 +115,32 @@ const SQLiteCell& SQLiteRow::operator[](std::string_view column) const {
     return it == values.end() ? nullCell() : it->second;
 }
 
+FileError storeError(const std::filesystem::path& database, const SQLiteUsageError& error) {
+    FileError out;
+    out.path = database.string();
+    out.operation = error.kind() == SQLiteUsageError::Kind::open ? "open" : "query";
+    out.detail = error.detail();
+    out.sqliteCode = error.code();
+    return out;
+}
+
 ReadonlySQLite::ReadonlySQLite(const std::filesystem::path& path) {
+    const auto fail = [&](int rc, std::string message) {
+        close();
+        const std::string what = "open failed: " + path.string() + ": " + message;
+        throw SQLiteUsageError(SQLiteUsageError::Kind::open, rc & 0xff, std::move(message), what);
+    };
     const int rc = sqlite3_open_v2(path.c_str(), &db_, kOpenFlags, nullptr);
     if (rc != SQLITE_OK) {
-        const std::string message = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc);
-        close();
-        throw SQLiteUsageError(SQLiteUsageError::Kind::open,
-                               "open failed: " + path.string() + ": " + message);
+        fail(rc, db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
     }
     sqlite3_busy_timeout(db_, kBusyTimeoutMs);
     char* error = nullptr;
-    if (sqlite3_exec(db_, "PRAGMA query_only=ON;", nullptr, nullptr, &error) != SQLITE_OK) {
-        const std::string message = error ? error : "PRAGMA query_only failed";
+    if (const int pragma = sqlite3_exec(db_, "PRAGMA query_only=ON;", nullptr, nullptr, &error);
+        pragma != SQLITE_OK) {
+        std::string message = error ? error : "PRAGMA query_only failed";
         sqlite3_free(error);
-        close();
-        throw SQLiteUsageError(SQLiteUsageError::Kind::open,
-                               "open failed: " + path.string() + ": " + message);
+        fail(pragma, std::move(message));
     }
 }
 
@@ -179,15 +189,20 @@ std::string ReadonlySQLite::columnOrNull(const std::set<std::string, std::less<>
 
 void ReadonlySQLite::forEach(std::string_view sql, const std::vector<Binding>& bindings,
                              const std::function<bool(const SQLiteRow&)>& onRow) {
+    const auto fail = [](int rc, std::string message) {
+        const std::string what = message;
+        throw SQLiteUsageError(SQLiteUsageError::Kind::query, rc & 0xff, std::move(message), what);
+    };
     if (db_ == nullptr) {
-        throw SQLiteUsageError(SQLiteUsageError::Kind::query, "the database is closed");
+        fail(SQLITE_MISUSE, "the database is closed");
     }
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &statement, nullptr) !=
-        SQLITE_OK) {
-        const std::string message = sqlite3_errmsg(db_);
+    if (const int rc =
+            sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &statement, nullptr);
+        rc != SQLITE_OK) {
+        std::string message = sqlite3_errmsg(db_);
         sqlite3_finalize(statement);
-        throw SQLiteUsageError(SQLiteUsageError::Kind::query, message);
+        fail(rc, std::move(message));
     }
     struct Finalize {
         sqlite3_stmt* s;
@@ -219,7 +234,7 @@ void ReadonlySQLite::forEach(std::string_view sql, const std::vector<Binding>& b
             return;
         }
         if (rc != SQLITE_ROW) {
-            throw SQLiteUsageError(SQLiteUsageError::Kind::query, sqlite3_errmsg(db_));
+            fail(rc, sqlite3_errmsg(db_));
         }
         row.values.clear();
         for (int c = 0; c < count; ++c) {

@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -16,6 +17,9 @@
 #include <string_view>
 #include <variant>
 #include <vector>
+
+#include "core/sources/file_error.hpp"
+#include "core/sources/ingest_result.hpp"
 
 namespace kestrel {
 
@@ -47,18 +51,40 @@ struct SQLiteRow {
     const SQLiteCell& operator[](std::string_view column) const;
 };
 
-// Why a store could not be read. Derives from runtime_error so that the scan reports it as the
-// file's read error and keeps the store's previous checkpoint.
+// Why a store could not be read. Thrown inside the store readers only: each reader's entry
+// point turns it into a FileError (see guardStoreRead), so a scan sees an error value.
 class SQLiteUsageError : public std::runtime_error {
   public:
     enum class Kind { open, query };
-    SQLiteUsageError(Kind kind, const std::string& message)
-        : std::runtime_error(message), kind_(kind) {}
+    // `code`: the primary SQLite result code (SQLITE_BUSY, SQLITE_NOTADB, ...); `detail`: the
+    // engine's message.
+    SQLiteUsageError(Kind kind, int code, std::string detail, const std::string& message)
+        : std::runtime_error(message), kind_(kind), code_(code), detail_(std::move(detail)) {}
     Kind kind() const { return kind_; }
+    int code() const { return code_; }
+    const std::string& detail() const { return detail_; }
 
   private:
     Kind kind_;
+    int code_;
+    std::string detail_;
 };
+
+// The FileError of a store reader that met `error` while reading `database`: the operation
+// ("open" or "query"), the engine's message and its result code.
+FileError storeError(const std::filesystem::path& database, const SQLiteUsageError& error);
+
+// Runs `read` (returning an IngestResult, or an expected one) and returns what it returns, or
+// the store's FileError when the database refused.
+template <class Read>
+std::expected<IngestResult, FileError> guardStoreRead(const std::filesystem::path& database,
+                                                      Read&& read) {
+    try {
+        return read();
+    } catch (const SQLiteUsageError& error) {
+        return std::unexpected(storeError(database, error));
+    }
+}
 
 class ReadonlySQLite {
   public:

@@ -63,9 +63,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return StoreRows::databaseAt(root, std::filesystem::path("cli") / "db" / "db.sqlite");
 }
 
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices) {
+namespace {
+
+IngestResult readStore(const std::filesystem::path& database,
+                       const std::optional<SourceCheckpoint>& checkpoint) {
     ReadonlySQLite db(database);
     IngestResult result;
     result.checkpoint =
@@ -134,7 +135,7 @@ IngestResult ingest(const std::filesystem::path& database,
             d.output = output;
             d.reasoning = reasoning;
             d.rawExtras = nlohmann::json{{"reportedInput", input}}.dump();
-            result.events.push_back(buildEvent(d, settings, prices));
+            result.events.push_back(buildEvent(d));
             return true;
         });
     if (highWater) {
@@ -144,8 +145,15 @@ IngestResult ingest(const std::filesystem::path& database,
     return result;
 }
 
+}  // namespace
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return guardStoreRead(context.file,
+                          [&] { return readStore(context.file, context.checkpoint); });
+}
+
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::store, parserVersion, discover, ingest);
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::ZCodeReader

@@ -3,13 +3,12 @@
 // once its status is "completed", with the session's folder in the session table.
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <optional>
 #include <vector>
 
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -22,11 +21,9 @@ inline constexpr int64_t parserVersion = 1;
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// The requests completed since `checkpoint`. Throws SQLiteUsageError when the database cannot be
-// opened or queried.
-IngestResult ingest(const std::filesystem::path& database,
-                    const std::optional<SourceCheckpoint>& checkpoint, const AppSettings& settings,
-                    const PriceTable& prices);
+// The requests completed since the checkpoint. Fails when the database cannot be opened or
+// queried.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

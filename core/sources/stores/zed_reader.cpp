@@ -45,7 +45,8 @@ std::string firstFolder(const std::optional<std::string>& folders) {
 
 }  // namespace
 
-std::vector<std::filesystem::path> discover(const std::filesystem::path& root) {
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>*) {
     const auto database = root / "threads.db";
     std::error_code ec;
     if (std::filesystem::is_regular_file(database, ec)) {
@@ -54,9 +55,11 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root) {
     return {};
 }
 
-Outcome read(const std::filesystem::path& database,
-             const std::optional<SourceCheckpoint>& checkpoint, const SourceReadContext& context,
-             const SourceEventSink& sink, const Options& options) {
+namespace {
+
+Outcome readThreads(const SourceReadContext& context, const Options& options) {
+    const auto& database = context.file;
+    const auto& checkpoint = context.checkpoint;
     auto state = SQLiteCumulativeContext::decode(checkpoint ? checkpoint->parserContext : "");
     Outcome out;
     auto& result = out.result;
@@ -140,27 +143,33 @@ Outcome read(const std::filesystem::path& database,
         if (!extras.empty()) {
             r.rawExtras = extras.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         }
-        CumulativeMeter::meter(kSource, state, r, fallbackTime, context, sink);
+        CumulativeMeter::meter(kSource, state, r, fallbackTime, context.sink);
         return true;
     });
     result.checkpoint = CumulativeMeter::checkpoint(kSource, parserVersion, database, state);
     return out;
 }
 
+}  // namespace
+
+std::expected<Outcome, FileError> read(const SourceReadContext& context, const Options& options) {
+    try {
+        return readThreads(context, options);
+    } catch (const SQLiteUsageError& error) {
+        return std::unexpected(storeError(context.file, error));
+    }
+}
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    auto out = read(context);
+    if (!out) {
+        return std::unexpected(std::move(out.error()));
+    }
+    return std::move(out->result);
+}
+
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>&) {
-        return discover(root);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context,
-                  const SourceEventSink& sink) -> std::expected<IngestResult, FileError> {
-        return read(file, checkpoint, context, sink).result;
-    };
-    return r;
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::ZedReader

@@ -39,12 +39,15 @@ struct Outcome {
 };
 
 // <root>/threads.db when present.
-std::vector<std::filesystem::path> discover(const std::filesystem::path& root);
+std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
+                                            std::vector<FileError>* errors = nullptr);
 
-// Throws SQLiteUsageError when the database cannot be opened or queried.
-Outcome read(const std::filesystem::path& database,
-             const std::optional<SourceCheckpoint>& checkpoint, const SourceReadContext& context,
-             const SourceEventSink& sink, const Options& options = {});
+// Reads the threads; fails when the database cannot be opened or queried.
+std::expected<Outcome, FileError> read(const SourceReadContext& context,
+                                       const Options& options = {});
+
+// The reader's entry point: read() without the list of skipped threads.
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

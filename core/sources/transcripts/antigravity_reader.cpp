@@ -81,10 +81,10 @@ int64_t estimatedTokens(std::size_t bytes) {
     return static_cast<int64_t>((bytes + kBytesPerToken - 1) / kBytesPerToken);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& sink = context.sink;
     // The model chosen earlier in the conversation applies to the replies appended later.
     auto state = TranscriptLines::decodeContext(checkpoint ? checkpoint->parserContext : "");
     std::string model = TranscriptLines::contextString(state, "model", std::string(kUnknownModel));
@@ -147,7 +147,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
             d.rawExtras =
                 "{\"estimate\":\"textBytes\",\"bytesPerToken\":" + std::to_string(kBytesPerToken) +
                 "}";
-            sink(buildEvent(d, settings, prices));
+            sink(buildEvent(d));
             return LineSource::LineKind::usage;
         });
     if (result) {
@@ -168,7 +168,7 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 }
 
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::jsonLines, parserVersion, discover, ingest);
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::AntigravityReader

@@ -31,10 +31,7 @@ std::optional<std::string> selectedModel(std::string_view text);
 // Estimated tokens of `bytes` bytes of text (rounded up).
 int64_t estimatedTokens(std::size_t bytes);
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

@@ -160,11 +160,10 @@ class SessionDirectories {
 
 }  // namespace
 
-std::expected<IngestResult, FileError> ingest(AgentSource source,
-                                              const std::filesystem::path& transcript,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const AgentSource source = context.source;
+    const auto& transcript = context.file;
+    const auto& sink = context.sink;
     const double fileTime = JsonLine::modificationTime(transcript);
     const std::string sessionFromName = transcript.stem().string();
     const std::string slug = transcript.parent_path().filename().string();
@@ -253,26 +252,15 @@ std::expected<IngestResult, FileError> ingest(AgentSource source,
             // Under the independent rule the provider totals are the buckets' own sums.
             d.providerTotal = usage->total;
         }
-        sink(buildEvent(d, settings, prices));
+        sink(buildEvent(d));
         return LineSource::LineKind::usage;
     };
-    auto result = LineSource::read(source, parserVersion, transcript, checkpoint, parse);
+    auto result = LineSource::read(source, parserVersion, transcript, context.checkpoint, parse);
     return result;
 }
 
-SourceReader reader(AgentSource source) {
-    SourceReader r;
-    r.kind = SourceReaderKind::jsonLines;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [source](const std::filesystem::path& file,
-                        const std::optional<SourceCheckpoint>& checkpoint,
-                        const SourceReadContext& context, const SourceEventSink& sink) {
-        return ingest(source, file, checkpoint, context.settings, context.prices, sink);
-    };
-    return r;
+SourceReader reader() {
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::BuddyReader

@@ -11,9 +11,7 @@
 #include <vector>
 
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -26,14 +24,10 @@ inline constexpr int64_t parserVersion = 1;
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-// Reads `transcript` on from the checkpoint as `source` (codebuddy or workbuddy).
-std::expected<IngestResult, FileError> ingest(AgentSource source,
-                                              const std::filesystem::path& transcript,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+// Reads the transcript on from the checkpoint as `context.source`'s (codebuddy or workbuddy).
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
-// The reader of `source` (codebuddy or workbuddy).
-SourceReader reader(AgentSource source);
+// The reader of codebuddy and workbuddy.
+SourceReader reader();
 
 }  // namespace kestrel::BuddyReader

@@ -52,7 +52,6 @@ EventDraft draftFor(const Counts& c) {
 // --- session.shutdown ------------------------------------------------------------------------
 
 LineKind shutdown(dom::object record, int64_t offset, const FileFacts& facts,
-                  const AppSettings& settings, const PriceTable& prices,
                   const SourceEventSink& sink) {
     auto data = TranscriptLines::objectMember(record, "data");
     if (!data) {
@@ -108,7 +107,7 @@ LineKind shutdown(dom::object record, int64_t offset, const FileFacts& facts,
         d.granularity = UsageGranularity::sessionAggregate;
         d.occurredAt = when.value_or(facts.mtime);
         d.timeQuality = when ? ObservationTimeQuality::trusted : ObservationTimeQuality::inferred;
-        sink(buildEvent(d, settings, prices));
+        sink(buildEvent(d));
     }
     return LineKind::usage;
 }
@@ -258,7 +257,7 @@ bool isModelCall(const Attributes& attributes) {
 
 // One span: an event when it is a model call with token attributes.
 LineKind span(dom::object span, std::string_view recordFallback, const FileFacts& facts,
-              const AppSettings& settings, const PriceTable& prices, const SourceEventSink& sink) {
+              const SourceEventSink& sink) {
     const Attributes attributes(span);
     Counts c;
     const auto input = attributes.count({"gen_ai.usage.input_tokens"}, c.input);
@@ -298,16 +297,16 @@ LineKind span(dom::object span, std::string_view recordFallback, const FileFacts
     const auto when = spanTime(span);
     d.occurredAt = when.value_or(facts.mtime);
     d.timeQuality = when ? ObservationTimeQuality::trusted : ObservationTimeQuality::inferred;
-    sink(buildEvent(d, settings, prices));
+    sink(buildEvent(d));
     return LineKind::usage;
 }
 
 // A line of the export: one span, or an OTLP envelope of resource and scope spans.
 LineKind spans(dom::object record, int64_t offset, const FileFacts& facts,
-               const AppSettings& settings, const PriceTable& prices, const SourceEventSink& sink) {
+               const SourceEventSink& sink) {
     dom::array resources;
     if (record.at_key("resourceSpans").get_array().get(resources)) {
-        return span(record, "@" + std::to_string(offset), facts, settings, prices, sink);
+        return span(record, "@" + std::to_string(offset), facts, sink);
     }
     LineKind kind = LineKind::noUsage;
     int index = 0;
@@ -327,7 +326,7 @@ LineKind spans(dom::object record, int64_t offset, const FileFacts& facts,
                     continue;
                 }
                 const auto fallback = "@" + std::to_string(offset) + "#" + std::to_string(index++);
-                const auto read = span(one, fallback, facts, settings, prices, sink);
+                const auto read = span(one, fallback, facts, sink);
                 if (read == LineKind::usage ||
                     (read == LineKind::unreadableUsage && kind == LineKind::noUsage)) {
                     kind = read;
@@ -370,10 +369,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return discoverFiles(root, options);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& sink = context.sink;
     FileFacts facts;
     facts.sessionID = file.filename() == "events.jsonl" ? file.parent_path().filename().string()
                                                         : file.stem().string();
@@ -398,14 +397,14 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
             }
             if (mayShutdown &&
                 TranscriptLines::stringMember(*record, "type").value_or("") == "session.shutdown") {
-                return shutdown(*record, offset, facts, settings, prices, sink);
+                return shutdown(*record, offset, facts, sink);
             }
-            return spans(*record, offset, facts, settings, prices, sink);
+            return spans(*record, offset, facts, sink);
         });
 }
 
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::jsonLines, parserVersion, discover, ingest);
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::CopilotReader

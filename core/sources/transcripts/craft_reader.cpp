@@ -5,6 +5,7 @@
 #include <string>
 
 #include "core/model/event_id.hpp"
+#include "core/sources/agent_roots.hpp"
 #include "core/sources/event_draft.hpp"
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/json_fields.hpp"
@@ -17,6 +18,9 @@ namespace kestrel::CraftReader {
 namespace {
 
 using LineSource::LineKind;
+
+// Craft's config.json is a short settings file; anything larger is not one.
+constexpr std::uintmax_t kConfigMaxBytes = 1024 * 1024;
 
 bool isPiTranscript(const std::filesystem::path& p) {
     return p.extension() == ".jsonl" && p.parent_path().filename() == ".pi-sessions";
@@ -63,7 +67,7 @@ std::string headerString(const nlohmann::json& header, const char* key) {
 
 // The header line: one estimate for the whole session, or nothing when per-request data exists.
 LineKind readHeader(std::string_view line, const std::filesystem::path& file,
-                    const SourceReadContext& context, const SourceEventSink& sink) {
+                    const SourceEventSink& sink) {
     const auto header = nlohmann::json::parse(utf8::replaceInvalid(line), nullptr, false);
     if (!header.is_object()) {
         return LineKind::malformed;
@@ -117,33 +121,30 @@ LineKind readHeader(std::string_view line, const std::filesystem::path& file,
         extras["costUSD"] = *cost;
     }
     d.rawExtras = extras.dump();
-    sink(buildEvent(d, context.settings, context.prices));
+    sink(buildEvent(d));
     return LineKind::usage;
 }
 
 }  // namespace
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors) {
+                                            std::vector<FileError>* errors) {
     DiscoveryOptions options;
-    options.errors = &errors;
+    options.errors = errors;
     options.accept = [](const std::filesystem::path& p) {
         return isPiTranscript(p) || isSessionFile(p);
     };
     return discoverFiles(root, options);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
     if (isPiTranscript(file)) {
-        return PiSessionFormat::ingestLines(AgentSource::craft, parserVersion, file, checkpoint,
-                                            context, sink);
+        return PiSessionFormat::ingestLines(AgentSource::craft, parserVersion, context);
     }
     // Only the header matters; the messages after it carry no usage. A header rewritten in
     // place changes the first bytes the checkpoint fingerprints, so it is read again.
-    return LineSource::read(AgentSource::craft, parserVersion, file, checkpoint,
+    return LineSource::read(AgentSource::craft, parserVersion, file, context.checkpoint,
                             [&](std::string_view line, int64_t offset) {
                                 if (offset != 0) {
                                     return LineKind::noUsage;
@@ -151,22 +152,43 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
                                 if (JsonFields::isBlank(line)) {
                                     return LineKind::blank;
                                 }
-                                return readHeader(line, file, context, sink);
+                                return readHeader(line, file, context.sink);
                             });
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::jsonLines;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context,
-                  const SourceEventSink& sink) { return ingest(file, checkpoint, context, sink); };
-    return r;
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
+}
+
+std::vector<std::filesystem::path> workspaceRoots(const std::filesystem::path& configDir,
+                                                  const std::filesystem::path& home) {
+    std::vector<std::filesystem::path> out;
+    const auto text = LineSource::readSmallFile(configDir / "config.json", kConfigMaxBytes);
+    if (!text) {
+        return out;
+    }
+    const auto config = nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
+    if (!config.is_object()) {
+        return out;
+    }
+    const auto workspaces = config.find("workspaces");
+    if (workspaces == config.end() || !workspaces->is_array()) {
+        return out;
+    }
+    for (const auto& workspace : *workspaces) {
+        if (!workspace.is_object()) {
+            continue;
+        }
+        const auto rootPath = workspace.find("rootPath");
+        if (rootPath == workspace.end() || !rootPath->is_string()) {
+            continue;
+        }
+        const auto& value = rootPath->get_ref<const std::string&>();
+        if (!value.empty()) {
+            out.push_back(resolveAgainstHome(value, home));
+        }
+    }
+    return out;
 }
 
 }  // namespace kestrel::CraftReader

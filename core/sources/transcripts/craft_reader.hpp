@@ -22,13 +22,15 @@ inline constexpr int64_t parserVersion = 1;
 // Below `root` (the configuration folder or a workspace): every sessions/<id>/session.jsonl and
 // every sessions/<id>/.pi-sessions/*.jsonl, sorted.
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors);
+                                            std::vector<FileError>* errors = nullptr);
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
+
+// The workspace folders listed in the config.json of Craft's configuration folder `configDir`,
+// resolved against `home`; a missing, oversized or malformed file or entry is passed over.
+std::vector<std::filesystem::path> workspaceRoots(const std::filesystem::path& configDir,
+                                                  const std::filesystem::path& home);
 
 }  // namespace kestrel::CraftReader

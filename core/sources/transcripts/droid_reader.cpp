@@ -68,10 +68,9 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return discoverFilesWithSuffix(root / "sessions", kSuffix, errors);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& settings,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& settings = context.file;
+    const auto& checkpoint = context.checkpoint;
     auto state = SQLiteCumulativeContext::decode(checkpoint ? checkpoint->parserContext : "");
     const auto text = LineSource::readSmallFile(settings, kMaxSettingsBytes);
     if (!text) {
@@ -118,20 +117,13 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& setti
     // The document holds nothing but the totals and is rewritten when they grow, so its own
     // modification time is when the new usage was written.
     r.updatedAt = CumulativeMeter::storeTime(settings);
-    CumulativeMeter::meter(kSource, state, r, *r.updatedAt, context, sink);
+    CumulativeMeter::meter(kSource, state, r, *r.updatedAt, context.sink);
     result.checkpoint.parserContext = state.encode();
     return result;
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = ingest;
-    return r;
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::DroidReader

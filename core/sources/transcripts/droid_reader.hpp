@@ -23,10 +23,7 @@ inline constexpr std::uintmax_t kMaxSettingsBytes = std::uintmax_t{16} << 20;
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
                                             std::vector<FileError>* errors = nullptr);
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& settings,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

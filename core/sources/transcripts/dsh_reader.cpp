@@ -39,10 +39,10 @@ bool isOurContext(const std::string& text) {
 
 }  // namespace
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& sink = context.sink;
     // Resuming needs the totals already counted; without them the growth since the start of
     // the file would be counted again under new identities, so the file is read from its start.
     std::optional<SourceCheckpoint> from = checkpoint;
@@ -138,7 +138,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
         d.cachedInput = added->cachedInput;
         d.cacheWrite = added->cacheCreate;
         d.output = added->output;
-        sink(buildEvent(d, settings, prices));
+        sink(buildEvent(d));
         return LineKind::usage;
     };
     auto result = LineSource::read(AgentSource::deepseekHarness, parserVersion, file, from, parse);
@@ -154,7 +154,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
 }
 
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::jsonLines, parserVersion, discover, ingest);
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::DshReader

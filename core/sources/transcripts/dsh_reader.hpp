@@ -12,9 +12,7 @@
 #include <optional>
 #include <vector>
 
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -29,10 +27,7 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 
 // Reads on from the checkpoint; the totals already counted per session travel in the
 // checkpoint's parser context (SQLiteCumulativeContext).
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

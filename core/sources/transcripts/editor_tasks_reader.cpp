@@ -162,10 +162,10 @@ bool readCount(const json& request, const char* key, int64_t& out, bool& present
 
 }  // namespace
 
-std::expected<IngestResult, FileError> ingest(AgentSource source,
-                                              const std::filesystem::path& uiMessages,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const AgentSource source = context.source;
+    const auto& uiMessages = context.file;
+    const auto& sink = context.sink;
     auto text = LineSource::readSmallFile(uiMessages, kMaxMessagesBytes);
     if (!text) {
         return std::unexpected(text.error());
@@ -260,24 +260,14 @@ std::expected<IngestResult, FileError> ingest(AgentSource source,
         if (!extras.empty()) {
             d.rawExtras = extras.dump(-1, ' ', false, json::error_handler_t::replace);
         }
-        sink(buildEvent(d, settings, prices));
+        sink(buildEvent(d));
     }
     result.formatChanged = unreadable > 0 && readable == 0;
     return result;
 }
 
-SourceReader reader(AgentSource source) {
-    SourceReader r;
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [source](const std::filesystem::path& file, const std::optional<SourceCheckpoint>&,
-                        const SourceReadContext& context, const SourceEventSink& sink) {
-        return ingest(source, file, context.settings, context.prices, sink);
-    };
-    return r;
+SourceReader reader() {
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::EditorTasksReader

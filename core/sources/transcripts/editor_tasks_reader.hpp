@@ -21,9 +21,7 @@
 #include <vector>
 
 #include "core/model/agent_source.hpp"
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -43,12 +41,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 int64_t uncachedInput(int64_t tokensIn, int64_t cacheReads, int64_t cacheWrites,
                       const std::optional<std::string>& apiProtocol, const std::string& model);
 
-// Reads the task's ui_messages.json whole as `source` (kiloCode or rooCode).
-std::expected<IngestResult, FileError> ingest(AgentSource source,
-                                              const std::filesystem::path& uiMessages,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+// Reads the task's ui_messages.json whole as `context.source`'s (kiloCode or rooCode).
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
-SourceReader reader(AgentSource source);
+// The reader of kiloCode and rooCode.
+SourceReader reader();
 
 }  // namespace kestrel::EditorTasksReader

@@ -104,8 +104,8 @@ struct SessionFacts {
 enum class MessageRead { usage, noUsage, unreadable };
 
 // One message record: an event when it is a model reply with token counts.
-MessageRead readMessage(dom::object message, const SessionFacts& facts, const AppSettings& settings,
-                        const PriceTable& prices, const SourceEventSink& sink) {
+MessageRead readMessage(dom::object message, const SessionFacts& facts,
+                        const SourceEventSink& sink) {
     auto type = TranscriptLines::stringMember(message, "type");
     auto tokensValue = TranscriptLines::member(message, "tokens");
     if (!type || *type != "gemini" || !tokensValue || tokensValue->is_null()) {
@@ -154,7 +154,7 @@ MessageRead readMessage(dom::object message, const SessionFacts& facts, const Ap
     if (hasTotal) {
         d.rawExtras = "{\"total\":" + std::to_string(total) + "}";
     }
-    sink(buildEvent(d, settings, prices));
+    sink(buildEvent(d));
     return MessageRead::usage;
 }
 
@@ -163,8 +163,6 @@ std::string fallbackSessionID(const std::filesystem::path& file) {
 }
 
 std::expected<IngestResult, FileError> ingestLegacy(const std::filesystem::path& file,
-                                                    const AppSettings& settings,
-                                                    const PriceTable& prices,
                                                     const SourceEventSink& sink) {
     IngestResult result;
     result.checkpoint = LineSource::wholeFileCheckpoint(AgentSource::gemini, parserVersion, file);
@@ -202,7 +200,7 @@ std::expected<IngestResult, FileError> ingestLegacy(const std::filesystem::path&
             ++result.stats.malformed;
             continue;
         }
-        switch (readMessage(message, facts, settings, prices, sink)) {
+        switch (readMessage(message, facts, sink)) {
             case MessageRead::usage:
                 ++usable;
                 break;
@@ -221,7 +219,7 @@ std::expected<IngestResult, FileError> ingestLegacy(const std::filesystem::path&
 
 std::expected<IngestResult, FileError> ingestLines(
     const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
-    const AppSettings& settings, const PriceTable& prices, const SourceEventSink& sink) {
+    const SourceEventSink& sink) {
     // The session id is on the first line only; later reads find it in the context.
     auto state = TranscriptLines::decodeContext(checkpoint ? checkpoint->parserContext : "");
     SessionFacts facts;
@@ -255,7 +253,7 @@ std::expected<IngestResult, FileError> ingestLines(
                 }
                 return LineSource::LineKind::noUsage;
             }
-            switch (readMessage(*record, facts, settings, prices, sink)) {
+            switch (readMessage(*record, facts, sink)) {
                 case MessageRead::usage:
                     return LineSource::LineKind::usage;
                 case MessageRead::noUsage:
@@ -294,20 +292,20 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return discoverFiles(root / "tmp", options);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& sink = context.sink;
     if (isLegacy(file)) {
-        return ingestLegacy(file, settings, prices, sink);
+        return ingestLegacy(file, sink);
     }
-    return ingestLines(file, checkpoint, settings, prices, sink);
+    return ingestLines(file, checkpoint, sink);
 }
 
 SourceReader reader() {
     // Both shapes run as JSON lines: a legacy file's checkpoint holds no offset, so every
     // change reads it whole again, while the large append-only files resume where they were.
-    return SourceReaders::make(SourceReaderKind::jsonLines, parserVersion, discover, ingest);
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::GeminiReader

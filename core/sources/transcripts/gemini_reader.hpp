@@ -23,10 +23,7 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 
 // A JSON-lines session is read on from the checkpoint's offset; a legacy JSON session is read
 // whole every time (its messages come out again under the same ids).
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

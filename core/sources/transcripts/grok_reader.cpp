@@ -194,11 +194,11 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return discoverFiles(root / "sessions", options);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& defaultModel = context.defaultModel;
+    const auto& sink = context.sink;
     const auto sessionDir = file.parent_path();
     const std::string sessionID = sessionDir.filename().string();
     const std::string cwd = percentDecoded(sessionDir.parent_path().filename().string());
@@ -272,7 +272,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
             if (hasTotal && total == input + output) {
                 d.providerTotal = total;
             }
-            sink(buildEvent(d, settings, prices));
+            sink(buildEvent(d));
             return LineKind::usage;
         });
     if (result) {
@@ -284,19 +284,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::jsonLines;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context, const SourceEventSink& sink) {
-        return ingest(file, checkpoint, context.settings, context.prices, context.defaultModel,
-                      sink);
-    };
-    return r;
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::GrokReader

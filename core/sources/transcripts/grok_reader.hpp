@@ -26,11 +26,7 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 // "%2Fhome%2Fu%2Fapp" -> "/home/u/app"; malformed escapes are kept as written.
 std::string percentDecoded(std::string_view text);
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

@@ -130,9 +130,8 @@ EventDraft draftFor(const LogFacts& facts, const Usage& u) {
 
 class LineReader {
   public:
-    LineReader(const LogFacts& facts, const AppSettings& settings, const PriceTable& prices,
-               std::string model)
-        : facts_(facts), settings_(settings), prices_(prices), model_(std::move(model)) {}
+    LineReader(const LogFacts& facts, std::string model)
+        : facts_(facts), model_(std::move(model)) {}
 
     // Events of this read so far; a "forked" line drops the ones before it (copies).
     std::vector<UsageEvent> events;
@@ -264,11 +263,9 @@ class LineReader {
         return LineKind::usage;
     }
 
-    void emit(const EventDraft& d) { events.push_back(buildEvent(d, settings_, prices_)); }
+    void emit(const EventDraft& d) { events.push_back(buildEvent(d)); }
 
     const LogFacts& facts_;
-    const AppSettings& settings_;
-    const PriceTable& prices_;
     std::string model_;
     TranscriptLines::ObjectParser parser_;
 };
@@ -343,14 +340,13 @@ std::string configuredModel(const std::vector<std::filesystem::path>& roots) {
     return {};
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& defaultModel = context.defaultModel;
+    const auto& sink = context.sink;
     const LogFacts facts = factsOf(file);
-    LineReader lines(facts, settings, prices,
-                     defaultModel.empty() ? std::string(kUnknownModel) : defaultModel);
+    LineReader lines(facts, defaultModel.empty() ? std::string(kUnknownModel) : defaultModel);
     auto result = LineSource::read(AgentSource::kimi, parserVersion, file, checkpoint,
                                    [&](std::string_view line, int64_t) {
                                        auto kind = lines.read(line);
@@ -372,20 +368,7 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
 }
 
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::jsonLines;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, &errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context, const SourceEventSink& sink) {
-        return ingest(file, checkpoint, context.settings, context.prices, context.defaultModel,
-                      sink);
-    };
-    r.defaultModel = configuredModel;
-    return r;
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::KimiReader

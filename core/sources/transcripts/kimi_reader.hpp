@@ -26,11 +26,7 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 std::string configuredModel(const std::vector<std::filesystem::path>& roots);
 
 // `defaultModel` stands for the model of Kimi CLI records, which name none.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const std::string& defaultModel,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

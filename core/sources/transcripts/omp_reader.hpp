@@ -5,6 +5,7 @@
 // ("model_usage"); never the aggregate a parent's task result repeats.
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <vector>
 
@@ -18,7 +19,9 @@ inline constexpr int64_t parserVersion = 1;
 
 // Every transcript below a "sessions" folder of `root` (profiles included), sorted.
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors);
+                                            std::vector<FileError>* errors = nullptr);
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

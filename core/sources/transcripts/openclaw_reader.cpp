@@ -7,8 +7,8 @@
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/jsonl.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/openclaw_store_reader.hpp"
 #include "core/sources/pi_session_format.hpp"
+#include "core/sources/stores/openclaw_store_reader.hpp"
 #include "core/sources/zstd_reader.hpp"
 
 namespace kestrel::OpenClawReader {
@@ -38,24 +38,21 @@ bool belowSessions(const std::filesystem::path& root, const std::filesystem::pat
 // A live transcript, read on from its offset. The ingestor treats every file of a store reader
 // as changed-or-unchanged only, so the offset, inode and boundary checks a JSON-lines reader
 // gets from the ingestor are made here: a rewritten or replaced file is read from its start.
-std::expected<IngestResult, FileError> ingestTranscript(
-    const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
-    const SourceReadContext& context, const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingestTranscript(const SourceReadContext& context) {
+    const auto& checkpoint = context.checkpoint;
     std::optional<SourceCheckpoint> from;
     if (checkpoint && checkpoint->byteOffset &&
-        decideFileRead(file, checkpoint, parserVersion).plan != FileReadPlan::fromStart) {
+        decideFileRead(context.file, checkpoint, parserVersion).plan != FileReadPlan::fromStart) {
         from = checkpoint;
     }
-    return PiSessionFormat::ingestLines(AgentSource::openclaw, parserVersion, file, from, context,
-                                        sink);
+    return PiSessionFormat::ingestLines(AgentSource::openclaw, parserVersion, context, from);
 }
 
 // A cold archive, read whole whenever it changed (a compressed file has no offset to resume
 // from); its entries keep their identities, so a re-read adds nothing. Damaged data ends the
 // read where it starts: what came before counts, the damage is counted as one malformed line.
-std::expected<IngestResult, FileError> ingestColdArchive(const std::filesystem::path& file,
-                                                         const SourceReadContext& context,
-                                                         const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingestColdArchive(const SourceReadContext& context) {
+    const auto& file = context.file;
     IngestResult result;
     PiSessionFormat::SessionState session{PiSessionFormat::sessionIDFromFileName(file), {}};
     PiSessionFormat::LineReader reader;
@@ -63,7 +60,7 @@ std::expected<IngestResult, FileError> ingestColdArchive(const std::filesystem::
     int64_t usable = 0, unreadable = 0;
     auto end = Zstd::forEachLine(file, [&](std::string_view line, int64_t offset) {
         switch (PiSessionFormat::consume(reader, line, JSONL::kLinePadding, offset,
-                                         AgentSource::openclaw, session, context, sink,
+                                         AgentSource::openclaw, session, context.sink,
                                          fallbackTime)) {
             case LineSource::LineKind::usage:
                 ++usable;
@@ -100,9 +97,9 @@ std::expected<IngestResult, FileError> ingestColdArchive(const std::filesystem::
 }  // namespace
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors) {
+                                            std::vector<FileError>* errors) {
     DiscoveryOptions options;
-    options.errors = &errors;
+    options.errors = errors;
     options.accept = [&root](const std::filesystem::path& p) {
         const std::string name = p.filename().string();
         if (name == kDatabaseName) {
@@ -115,39 +112,26 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
     return discoverFiles(root, options);
 }
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink) {
-    switch (formOf(file)) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    switch (formOf(context.file)) {
         case Form::database:
-            return OpenClawStoreReader::ingest(file, checkpoint, parserVersion, context, sink);
+            return OpenClawStoreReader::ingest(context, parserVersion);
         case Form::coldArchive:
-            return ingestColdArchive(file, context, sink);
+            return ingestColdArchive(context);
         case Form::transcript:
             break;
     }
-    return ingestTranscript(file, checkpoint, context, sink);
+    return ingestTranscript(context);
 }
 
 SourceReader reader() {
-    SourceReader r;
     // One source, one reader kind, three forms. A database is not lines, so the JSON-lines
     // kind (whose offsets and fingerprints the ingestor manages) cannot serve it. The store kind
     // hands every changed file its previous checkpoint and leaves the cursor to the reader:
     // the database keeps the last rowid, a transcript its byte offset (checked here as the
     // ingestor would), and only a cold archive is read whole, which its stable identities make
     // harmless. Unchanged files of every form are skipped on their stamp.
-    r.kind = SourceReaderKind::store;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context,
-                  const SourceEventSink& sink) { return ingest(file, checkpoint, context, sink); };
-    return r;
+    return {SourceReaderKind::store, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::OpenClawReader

@@ -23,13 +23,10 @@ inline constexpr int64_t parserVersion = 1;
 // The agent databases anywhere below `root`, and the transcripts, reset archives and cold
 // archives below a "sessions" folder (the sessions.json index is not one of them), sorted.
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors);
+                                            std::vector<FileError>* errors = nullptr);
 
 // Reads one of the three forms, chosen by the file's name.
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& file,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const SourceReadContext& context,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

@@ -5,24 +5,16 @@
 namespace kestrel::PiReader {
 
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors) {
+                                            std::vector<FileError>* errors) {
     return PiSessionFormat::discoverSessions(root, errors);
 }
 
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    return PiSessionFormat::ingestLines(AgentSource::pi, parserVersion, context);
+}
+
 SourceReader reader() {
-    SourceReader r;
-    r.kind = SourceReaderKind::jsonLines;
-    r.parserVersion = parserVersion;
-    r.discover = [](const std::filesystem::path& root, std::vector<FileError>& errors) {
-        return discover(root, errors);
-    };
-    r.ingest = [](const std::filesystem::path& file,
-                  const std::optional<SourceCheckpoint>& checkpoint,
-                  const SourceReadContext& context, const SourceEventSink& sink) {
-        return PiSessionFormat::ingestLines(AgentSource::pi, parserVersion, file, checkpoint,
-                                            context, sink);
-    };
-    return r;
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::PiReader

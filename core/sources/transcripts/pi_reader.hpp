@@ -3,6 +3,7 @@
 // pi session format.
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <vector>
 
@@ -16,7 +17,9 @@ inline constexpr int64_t parserVersion = 1;
 
 // Every transcript below <root>/sessions, sorted.
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors);
+                                            std::vector<FileError>* errors = nullptr);
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

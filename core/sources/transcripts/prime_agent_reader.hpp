@@ -4,6 +4,7 @@
 // running aggregate beside it is never counted.
 
 #include <cstdint>
+#include <expected>
 #include <filesystem>
 #include <vector>
 
@@ -17,7 +18,9 @@ inline constexpr int64_t parserVersion = 1;
 
 // Every transcript below a "sessions" folder of `root`, sorted.
 std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
-                                            std::vector<FileError>& errors);
+                                            std::vector<FileError>* errors = nullptr);
+
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 

@@ -62,10 +62,10 @@ Counts readCounts(dom::object o) {
 
 }  // namespace
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& log,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
+    const auto& log = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& sink = context.sink;
     const double fileTime = JsonLine::modificationTime(log);
     const std::string sessionFromName = sessionIDFromName(log);
     JsonLineParser parser;
@@ -125,14 +125,14 @@ std::expected<IngestResult, FileError> ingest(const std::filesystem::path& log,
         d.input = miss;
         d.cachedInput = hit;
         d.output = output;
-        sink(buildEvent(d, settings, prices));
+        sink(buildEvent(d));
         return LineKind::usage;
     };
     return LineSource::read(AgentSource::reasonix, parserVersion, log, checkpoint, parse);
 }
 
 SourceReader reader() {
-    return SourceReaders::make(SourceReaderKind::jsonLines, parserVersion, discover, ingest);
+    return {SourceReaderKind::jsonLines, parserVersion, discover, ingest};
 }
 
 }  // namespace kestrel::ReasonixReader

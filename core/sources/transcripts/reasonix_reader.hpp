@@ -10,9 +10,7 @@
 #include <optional>
 #include <vector>
 
-#include "core/model/app_settings.hpp"
 #include "core/model/source_checkpoint.hpp"
-#include "core/pricing/price_table.hpp"
 #include "core/sources/file_error.hpp"
 #include "core/sources/ingest_result.hpp"
 #include "core/sources/source_readers.hpp"
@@ -28,10 +26,7 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 // "abc" for "abc.jsonl" and "abc.events.jsonl".
 std::string sessionIDFromName(const std::filesystem::path& log);
 
-std::expected<IngestResult, FileError> ingest(const std::filesystem::path& log,
-                                              const std::optional<SourceCheckpoint>& checkpoint,
-                                              const AppSettings& settings, const PriceTable& prices,
-                                              const SourceEventSink& sink);
+std::expected<IngestResult, FileError> ingest(const SourceReadContext& context);
 
 SourceReader reader();
 
