@@ -28,7 +28,7 @@
 #include "core/sources/transcripts/pi_reader.hpp"
 #include "core/sources/transcripts/omp_reader.hpp"
 #include "core/sources/transcripts/prime_agent_reader.hpp"
-#include "core/sources/transcripts/openclaw_reader.hpp"
+#include "core/sources/openclaw_reader.hpp"
 #include "core/sources/transcripts/craft_reader.hpp"
 #include "core/sources/stores/opencode_reader.hpp"
 

@@ -18,7 +18,7 @@
 #include "core/model/source_checkpoint.hpp"
 #include "core/pricing/price_table.hpp"
 #include "core/sources/ingest_result.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 
 namespace kestrel::GenericStatements {
 

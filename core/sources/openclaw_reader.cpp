@@ -1,4 +1,4 @@
-#include "core/sources/transcripts/openclaw_reader.hpp"
+#include "core/sources/openclaw_reader.hpp"
 
 #include <algorithm>
 #include <string>
@@ -7,8 +7,8 @@
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/jsonl.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/openclaw_store_reader.hpp"
 #include "core/sources/pi_session_format.hpp"
+#include "core/sources/stores/openclaw_store_reader.hpp"
 #include "core/sources/zstd_reader.hpp"
 
 namespace kestrel::OpenClawReader {
