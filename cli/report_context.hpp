@@ -3,7 +3,6 @@
 // model, project, search), the language and currency of the output, and the incremental scan
 // that runs first unless --no-scan says otherwise.
 
-#include <CLI/CLI.hpp>
 #include <expected>
 #include <memory>
 #include <optional>
@@ -17,6 +16,10 @@
 #include "core/model/calendar.hpp"
 #include "core/presentation/messages.hpp"
 #include "core/model/currency.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace kestrel::cli {
 

@@ -4,7 +4,7 @@
 // are shared with `kestrel integrations`.
 
 #include <memory>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <set>
 #include <string>
 #include <vector>
