@@ -62,8 +62,7 @@ class IngestCommitTest : public ::testing::Test {
     }
     std::vector<std::string> findings(const std::string& observationID) {
         sqlite::Statement s(
-            ledger.get(),
-            "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
+            ledger.get(), "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
         s.bind(1, observationID);
         std::vector<std::string> out;
         while (s.step()) {

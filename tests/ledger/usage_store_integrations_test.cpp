@@ -221,7 +221,8 @@ TEST_F(UsageStoreIntegrationsTest, RowsOfANewerBuildStillLoad) {
 }
 
 TEST_F(UsageStoreIntegrationsTest, SqlFailureThrowsStoreError) {
-    sqlite::exec(LedgerConnection(store_.databasePath()).get(), "DROP TABLE integration_instances;");
+    sqlite::exec(LedgerConnection(store_.databasePath()).get(),
+                 "DROP TABLE integration_instances;");
     try {
         store_.save(instance("x", "p"), 1.0);
         FAIL() << "save into a missing table succeeded";

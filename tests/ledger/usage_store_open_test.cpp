@@ -232,7 +232,8 @@ TEST(UsageStoreOpen, ClosedStoreRefusesEveryOperation) {
     EXPECT_EQ(reopened.setting("k"), "v");
 }
 
-// The rows behind one priced ledger event of Claude Code per observation id.
+// A completed Claude Code run with two observations, their priced ledger events, and two coverage
+// issues, one of them tied to the first observation.
 void insertPricedEvents(sqlite3* db) {
     sqlite::exec(db, R"sql(
 INSERT INTO ingest_runs(id, adapter_id, source, started_at, status)
