@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
 #include "cli/text_table.hpp"

@@ -2,7 +2,7 @@
 // `kestrel heatmap`: the last weeks of usage as a calendar, one square per day in week columns
 // and weekday rows, shaded by the day's tokens. The overview draws the same grid.
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 

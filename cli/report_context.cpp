@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"

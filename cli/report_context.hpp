@@ -3,7 +3,6 @@
 // model, project, search), the language and currency of the output, and the incremental scan
 // that runs first unless --no-scan says otherwise.
 
-#include <CLI/CLI.hpp>
 #include <expected>
 #include <memory>
 #include <optional>
@@ -15,6 +14,10 @@
 #include "core/app/display_choices.hpp"
 #include "core/ledger/ledger_query.hpp"
 #include "core/model/calendar.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace kestrel::cli {
 

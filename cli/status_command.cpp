@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"

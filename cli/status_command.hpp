@@ -3,7 +3,8 @@
 // instance, the folders found, what is switched on and how its last scan went. The helpers below
 // are shared with `kestrel integrations`.
 
-#include <nlohmann/json.hpp>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <set>
 #include <string>
 #include <vector>

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "core/ledger/sqlite_statement.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 
 namespace kestrel::SettingsStore {
 
@@ -14,8 +15,9 @@ AppSettingsDecoding load(UsageStore& store) {
 void save(UsageStore& store, const AppSettings& settings) {
     // Read and write inside one write transaction, so another process's keys written in between
     // are not lost.
-    std::lock_guard guard(store.lock());
-    sqlite::Transaction transaction(store.connection());
+    auto& state = UsageStoreAccess::state(store);
+    std::lock_guard guard(state.lock);
+    sqlite::Transaction transaction(state.connection());
     const auto previous = store.setting(kKey);
     store.setSetting(kKey, encodeAppSettings(settings, previous.value_or("")));
     transaction.commit();

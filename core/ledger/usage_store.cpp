@@ -11,6 +11,7 @@
 
 #include "core/ledger/ledger_schema.hpp"
 #include "core/ledger/sqlite_statement.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 #include "core/model/account_snapshot_json.hpp"
 
 namespace kestrel {
@@ -137,7 +138,8 @@ void backfillWindowKeys(sqlite3* db) {
 
 }  // namespace
 
-UsageStore::UsageStore(const fs::path& directory) : path_(directory / kFileName) {
+UsageStore::UsageStore(const fs::path& directory)
+    : path_(directory / kFileName), state_(std::make_unique<State>()) {
     std::error_code ec;
     fs::create_directories(directory, ec);
     if (ec) {
@@ -181,7 +183,7 @@ UsageStore::UsageStore(const fs::path& directory) : path_(directory / kFileName)
         throw StoreError(StoreErrorCode::open, "cannot open " + path_.string() + ": " + e.what());
     }
 
-    db_ = db;
+    state_->db = db;
     try {
         migrate();
     } catch (...) {
@@ -210,29 +212,29 @@ fs::path UsageStore::supportDirectoryURL(const EnvironmentLookup& env, const fs:
 }
 
 void UsageStore::close() {
-    std::lock_guard guard(lock_);
-    if (db_) {
+    std::lock_guard guard(state_->lock);
+    if (state_->db) {
         // _v2: statements still alive elsewhere do not keep the handle open by failing here.
-        sqlite3_close_v2(db_);
-        db_ = nullptr;
+        sqlite3_close_v2(state_->db);
+        state_->db = nullptr;
     }
 }
 
 bool UsageStore::isOpen() const {
-    std::lock_guard guard(lock_);
-    return db_ != nullptr;
+    std::lock_guard guard(state_->lock);
+    return state_->db != nullptr;
 }
 
-sqlite3* UsageStore::connection() const {
-    std::lock_guard guard(lock_);
-    if (!db_) {
+sqlite3* UsageStore::State::connection() const {
+    std::lock_guard guard(lock);
+    if (!db) {
         throw StoreError(StoreErrorCode::open, "the ledger database is closed");
     }
-    return db_;
+    return db;
 }
 
 void UsageStore::migrate() {
-    sqlite3* db = connection();
+    sqlite3* db = state_->connection();
 
     migrationStep(db, "base tables", std::nullopt,
                   [&] { sqlite::exec(db, ledger_schema::kBaseScript); });
@@ -251,7 +253,7 @@ void UsageStore::migrate() {
     });
 
     {
-        std::lock_guard guard(lock_);
+        std::lock_guard guard(state_->lock);
         if (sqlite::userVersion(db) < 3) {
             migrationStep(db, "version 3", 3, [&] {
                 sqlite::exec(db, ledger_schema::kLedgerScript);
@@ -269,7 +271,7 @@ void UsageStore::migrate() {
     }
 
     {
-        std::lock_guard guard(lock_);
+        std::lock_guard guard(state_->lock);
         migrationStep(db, "removed accounts and window columns", std::nullopt, [&] {
             sqlite::exec(db, ledger_schema::kRemovedSubscriptionAccountsScript);
             const auto columns = columnNames(db, "quota_snapshots");
@@ -293,14 +295,14 @@ void UsageStore::migrate() {
     });
 
     {
-        std::lock_guard guard(lock_);
+        std::lock_guard guard(state_->lock);
         migrationStep(db, "window key backfill", std::nullopt, [&] { backfillWindowKeys(db); });
     }
 }
 
 std::vector<SourceCheckpoint> UsageStore::checkpoints(AgentSource source) {
-    std::lock_guard guard(lock_);
-    Statement select(connection(), "SELECT json FROM checkpoints WHERE source=?;");
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(), "SELECT json FROM checkpoints WHERE source=?;");
     select.bind(1, rawValue(source));
     std::vector<SourceCheckpoint> out;
     while (select.step()) {
@@ -314,15 +316,15 @@ std::vector<SourceCheckpoint> UsageStore::checkpoints(AgentSource source) {
 }
 
 bool UsageStore::hasLedgerEvents(AgentSource source) {
-    std::lock_guard guard(lock_);
-    Statement select(connection(), "SELECT 1 FROM ledger_events WHERE source=? LIMIT 1;");
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(), "SELECT 1 FROM ledger_events WHERE source=? LIMIT 1;");
     select.bind(1, rawValue(source));
     return select.step();
 }
 
 std::optional<std::string> UsageStore::setting(const std::string& key) {
-    std::lock_guard guard(lock_);
-    Statement select(connection(), "SELECT value FROM settings WHERE key=?;");
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(), "SELECT value FROM settings WHERE key=?;");
     select.bind(1, key);
     if (!select.step()) {
         return std::nullopt;
@@ -331,8 +333,9 @@ std::optional<std::string> UsageStore::setting(const std::string& key) {
 }
 
 void UsageStore::setSetting(const std::string& key, const std::string& value) {
-    std::lock_guard guard(lock_);
-    Statement upsert(connection(), "INSERT OR REPLACE INTO settings(key, value) VALUES(?,?);");
+    std::lock_guard guard(state_->lock);
+    Statement upsert(state_->connection(),
+                     "INSERT OR REPLACE INTO settings(key, value) VALUES(?,?);");
     upsert.bind(1, key).bind(2, value);
     upsert.run();
 }

@@ -1,14 +1,13 @@
 #pragma once
 // The one owner of the ledger database (usage.sqlite): it opens and migrates the file, and every
 // read and write of the ledger, checkpoints, settings and price overrides goes through it.
-// Shared by all threads: one full-mutex connection, compound operations under `lock_`.
-
-#include <sqlite3.h>
+// Shared by all threads: one full-mutex connection, compound operations under one lock; both
+// stay in usage_store_internals.hpp, so users of the store need neither SQLite nor that lock.
 
 #include <cstdint>
 #include <filesystem>
 #include <map>
-#include <mutex>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -169,21 +168,14 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     bool deletePriceOverride(const std::string& match);  // false when nothing matched
     bool hasPriceOverride(const std::string& match);
 
-    // --- For the statement helpers of other store files and for tests -----------------------
-
-    // The open connection; throws StoreError(open) when closed. Callers hold lock() for any
-    // compound operation.
-    sqlite3* connection() const;
-    std::recursive_mutex& lock() { return lock_; }
-
   private:
+    struct State;                    // the connection and its locks
+    friend struct UsageStoreAccess;  // for core/ledger's own helpers that compound operations
+
     void migrate();
 
     std::filesystem::path path_;
-    sqlite3* db_ = nullptr;
-    mutable std::recursive_mutex lock_;  // the connection, compound operations, migrations
-    std::mutex repricingLock_;           // two repricings never interleave
-    std::mutex sessionMaterialLock_;     // the cached session salt and checkpoint key
+    std::unique_ptr<State> state_;
 };
 
 }  // namespace kestrel

@@ -10,6 +10,7 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 #include "core/model/timestamp.hpp"
 
 namespace kestrel {
@@ -421,9 +422,9 @@ std::optional<LedgerIngestOutcome> UsageStore::ingest(
     if (formalBatch) {
         checkBatch(*formalBatch, replacingSource);
     }
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     bool wroteBatch = false;
-    auto outcome = commitLocked(connection(), legacyEvents, checkpoints, replacingSource,
+    auto outcome = commitLocked(state_->connection(), legacyEvents, checkpoints, replacingSource,
                                 formalBatch ? &*formalBatch : nullptr, wroteBatch);
     if (!formalBatch) {
         return std::nullopt;

@@ -3,9 +3,10 @@
 
 #include <string_view>
 
-#include "core/model/enum_set_coding.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/ledger/usage_store_internals.hpp"
+#include "core/model/enum_set_coding.hpp"
 
 namespace kestrel {
 namespace {
@@ -116,8 +117,8 @@ IntegrationInstance instanceFromRow(const Statement& row) {
 }  // namespace
 
 std::vector<IntegrationInstance> UsageStore::loadAll() {
-    std::lock_guard guard(lock_);
-    Statement select(connection(), selectSQL("ORDER BY created_at, id;"));
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(), selectSQL("ORDER BY created_at, id;"));
     std::vector<IntegrationInstance> out;
     while (select.step()) {
         out.push_back(instanceFromRow(select));
@@ -126,9 +127,9 @@ std::vector<IntegrationInstance> UsageStore::loadAll() {
 }
 
 std::optional<IntegrationInstance> UsageStore::activeInstance(const IntegrationPluginID& plugin) {
-    std::lock_guard guard(lock_);
-    Statement select(connection(), selectSQL("WHERE plugin_id=? AND archived_at IS NULL\n"
-                                             "ORDER BY updated_at DESC LIMIT 1;"));
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(), selectSQL("WHERE plugin_id=? AND archived_at IS NULL\n"
+                                                     "ORDER BY updated_at DESC LIMIT 1;"));
     select.bind(1, plugin.rawValue);
     if (!select.step()) {
         return std::nullopt;
@@ -137,9 +138,9 @@ std::optional<IntegrationInstance> UsageStore::activeInstance(const IntegrationP
 }
 
 void UsageStore::save(const IntegrationInstance& instance, double now) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     // created_at is left out of the update, so the first save's time stays.
-    Statement upsert(connection(),
+    Statement upsert(state_->connection(),
                      "INSERT INTO integration_instances(" + std::string(kColumns) +
                          ")\n"
                          "VALUES(?1,?2,?3,?4,?5,?6,?7,?8,?9,?10,?11,?12,?13,?14,?15,?15)\n"

@@ -2,7 +2,7 @@
 // usage already in the ledger, after the matching privacy setting was turned off.
 
 #include "core/ledger/sqlite_statement.hpp"
-#include "core/ledger/usage_store.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 
 namespace kestrel {
 namespace {
@@ -20,8 +20,8 @@ Columns columnsOf(PrivateField field) {
 }  // namespace
 
 int64_t UsageStore::ledgerEventsHolding(PrivateField field) {
-    std::lock_guard guard(lock_);
-    sqlite::Statement s(connection(), std::string("SELECT COUNT(*) FROM ledger_events WHERE ") +
+    std::lock_guard guard(state_->lock);
+    sqlite::Statement s(state_->connection(), std::string("SELECT COUNT(*) FROM ledger_events WHERE ") +
                                           columnsOf(field).column + " IS NOT NULL;");
     return s.step() ? s.int64(0) : 0;
 }
@@ -30,16 +30,16 @@ int64_t UsageStore::forget(PrivateField field) {
     const auto c = columnsOf(field);
     const std::string column = c.column;
     const std::string key = std::string("'$.") + c.jsonKey + "'";
-    std::lock_guard guard(lock_);
-    sqlite::Transaction transaction(connection());
-    sqlite::Statement events(connection(), "UPDATE ledger_events SET " + column + "=NULL WHERE " +
+    std::lock_guard guard(state_->lock);
+    sqlite::Transaction transaction(state_->connection());
+    sqlite::Statement events(state_->connection(), "UPDATE ledger_events SET " + column + "=NULL WHERE " +
                                                column + " IS NOT NULL;");
     events.run();
     const int64_t forgotten = events.changes();
-    sqlite::exec(connection(), "UPDATE usage_observations SET " + column + "=NULL WHERE " +
+    sqlite::exec(state_->connection(), "UPDATE usage_observations SET " + column + "=NULL WHERE " +
                                    column + " IS NOT NULL;");
     // Rows an older build kept whole, as JSON.
-    sqlite::exec(connection(), "UPDATE events SET json=json_remove(json," + key +
+    sqlite::exec(state_->connection(), "UPDATE events SET json=json_remove(json," + key +
                                    ") WHERE json_extract(json," + key + ") IS NOT NULL;");
     transaction.commit();
     return forgotten;

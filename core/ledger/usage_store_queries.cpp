@@ -12,6 +12,7 @@
 #include "core/ledger/ledger_rollups.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 #include "core/model/calendar.hpp"
 
 namespace kestrel {
@@ -285,15 +286,15 @@ std::optional<AgentSource> sourceAt(const Statement& s, int column) {
 // --- Freshness of the rollups -----------------------------------------------------------------
 
 void UsageStore::refreshRollups() {
-    std::lock_guard guard(lock_);
-    LedgerRollups::refresh(connection());
+    std::lock_guard guard(state_->lock);
+    LedgerRollups::refresh(state_->connection());
 }
 
 // --- Entries ----------------------------------------------------------------------------------
 
 LedgerPage UsageStore::ledgerEvents(const LedgerQuery& query, LedgerSortOrder order,
                                     const std::optional<LedgerCursor>& after, int limit) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = ledgerFilter(query);
     const bool ascending = order == LedgerSortOrder::ascending;
     const std::string op = ascending ? ">" : "<";
@@ -310,7 +311,7 @@ LedgerPage UsageStore::ledgerEvents(const LedgerQuery& query, LedgerSortOrder or
         sql += " AND (e.occurred_at" + op + "? OR (e.occurred_at=? AND e.id" + op + "?))";
     }
     sql += "\nORDER BY e.occurred_at " + dir + ",\n         e.id " + dir + " LIMIT ?;";
-    Statement s(connection(), sql);
+    Statement s(state_->connection(), sql);
     bindFilter(s, f);
     int next = static_cast<int>(f.parameters.size()) + 1;
     if (after) {
@@ -372,9 +373,10 @@ LedgerPage UsageStore::ledgerEvents(const LedgerQuery& query, LedgerSortOrder or
 // --- Counts -----------------------------------------------------------------------------------
 
 int64_t UsageStore::ledgerEventCount(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = ledgerFilter(query);
-    Statement s(connection(), "SELECT COUNT(*) FROM ledger_events e WHERE 1=1" + f.sql + ";");
+    Statement s(state_->connection(),
+                "SELECT COUNT(*) FROM ledger_events e WHERE 1=1" + f.sql + ";");
     bindFilter(s, f);
     s.step();
     return s.int64(0);
@@ -385,10 +387,10 @@ int64_t UsageStore::ledgerEventCount() {
 }
 
 int64_t UsageStore::usageObservationCount(const std::optional<std::string>& instance) {
-    std::lock_guard guard(lock_);
-    Statement s(connection(), instance ? "SELECT COUNT(*) FROM usage_observations WHERE "
-                                         "integration_instance_id=?;"
-                                       : "SELECT COUNT(*) FROM usage_observations;");
+    std::lock_guard guard(state_->lock);
+    Statement s(state_->connection(), instance ? "SELECT COUNT(*) FROM usage_observations WHERE "
+                                                 "integration_instance_id=?;"
+                                               : "SELECT COUNT(*) FROM usage_observations;");
     if (instance) {
         s.bind(1, *instance);
     }
@@ -399,18 +401,19 @@ int64_t UsageStore::usageObservationCount(const std::optional<std::string>& inst
 // --- Totals -----------------------------------------------------------------------------------
 
 LedgerSummary UsageStore::ledgerSummary(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     refreshRollups();
-    const auto byNothing =
-        groupedTotals<int>(connection(), query, "0", "0", [](const Statement&) { return 0; });
+    const auto byNothing = groupedTotals<int>(state_->connection(), query, "0", "0",
+                                              [](const Statement&) { return 0; });
     return byNothing.empty() ? LedgerSummary{} : byNothing.begin()->second;
 }
 
 std::map<AgentSource, LedgerSummary> UsageStore::ledgerSummariesBySource(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     refreshRollups();
-    const auto bySource = groupedTotals<std::string>(connection(), query, "e.source", "r.source",
-                                                     [](const Statement& s) { return s.text(0); });
+    const auto bySource =
+        groupedTotals<std::string>(state_->connection(), query, "e.source", "r.source",
+                                   [](const Statement& s) { return s.text(0); });
     std::map<AgentSource, LedgerSummary> out;
     for (const auto& [key, summary] : bySource) {
         if (auto source = fromRawValue<AgentSource>(key)) {
@@ -421,12 +424,12 @@ std::map<AgentSource, LedgerSummary> UsageStore::ledgerSummariesBySource(const L
 }
 
 std::vector<LedgerModelSummary> UsageStore::ledgerSummariesByModel(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     refreshRollups();
     // Per (model, source); the sources of a model are those that contributed rows.
     const auto rows = groupedTotals<std::pair<std::string, std::string>>(
-        connection(), query, "e.model || char(31) || e.source", "r.model || char(31) || r.source",
-        [](const Statement& s) {
+        state_->connection(), query, "e.model || char(31) || e.source",
+        "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(0);
             const auto cut = key.rfind('\x1f');
             return std::pair{key.substr(0, cut), key.substr(cut + 1)};
@@ -459,10 +462,11 @@ std::vector<LedgerModelSummary> UsageStore::ledgerSummariesByModel(const LedgerQ
 
 std::vector<LedgerTimeBucket> UsageStore::ledgerTimeBuckets(const LedgerQuery& query,
                                                             LedgerBucketUnit unit) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     refreshRollups();
-    const auto rows = localTotals<std::string>(connection(), query, unit, "e.source", "r.source",
-                                               [](const Statement& s) { return s.text(1); });
+    const auto rows =
+        localTotals<std::string>(state_->connection(), query, unit, "e.source", "r.source",
+                                 [](const Statement& s) { return s.text(1); });
     std::map<std::pair<double, AgentSource>, LedgerSummary> grouped;
     for (const auto& [key, summary] : rows) {
         if (auto source = fromRawValue<AgentSource>(key.second)) {
@@ -478,10 +482,10 @@ std::vector<LedgerTimeBucket> UsageStore::ledgerTimeBuckets(const LedgerQuery& q
 
 std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const LedgerQuery& query,
                                                                       LedgerBucketUnit unit) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto rows = localTotals<std::pair<std::string, std::string>>(
-        connection(), query, unit, "e.model || char(31) || e.source",
+        state_->connection(), query, unit, "e.model || char(31) || e.source",
         "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(1);
             const auto cut = key.rfind('\x1f');
@@ -501,12 +505,12 @@ std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const Ledg
 }
 
 std::vector<LedgerDailyTotal> UsageStore::ledgerDailyTotals(double from, double to) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     refreshRollups();
     LedgerQuery query;
     query.from = from;
     query.to = to;
-    const auto rows = localTotals<int>(connection(), query, LedgerBucketUnit::day, "0", "0",
+    const auto rows = localTotals<int>(state_->connection(), query, LedgerBucketUnit::day, "0", "0",
                                        [](const Statement&) { return 0; });
     const auto calendar = Calendar::current();
     std::vector<LedgerDailyTotal> out;
@@ -521,13 +525,13 @@ std::vector<LedgerDailyTotal> UsageStore::ledgerDailyTotals(double from, double 
 // --- Bounds and facets ------------------------------------------------------------------------
 
 std::optional<LedgerDateBounds> UsageStore::ledgerOccurredAtBounds(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = ledgerFilter(query);
-    Statement s(connection(), "SELECT\n  (SELECT e.occurred_at FROM ledger_events e WHERE 1=1" +
-                                  f.sql +
-                                  "\n   ORDER BY e.occurred_at ASC LIMIT 1),\n  (SELECT "
-                                  "e.occurred_at FROM ledger_events e WHERE 1=1" +
-                                  f.sql + "\n   ORDER BY e.occurred_at DESC LIMIT 1);");
+    Statement s(state_->connection(),
+                "SELECT\n  (SELECT e.occurred_at FROM ledger_events e WHERE 1=1" + f.sql +
+                    "\n   ORDER BY e.occurred_at ASC LIMIT 1),\n  (SELECT "
+                    "e.occurred_at FROM ledger_events e WHERE 1=1" +
+                    f.sql + "\n   ORDER BY e.occurred_at DESC LIMIT 1);");
     bindFilter(s, f);
     bindFilter(s, f, static_cast<int>(f.parameters.size()) + 1);
     s.step();
@@ -540,13 +544,13 @@ std::optional<LedgerDateBounds> UsageStore::ledgerOccurredAtBounds(const LedgerQ
 }
 
 LedgerFacets UsageStore::ledgerFacets(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = ledgerFilter(query);
     const auto distinct = [&](const std::string& column) {
-        Statement s(connection(), "SELECT DISTINCT e." + column +
-                                      " FROM ledger_events e\nWHERE 1=1" + f.sql + " AND e." +
-                                      column + " IS NOT NULL AND e." + column +
-                                      "<>''\nORDER BY e." + column + " COLLATE NOCASE;");
+        Statement s(state_->connection(), "SELECT DISTINCT e." + column +
+                                              " FROM ledger_events e\nWHERE 1=1" + f.sql +
+                                              " AND e." + column + " IS NOT NULL AND e." + column +
+                                              "<>''\nORDER BY e." + column + " COLLATE NOCASE;");
         bindFilter(s, f);
         std::vector<std::string> out;
         while (s.step()) {
@@ -565,8 +569,9 @@ LedgerFacets UsageStore::ledgerFacets(const LedgerQuery& query) {
     facets.providers = distinct("provider");
     facets.models = distinct("model");
     facets.projects = distinct("project_display_name");
-    Statement unassigned(connection(), "SELECT EXISTS(SELECT 1 FROM ledger_events e WHERE 1=1" +
-                                           f.sql + " AND e.account_id IS NULL);");
+    Statement unassigned(state_->connection(),
+                         "SELECT EXISTS(SELECT 1 FROM ledger_events e WHERE 1=1" + f.sql +
+                             " AND e.account_id IS NULL);");
     bindFilter(unassigned, f);
     unassigned.step();
     facets.hasUnassignedAccount = unassigned.int64(0) != 0;
@@ -576,9 +581,9 @@ LedgerFacets UsageStore::ledgerFacets(const LedgerQuery& query) {
 // --- Sessions and projects --------------------------------------------------------------------
 
 std::vector<LedgerSessionSummary> UsageStore::ledgerSummariesBySession(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = ledgerFilter(query);
-    Statement s(connection(),
+    Statement s(state_->connection(),
                 "SELECT e.session_key, e.source, MIN(e.occurred_at), MAX(e.occurred_at),\n"
                 "  GROUP_CONCAT(DISTINCT e.model), " +
                     rawSummaryColumns() + std::string(kJoin) + f.sql +
@@ -612,7 +617,7 @@ std::vector<LedgerSessionSummary> UsageStore::ledgerSummariesBySession(const Led
     }
     // The project of each session is that of its latest event (SQLite takes a bare column from
     // the row that gives the one MAX of the group).
-    Statement projects(connection(),
+    Statement projects(state_->connection(),
                        "SELECT e.session_key, e.source, e.project_display_name, "
                        "MAX(e.occurred_at) FROM ledger_events e WHERE 1=1" +
                            f.sql + " AND e.session_key IS NOT NULL GROUP BY 1, 2;");
@@ -627,12 +632,13 @@ std::vector<LedgerSessionSummary> UsageStore::ledgerSummariesBySession(const Led
 }
 
 std::vector<LedgerProjectSummary> UsageStore::ledgerSummariesByProject(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = ledgerFilter(query);
-    Statement s(connection(), "SELECT e.project_display_name, GROUP_CONCAT(DISTINCT e.source), " +
-                                  rawSummaryColumns() + std::string(kJoin) + f.sql +
-                                  "\nGROUP BY e.project_display_name\nORDER BY SUM(" +
-                                  knownProviderTotal() + ") DESC, e.project_display_name;");
+    Statement s(state_->connection(),
+                "SELECT e.project_display_name, GROUP_CONCAT(DISTINCT e.source), " +
+                    rawSummaryColumns() + std::string(kJoin) + f.sql +
+                    "\nGROUP BY e.project_display_name\nORDER BY SUM(" + knownProviderTotal() +
+                    ") DESC, e.project_display_name;");
     bindFilter(s, f);
     std::vector<LedgerProjectSummary> out;
     while (s.step()) {
@@ -648,9 +654,9 @@ std::vector<LedgerProjectSummary> UsageStore::ledgerSummariesByProject(const Led
 // --- Coverage ---------------------------------------------------------------------------------
 
 std::vector<CoverageIssueGroup> UsageStore::coverageIssueGroups(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = coverageFilter(query);
-    Statement s(connection(),
+    Statement s(state_->connection(),
                 "SELECT ci.code, COALESCE(o.source, ci.source), ci.origin, COUNT(*)\n"
                 "FROM coverage_issues ci\n"
                 "LEFT JOIN usage_observations o ON o.id=ci.observation_id\n"
@@ -679,9 +685,9 @@ std::vector<CoverageIssueGroup> UsageStore::coverageIssueGroups(const LedgerQuer
 }
 
 std::vector<CoverageIssueCount> UsageStore::coverageIssueCounts(const LedgerQuery& query) {
-    std::lock_guard guard(lock_);
+    std::lock_guard guard(state_->lock);
     const auto f = coverageFilter(query);
-    Statement s(connection(),
+    Statement s(state_->connection(),
                 "SELECT ci.code, COUNT(*)\nFROM coverage_issues ci\n"
                 "LEFT JOIN usage_observations o ON o.id=ci.observation_id\n"
                 "WHERE ci.resolved_at IS NULL" +

@@ -5,6 +5,7 @@
 
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 #include "core/model/account_snapshot_json.hpp"
 
 namespace kestrel {
@@ -33,8 +34,8 @@ std::optional<AccountSnapshot> decode(const std::string& text) {
 }  // namespace
 
 bool UsageStore::saveQuota(const AccountSnapshot& snapshot) {
-    std::lock_guard guard(lock_);
-    sqlite3* db = connection();
+    std::lock_guard guard(state_->lock);
+    sqlite3* db = state_->connection();
     const std::string id = accountID(snapshot.identity.source);
     sqlite::Transaction transaction(db);
 
@@ -63,8 +64,8 @@ bool UsageStore::saveQuota(const AccountSnapshot& snapshot) {
 }
 
 bool UsageStore::deleteQuota(AgentSource source) {
-    std::lock_guard guard(lock_);
-    Statement remove(connection(),
+    std::lock_guard guard(state_->lock);
+    Statement remove(state_->connection(),
                      "DELETE FROM quota_accounts WHERE account_id=? AND kind='source';");
     remove.bind(1, accountID(source));
     remove.run();
@@ -72,8 +73,8 @@ bool UsageStore::deleteQuota(AgentSource source) {
 }
 
 std::optional<AccountSnapshot> UsageStore::quota(AgentSource source) {
-    std::lock_guard guard(lock_);
-    Statement select(connection(),
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(),
                      "SELECT json FROM quota_accounts WHERE account_id=? AND kind='source';");
     select.bind(1, accountID(source));
     if (!select.step()) {
@@ -83,8 +84,8 @@ std::optional<AccountSnapshot> UsageStore::quota(AgentSource source) {
 }
 
 std::vector<AccountSnapshot> UsageStore::quotas() {
-    std::lock_guard guard(lock_);
-    Statement select(connection(),
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(),
                      "SELECT json FROM quota_accounts WHERE kind='source' ORDER BY account_id;");
     std::vector<AccountSnapshot> out;
     while (select.step()) {

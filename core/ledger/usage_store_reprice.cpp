@@ -6,6 +6,7 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "core/ledger/usage_store_internals.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/pricing/price_fingerprint.hpp"
 #include "core/pricing/price_table.hpp"
@@ -60,9 +61,9 @@ int64_t UsageStore::repriceLedger(const PriceTable& prices, BillingMode billing)
 }
 
 int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool allEvents) {
-    std::lock_guard repricing(repricingLock_);
-    std::lock_guard guard(lock_);
-    sqlite3* db = connection();
+    std::lock_guard repricing(state_->repricingLock);
+    std::lock_guard guard(state_->lock);
+    sqlite3* db = state_->connection();
     sqlite::Transaction transaction(db);
 
     sqlite::Statement page(db,

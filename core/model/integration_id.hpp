@@ -4,7 +4,7 @@
 
 #include <compare>
 #include <functional>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace kestrel {
@@ -33,14 +33,16 @@ using SubscriptionAccountID = IntegrationID<SubscriptionAccountIDDomain>;
 using AccountBindingID = IntegrationID<AccountBindingIDDomain>;
 using CredentialHandleID = IntegrationID<CredentialHandleDomain>;
 
-template <class Domain>
-void to_json(nlohmann::json& j, const IntegrationID<Domain>& id) {
+// Generic in the JSON type, so that this header, which most of core includes, needs only the
+// forward declarations of the JSON library.
+template <class Json, class Domain>
+void to_json(Json& j, const IntegrationID<Domain>& id) {
     j = id.rawValue;
 }
 
-template <class Domain>
-void from_json(const nlohmann::json& j, IntegrationID<Domain>& id) {
-    id.rawValue = j.get<std::string>();
+template <class Json, class Domain>
+void from_json(const Json& j, IntegrationID<Domain>& id) {
+    id.rawValue = j.template get<std::string>();
 }
 
 }  // namespace kestrel

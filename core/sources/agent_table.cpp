@@ -24,7 +24,7 @@
 #include "core/sources/transcripts/grok_reader.hpp"
 #include "core/sources/transcripts/kimi_reader.hpp"
 #include "core/sources/transcripts/omp_reader.hpp"
-#include "core/sources/transcripts/openclaw_reader.hpp"
+#include "core/sources/openclaw_reader.hpp"
 #include "core/sources/transcripts/pi_reader.hpp"
 #include "core/sources/transcripts/prime_agent_reader.hpp"
 #include "core/sources/transcripts/reasonix_reader.hpp"

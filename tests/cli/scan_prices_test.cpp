@@ -7,6 +7,7 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "tests/support/command_run.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -32,7 +33,8 @@ class ScanAndPricesTest : public ::testing::Test {
 
     int64_t ledger(const std::string& sql) {
         UsageStore store(support.path());
-        sqlite::Statement s(store.connection(), sql);
+        test_support::LedgerConnection connection(store.databasePath());
+        sqlite::Statement s(connection.get(), sql);
         EXPECT_TRUE(s.step());
         return s.int64(0);
     }

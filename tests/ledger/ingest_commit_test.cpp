@@ -5,11 +5,13 @@
 #include "core/ledger/usage_store.hpp"
 #include "core/pricing/price_table.hpp"
 #include "core/pricing/reprice_outcome.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
+using test_support::LedgerConnection;
 using test_support::TempDir;
 
 UsageObservation observation(const std::string& id, int64_t output,
@@ -48,20 +50,19 @@ UsageBatch batchOf(const std::string& runID, std::vector<UsageObservation> obser
 class IngestCommitTest : public ::testing::Test {
   protected:
     int64_t count(const std::string& sql) {
-        sqlite::Statement s(store.connection(), sql);
+        sqlite::Statement s(ledger.get(), sql);
         EXPECT_TRUE(s.step());
         return s.int64(0);
     }
     std::optional<int64_t> eventOutput(const std::string& observationID) {
-        sqlite::Statement s(store.connection(),
+        sqlite::Statement s(ledger.get(),
                             "SELECT output_visible FROM ledger_events WHERE observation_id=?;");
         s.bind(1, observationID);
         return s.step() ? s.optionalInt64(0) : std::nullopt;
     }
     std::vector<std::string> findings(const std::string& observationID) {
         sqlite::Statement s(
-            store.connection(),
-            "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
+            ledger.get(), "SELECT code FROM coverage_issues WHERE observation_id=? ORDER BY code;");
         s.bind(1, observationID);
         std::vector<std::string> out;
         while (s.step()) {
@@ -72,6 +73,7 @@ class IngestCommitTest : public ::testing::Test {
 
     TempDir dir;
     UsageStore store{dir.path()};
+    LedgerConnection ledger{store.databasePath()};
 };
 
 TEST_F(IngestCommitTest, CommitsObservationsEventsCostsAndTheCheckpoint) {
@@ -120,7 +122,7 @@ TEST_F(IngestCommitTest, TheLastRecordOfAnIdentityHolds) {
 
 TEST_F(IngestCommitTest, AnUpdateKeepsTheFirstCreationTime) {
     store.ingest({}, {}, std::nullopt, batchOf("run-1", {observation("claude:m1", 5)}));
-    sqlite::exec(store.connection(), "UPDATE ledger_events SET created_at=1, updated_at=1;");
+    sqlite::exec(ledger.get(), "UPDATE ledger_events SET created_at=1, updated_at=1;");
     store.ingest({}, {}, std::nullopt, batchOf("run-2", {observation("claude:m1", 6)}));
     EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE created_at=1 AND updated_at>1;"), 1);
     EXPECT_EQ(eventOutput("claude:m1"), 6);
@@ -190,8 +192,8 @@ TEST_F(IngestCommitTest, InvalidBatchesAreRefusedBeforeAnyWrite) {
 TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
     store.ingest({}, {}, std::nullopt, batchOf("run-0", {observation("claude:m0", 1)}));
     // A row that the database refuses halfway through the batch.
-    sqlite::exec(store.connection(),
-                 "CREATE TEMP TRIGGER refuse BEFORE INSERT ON usage_observations "
+    sqlite::exec(ledger.get(),
+                 "CREATE TRIGGER refuse BEFORE INSERT ON usage_observations "
                  "WHEN NEW.id = 'claude:bad' BEGIN SELECT RAISE(ABORT, 'refused'); END;");
     SourceCheckpoint fileCheckpoint;
     fileCheckpoint.stableID = "/h/.claude/projects/p/s.jsonl";
@@ -216,7 +218,7 @@ TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
               0);
 
     // The same batch commits once the fault is gone: nothing was left half-done.
-    sqlite::exec(store.connection(), "DROP TRIGGER refuse;");
+    sqlite::exec(ledger.get(), "DROP TRIGGER refuse;");
     const auto outcome =
         store.ingest({legacy}, {fileCheckpoint}, std::nullopt,
                      batchOf("run-1", {observation("claude:m1", 5), observation("claude:bad", 6),

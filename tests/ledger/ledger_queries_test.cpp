@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <random>
@@ -12,6 +13,7 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/pricing/price_table.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tests/support/time_zone.hpp"
 
@@ -30,7 +32,7 @@ using TimeZone = test_support::ScopedTimeZone;
 class LedgerQueriesTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        sqlite::exec(store.connection(),
+        sqlite::exec(ledger.get(),
                      "INSERT INTO subscription_accounts(id, provider, state, created_at, "
                      "last_seen_at) VALUES('acct-1', 'anthropic', 'confirmed', 1, 1);"
                      "INSERT INTO integration_instances(id, plugin_id, enabled_capabilities, "
@@ -119,7 +121,7 @@ class LedgerQueriesTest : public ::testing::Test {
         const std::string provider =
             "CASE WHEN e.provider_total IS NOT NULL THEN e.provider_total ELSE " + known + " END";
         const auto f = ledgerFilter(q);
-        sqlite::Statement s(store.connection(),
+        sqlite::Statement s(ledger.get(),
                             "SELECT COUNT(*), SUM(e.input_uncached), SUM(e.cache_read), "
                             "SUM(e.cache_write), SUM(e.output_visible), SUM(e.reasoning), SUM(" +
                                 known + "), SUM(" + provider +
@@ -154,7 +156,7 @@ class LedgerQueriesTest : public ::testing::Test {
     // Local (year, month, day) of each event by SQLite's own calendar, summed.
     std::map<std::tuple<int, int, int>, int64_t> referenceDays(double from, double to) {
         sqlite::Statement s(
-            store.connection(),
+            ledger.get(),
             "SELECT CAST(strftime('%Y',e.occurred_at,'unixepoch','localtime') AS INTEGER), "
             "CAST(strftime('%m',e.occurred_at,'unixepoch','localtime') AS INTEGER), "
             "CAST(strftime('%d',e.occurred_at,'unixepoch','localtime') AS INTEGER), "
@@ -242,6 +244,7 @@ class LedgerQueriesTest : public ::testing::Test {
 
     TempDir dir;
     UsageStore store{dir.path()};
+    test_support::LedgerConnection ledger{store.databasePath()};
 };
 
 TEST_F(LedgerQueriesTest, EveryViewAgreesWithAFullAggregationThroughWrites) {

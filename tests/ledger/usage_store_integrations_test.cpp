@@ -10,11 +10,13 @@
 #include "core/integrations/integration_instance_coordinator.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
+using test_support::LedgerConnection;
 using test_support::TempDir;
 using Cap = IntegrationCapability;
 using Perm = IntegrationPermission;
@@ -22,7 +24,8 @@ using H = IntegrationHealthState;
 
 // The named columns of the instance's row, joined by '|', NULL shown as NULL.
 std::string rowOf(UsageStore& store, const IntegrationInstanceID& id, const std::string& columns) {
-    sqlite::Statement s(store.connection(),
+    LedgerConnection ledger(store.databasePath());
+    sqlite::Statement s(ledger.get(),
                         "SELECT " + columns + " FROM integration_instances WHERE id=?;");
     s.bind(1, id.rawValue);
     if (!s.step()) {
@@ -36,7 +39,8 @@ std::string rowOf(UsageStore& store, const IntegrationInstanceID& id, const std:
 }
 
 int64_t rowCount(UsageStore& store) {
-    sqlite::Statement s(store.connection(), "SELECT COUNT(*) FROM integration_instances;");
+    LedgerConnection ledger(store.databasePath());
+    sqlite::Statement s(ledger.get(), "SELECT COUNT(*) FROM integration_instances;");
     s.step();
     return s.int64(0);
 }
@@ -192,7 +196,7 @@ TEST_F(UsageStoreIntegrationsTest, ResaveKeepsCreationTimeWhichOrdersTheList) {
 }
 
 TEST_F(UsageStoreIntegrationsTest, RowsOfANewerBuildStillLoad) {
-    sqlite::exec(store_.connection(),
+    sqlite::exec(LedgerConnection(store_.databasePath()).get(),
                  "INSERT INTO integration_instances(id, plugin_id, enabled_capabilities,\n"
                  "  granted_permissions, health_state, hook_health, diagnostic_code,\n"
                  "  created_at, updated_at) VALUES\n"
@@ -217,7 +221,8 @@ TEST_F(UsageStoreIntegrationsTest, RowsOfANewerBuildStillLoad) {
 }
 
 TEST_F(UsageStoreIntegrationsTest, SqlFailureThrowsStoreError) {
-    sqlite::exec(store_.connection(), "DROP TABLE integration_instances;");
+    sqlite::exec(LedgerConnection(store_.databasePath()).get(),
+                 "DROP TABLE integration_instances;");
     try {
         store_.save(instance("x", "p"), 1.0);
         FAIL() << "save into a missing table succeeded";

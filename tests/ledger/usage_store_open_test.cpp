@@ -16,12 +16,14 @@
 
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
 namespace fs = std::filesystem;
+using test_support::LedgerConnection;
 using test_support::TempDir;
 
 // Every row of `sql`, columns joined by '|', NULL shown as NULL.
@@ -49,11 +51,12 @@ TEST(UsageStoreOpen, NewDirectoryGetsTheCurrentSchema) {
     UsageStore store(dir / "nested" / "support");
     EXPECT_EQ(store.databasePath(), dir / "nested" / "support" / UsageStore::kFileName);
     EXPECT_TRUE(fs::exists(store.databasePath()));
-    sqlite3* db = store.connection();
+    LedgerConnection ledger(store.databasePath());
+    sqlite3* db = ledger.get();
 
+    // Foreign keys are a setting of each connection: StoreConnectionEnforcesForeignKeys.
     EXPECT_EQ(sqlite::userVersion(db), UsageStore::kSchemaVersion);
     EXPECT_EQ(value(db, "PRAGMA journal_mode;"), "wal");
-    EXPECT_EQ(value(db, "PRAGMA foreign_keys;"), "1");
 
     const auto names = rows(db,
                             "SELECT type || ' ' || name FROM sqlite_master\n"
@@ -201,7 +204,8 @@ TEST(UsageStoreOpen, DatabaseLockedByAnotherConnectionFailsAfterTheBusyTimeout) 
     sqlite3_exec(other, "ROLLBACK;", nullptr, nullptr, nullptr);
     sqlite3_close(other);
     UsageStore store(dir.path());  // usable once the other connection lets go
-    EXPECT_EQ(sqlite::userVersion(store.connection()), UsageStore::kSchemaVersion);
+    EXPECT_EQ(sqlite::userVersion(LedgerConnection(store.databasePath()).get()),
+              UsageStore::kSchemaVersion);
 }
 
 TEST(UsageStoreOpen, ClosedStoreRefusesEveryOperation) {
@@ -220,7 +224,6 @@ TEST(UsageStoreOpen, ClosedStoreRefusesEveryOperation) {
             EXPECT_EQ(e.code(), StoreErrorCode::open);
         }
     };
-    expectOpenError([&] { store.connection(); });
     expectOpenError([&] { store.setting("k"); });
     expectOpenError([&] { store.setSetting("k", "w"); });
     expectOpenError([&] { store.checkpoints(AgentSource::claude); });
@@ -229,10 +232,9 @@ TEST(UsageStoreOpen, ClosedStoreRefusesEveryOperation) {
     EXPECT_EQ(reopened.setting("k"), "v");
 }
 
-TEST(UsageStoreOpen, DeletingAnObservationCascades) {
-    TempDir dir;
-    UsageStore store(dir.path());
-    sqlite3* db = store.connection();
+// A completed Claude Code run with two observations, their priced ledger events, and two coverage
+// issues, one of them tied to the first observation.
+void insertPricedEvents(sqlite3* db) {
     sqlite::exec(db, R"sql(
 INSERT INTO ingest_runs(id, adapter_id, source, started_at, status)
   VALUES('run', 'claude', 'claude', 1, 'completed');
@@ -255,7 +257,15 @@ INSERT INTO coverage_issues(id, run_id, observation_id, code, severity, origin, 
   VALUES ('i1', 'run', 'o1', 'unknownCost', 'info', 'validation', 4),
          ('i2', 'run', NULL, 'formatChanged', 'warning', 'adapter', 4);
 )sql");
-    // Foreign keys are enforced on this connection: an event for no observation is refused.
+}
+
+TEST(UsageStoreOpen, DeletingAnObservationCascades) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    LedgerConnection ledger(store.databasePath());
+    sqlite3* db = ledger.get();
+    insertPricedEvents(db);
+    // An event for no observation is refused.
     EXPECT_THROW(sqlite::exec(db,
                               "INSERT INTO ledger_events(id, observation_id, occurred_at, source,"
                               " provider, model, usage_semantics_version, created_at, updated_at)"
@@ -267,6 +277,27 @@ INSERT INTO coverage_issues(id, run_id, observation_id, code, severity, origin, 
     EXPECT_EQ(rows(db, "SELECT ledger_event_id FROM ledger_costs;"),
               std::vector<std::string>{"le:o2"});
     EXPECT_EQ(rows(db, "SELECT id FROM coverage_issues;"), std::vector<std::string>{"i2"});
+}
+
+// A full rescan that no longer finds the events deletes them on the store's connection; their
+// costs go only through the cascade, which SQLite applies when that connection enables it.
+TEST(UsageStoreOpen, StoreConnectionEnforcesForeignKeys) {
+    TempDir dir;
+    UsageStore store(dir.path());
+    LedgerConnection ledger(store.databasePath());
+    insertPricedEvents(ledger.get());
+
+    UsageBatch rescan;
+    rescan.id = "rescan";
+    rescan.adapterID = "claude";
+    rescan.source = AgentSource::claude;
+    rescan.startedAt = 5;
+    rescan.completedAt = 6;
+    store.replaceLedgerSource(AgentSource::claude, rescan);
+
+    EXPECT_EQ(rows(ledger.get(), "SELECT id FROM ledger_events;"), std::vector<std::string>{});
+    EXPECT_EQ(rows(ledger.get(), "SELECT ledger_event_id FROM ledger_costs;"),
+              std::vector<std::string>{});
 }
 
 TEST(UsageStoreOpen, SettingsRoundTrip) {
@@ -300,7 +331,8 @@ TEST(UsageStoreOpen, CheckpointsOfOneSourceDecode) {
     SourceCheckpoint other = a;
     other.source = AgentSource::claude;
 
-    sqlite::Statement insert(store.connection(),
+    LedgerConnection ledger(store.databasePath());
+    sqlite::Statement insert(ledger.get(),
                              "INSERT INTO checkpoints(source, stable_id, json) VALUES(?,?,?);");
     const auto put = [&](std::string_view source, std::string_view id, const std::string& json) {
         insert.reset();
@@ -320,7 +352,8 @@ TEST(UsageStoreOpen, CheckpointsOfOneSourceDecode) {
 TEST(SqliteStatement, ErrorsNameTheStatementButNotItsValuesAndTransactionsRollBack) {
     TempDir dir;
     UsageStore store(dir.path());
-    sqlite3* db = store.connection();
+    LedgerConnection ledger(store.databasePath());
+    sqlite3* db = ledger.get();
     store.setSetting("token", "x");
 
     sqlite::Statement insert(db, "INSERT INTO settings(key, value) VALUES(?,?);");

@@ -10,11 +10,13 @@
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/account_snapshot_json.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
+using test_support::LedgerConnection;
 using test_support::TempDir;
 
 AccountSnapshot reading(AgentSource source, double usedPercent, double fetchedAt) {
@@ -37,7 +39,7 @@ AccountSnapshot reading(AgentSource source, double usedPercent, double fetchedAt
 class UsageStoreQuotaTest : public ::testing::Test {
   protected:
     void insertRaw(const std::string& accountID, const std::string& kind, const std::string& json) {
-        sqlite::Statement s(store_.connection(),
+        sqlite::Statement s(ledger_.get(),
                             "INSERT INTO quota_accounts(account_id, kind, json, fetched_at)\n"
                             "VALUES(?,?,?,1);");
         s.bind(1, accountID).bind(2, kind).bind(3, json);
@@ -45,7 +47,7 @@ class UsageStoreQuotaTest : public ::testing::Test {
     }
 
     std::string stored(const std::string& accountID) {
-        sqlite::Statement s(store_.connection(),
+        sqlite::Statement s(ledger_.get(),
                             "SELECT kind || '|' || fetched_at FROM quota_accounts\n"
                             "WHERE account_id=?;");
         s.bind(1, accountID);
@@ -54,6 +56,7 @@ class UsageStoreQuotaTest : public ::testing::Test {
 
     TempDir dir_;
     UsageStore store_{dir_.path()};
+    LedgerConnection ledger_{store_.databasePath()};
 };
 
 TEST_F(UsageStoreQuotaTest, SaveStoresOneReadingPerSourceAndReplacesIt) {

@@ -11,9 +11,9 @@
 #include <nlohmann/json.hpp>
 
 #include "core/model/privacy.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/stores/goose_reader.hpp"
 #include "core/sources/stores/hermes_reader.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
 #include "core/sources/stores/zed_reader.hpp"
 #include "core/sources/transcripts/droid_reader.hpp"
 #include "core/sources/zstd_reader.hpp"

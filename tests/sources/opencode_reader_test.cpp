@@ -17,8 +17,8 @@
 #include "core/model/event_id.hpp"
 #include "core/model/privacy.hpp"
 #include "core/model/timestamp.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/stores/opencode_message.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/agent_corpus/opencode_corpus.hpp"
 

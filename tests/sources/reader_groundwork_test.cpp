@@ -10,8 +10,8 @@
 #include "core/model/privacy.hpp"
 #include "core/sources/event_draft.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
-#include "core/sources/stores/sqlite_cumulative.hpp"
+#include "core/sources/readonly_sqlite.hpp"
+#include "core/sources/sqlite_cumulative.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tools/agent_corpus/corpus_writer.hpp"
 

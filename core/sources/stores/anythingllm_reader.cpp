@@ -6,7 +6,7 @@
 
 #include "core/model/event_id.hpp"
 #include "core/sources/event_draft.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/stores/store_rows.hpp"
 
 namespace kestrel::AnythingLLMReader {

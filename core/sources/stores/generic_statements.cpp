@@ -7,7 +7,7 @@
 
 #include "core/model/event_id.hpp"
 #include "core/sources/event_draft.hpp"
-#include "core/sources/stores/sqlite_cumulative.hpp"
+#include "core/sources/sqlite_cumulative.hpp"
 #include "core/sources/stores/store_rows.hpp"
 
 namespace kestrel::GenericStatements {

@@ -8,9 +8,9 @@
 #include <nlohmann/json.hpp>
 
 #include "core/model/timestamp.hpp"
+#include "core/sources/cumulative_meter.hpp"
 #include "core/sources/file_discovery.hpp"
-#include "core/sources/stores/cumulative_meter.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 
 namespace kestrel::GooseReader {
 namespace {

@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "core/sources/stores/cumulative_meter.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/cumulative_meter.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 
 namespace kestrel::HermesReader {
 namespace {

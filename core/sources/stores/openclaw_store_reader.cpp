@@ -6,7 +6,7 @@
 
 #include "core/sources/line_source.hpp"
 #include "core/sources/pi_session_format.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/utf8.hpp"
 #include "core/sources/zstd_reader.hpp"
 

@@ -7,7 +7,7 @@
 
 #include "core/model/timestamp.hpp"
 #include "core/sources/file_discovery.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 
 namespace kestrel::OpencodeFamily {
 

@@ -16,9 +16,9 @@
 
 #include "core/model/timestamp.hpp"
 #include "core/sources/line_source.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/stores/opencode_message.hpp"
 #include "core/sources/stores/opencode_reader.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
 
 namespace kestrel::OpencodeFamily {
 namespace {

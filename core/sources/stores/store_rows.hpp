@@ -14,7 +14,7 @@
 #include "core/model/agent_source.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 
 namespace kestrel::StoreRows {
 

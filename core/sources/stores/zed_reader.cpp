@@ -3,8 +3,8 @@
 #include <nlohmann/json.hpp>
 
 #include "core/model/timestamp.hpp"
-#include "core/sources/stores/cumulative_meter.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/cumulative_meter.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/zstd_reader.hpp"
 
 namespace kestrel::ZedReader {

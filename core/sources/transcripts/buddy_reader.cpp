@@ -10,7 +10,7 @@
 #include "core/sources/json_fields.hpp"
 #include "core/sources/jsonl.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/transcripts/json_line.hpp"
 
 namespace kestrel::BuddyReader {

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "core/sources/cumulative_meter.hpp"
 #include "core/sources/file_discovery.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/cumulative_meter.hpp"
 
 namespace kestrel::DroidReader {
 namespace {

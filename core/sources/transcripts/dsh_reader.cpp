@@ -8,7 +8,7 @@
 #include "core/sources/json_fields.hpp"
 #include "core/sources/jsonl.hpp"
 #include "core/sources/line_source.hpp"
-#include "core/sources/stores/sqlite_cumulative.hpp"
+#include "core/sources/sqlite_cumulative.hpp"
 #include "core/sources/transcripts/json_line.hpp"
 
 namespace kestrel::DshReader {

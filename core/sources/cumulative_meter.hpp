@@ -14,9 +14,9 @@
 #include "core/model/agent_source.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/tokens.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 #include "core/sources/source_readers.hpp"
-#include "core/sources/stores/readonly_sqlite.hpp"
-#include "core/sources/stores/sqlite_cumulative.hpp"
+#include "core/sources/sqlite_cumulative.hpp"
 
 namespace kestrel::CumulativeMeter {
 

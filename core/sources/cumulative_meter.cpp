@@ -1,4 +1,4 @@
-#include "core/sources/stores/cumulative_meter.hpp"
+#include "core/sources/cumulative_meter.hpp"
 
 #include <sys/stat.h>
 

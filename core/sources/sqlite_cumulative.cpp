@@ -1,4 +1,4 @@
-#include "core/sources/stores/sqlite_cumulative.hpp"
+#include "core/sources/sqlite_cumulative.hpp"
 
 #include <nlohmann/json.hpp>
 

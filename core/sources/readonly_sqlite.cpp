@@ -1,4 +1,4 @@
-#include "core/sources/stores/readonly_sqlite.hpp"
+#include "core/sources/readonly_sqlite.hpp"
 
 #include <charconv>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "core/sources/transcripts/openclaw_reader.hpp"
+#include "core/sources/openclaw_reader.hpp"
 
 #include <algorithm>
 #include <string>

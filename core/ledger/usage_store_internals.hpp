@@ -1,0 +1,29 @@
+#pragma once
+// The ledger connection and its locks, for the files of core/ledger that implement UsageStore or
+// compound its operations in one transaction. Private to core/ledger (the layering check refuses
+// it anywhere else): tests and other folders open a connection of their own to databasePath().
+
+#include <sqlite3.h>
+
+#include <mutex>
+
+#include "core/ledger/usage_store.hpp"
+
+namespace kestrel {
+
+struct UsageStore::State {
+    sqlite3* db = nullptr;
+    mutable std::recursive_mutex lock;  // the connection, compound operations, migrations
+    std::mutex repricingLock;           // two repricings never interleave
+    std::mutex sessionMaterialLock;     // the cached session salt and checkpoint key
+
+    // The open connection; throws StoreError(open) when closed. Callers hold `lock` for any
+    // compound operation.
+    sqlite3* connection() const;
+};
+
+struct UsageStoreAccess {
+    static UsageStore::State& state(UsageStore& store) { return *store.state_; }
+};
+
+}  // namespace kestrel
