@@ -83,6 +83,36 @@ TEST_F(AppRoleTest, ViewsReadTheLedgerWhileAWorkerScansAndSeeEachCommitWhole) {
     EXPECT_TRUE(seen.contains(kFiles * kLinesPerFile));
 }
 
+TEST_F(AppRoleTest, AScanCancelledFromItsProgressLosesNothingForTheNextOne) {
+    constexpr int kFiles = 20;
+    for (int f = 0; f < kFiles; ++f) {
+        home.write(fmt::format(".claude/projects/p/{}.jsonl", f), claudeLine(fmt::format("m{}", f)));
+    }
+    auto session = open();
+    ASSERT_TRUE(session);
+
+    // The app's Stop button: the request comes from another thread while files are being read.
+    std::stop_source stop;
+    std::vector<int64_t> progress;
+    ScanCallbacks callbacks;
+    callbacks.onFileProgress = [&](int64_t done, int64_t, std::optional<AgentSource>) {
+        progress.push_back(done);
+        if (done == 1) {
+            std::thread([&] { stop.request_stop(); }).join();
+        }
+    };
+    const auto cancelled = scanUsage(*session, {}, callbacks, stop.get_token());
+    ASSERT_FALSE(cancelled);
+    EXPECT_EQ(cancelled.error().kind, ScanFailure::Kind::cancelled);
+    EXPECT_LT(progress.size(), static_cast<std::size_t>(kFiles)) << "the scan went on after the stop";
+    EXPECT_EQ(session->store().ledgerEventCount(), 0) << "half a source is never committed";
+
+    const auto again = scanUsage(*session, {});
+    ASSERT_TRUE(again) << again.error().message;
+    EXPECT_EQ(again->totals.events, kFiles);
+    EXPECT_EQ(session->store().ledgerEventCount(), kFiles);
+}
+
 TEST_F(AppRoleTest, ASettingsChangeReachesTheListenersTheNextScanAndTheStoredCosts) {
     home.write(".claude/projects/p/a.jsonl", claudeLine("m1"));
     auto session = open();
