@@ -193,8 +193,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     auto* settings = app.add_subcommand(
         "settings", "List the settings; `settings set FIELD VALUE` changes one");
     settings->require_subcommand(0, 1);
-    std::string settingsLanguage;
-    settings->add_option("--lang", settingsLanguage, "Texts in en or zh-Hans (default: settings)")
+    settings->add_option("--lang", report.language, "Texts in en or zh-Hans (default: settings)")
         ->type_name("LANG")
         ->check(CLI::IsMember({"en", "zh-Hans"}));
     std::string settingField, settingValue;
@@ -326,13 +325,13 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         return runIntegrationsPreset(ctx, presetName, json);
     }
     if (settingsSet->parsed()) {
-        return runSettingsSet(ctx, settingField, settingValue, settingsLanguage, json);
+        return runSettingsSet(ctx, settingField, settingValue, report.language, json);
     }
     if (settingsForget->parsed()) {
-        return runSettingsForget(ctx, forgetWhat, settingsLanguage, json);
+        return runSettingsForget(ctx, forgetWhat, report.language, json);
     }
     if (settings->parsed()) {
-        return runSettings(ctx, settingsLanguage, json);
+        return runSettings(ctx, report.language, json);
     }
     if (set->parsed()) {
         return runPricesSet(ctx, priceSet);

@@ -49,6 +49,7 @@ TEST_F(SettingsCommandTest, BadInputIsRefusedNamingWhatIsAllowed) {
         {{"settings", "set", "storeSession", "maybe"}, "storeSession: true or false"},
         {{"settings", "set", "fxVersion", "9"}, "fxVersion is kept by Kestrel"},
         {{"settings", "--lang", "zh-Hans", "set", "storeSession", "maybe"}, "true 或 false"},
+        {{"--lang", "zh-Hans", "settings", "set", "storeSession", "maybe"}, "true 或 false"},
         {{"settings", "forget", "passwords"}, "passwords"},
     };
     for (const auto& c : cases) {
