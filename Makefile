@@ -1,7 +1,7 @@
 # The two set-up commands of the README: `make run` and `make test`.
 # Both install any missing Debian package first, then configure and build with CMake presets.
 
-.PHONY: run test deps build build-ci bench format clean
+.PHONY: run test sanitize deps build build-ci bench format clean
 
 deps:
 	@./scripts/install-deps
@@ -19,6 +19,14 @@ run: build
 
 test: build-ci
 	@ctest --preset ci
+
+# The whole suite under ASan + UBSan (the dev preset: a debug build). Not part of `test`: it takes
+# far longer. Any UBSan report fails the test it occurs in instead of scrolling past.
+sanitize: deps
+	@cmake --preset dev -DKESTREL_BUILD_BENCH=OFF >/dev/null
+	@cmake --build --preset dev
+	@ASAN_OPTIONS=detect_leaks=1 \
+	  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 ctest --preset dev -j2
 
 bench: deps
 	@cmake --preset release >/dev/null

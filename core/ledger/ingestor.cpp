@@ -349,6 +349,10 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     if (stop.stop_requested()) {
         throw ScanCancelled();  // before the commit: the source is read again next time
     }
+    // The quota reading goes in before the commit that moves the checkpoints past the lines it
+    // came from: stopped in between, the next scan reads those lines again and stores the same
+    // reading, where in the other order the reading would be lost for good.
+    handleQuota(planned, report, progress, quota);
     // Nothing new and no rescan asked for: the ledger stays exactly as it was.
     if (!checkpoints.empty() || force) {
         PriceTable prices;
@@ -405,7 +409,6 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
             progress.changed = true;
         }
     }
-    handleQuota(planned, report, progress, quota);
     report.status = decideStatus(planned, report, formatChanged);
     if (readFailed) {
         report.status = SourceStatus::readError;
