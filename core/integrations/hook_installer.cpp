@@ -448,14 +448,8 @@ std::expected<HookChangeReport, HookInstallError> HookInstaller::uninstall(HookA
             HookInstallError{HookInstallErrorCode::homeUnavailable, home_, "not a folder"});
     }
     const InstallRecord record = loadRecord(recordFile(agent));
+    // The plug-in agents' files are never installed yet, so a file at their place is not ours.
     std::vector<PlannedWrite> writes;
-    if (auto plugin = pluginFile(agent, home_)) {
-        auto file = readConfigFile(plugin->first);
-        if (!file) {
-            return std::unexpected(file.error());
-        }
-        writes.push_back({*file, {}, true});
-    }
     for (const auto& slot : configSlots(agent, home_)) {
         auto file = readConfigFile(slot.path);
         if (!file) {
