@@ -357,6 +357,39 @@ TEST(HookInstaller, UninstallRemovesFilesThatOnlyInstallCreated) {
     }
 }
 
+TEST(HookInstaller, CodexFeatureSwitchIsAddedOnlyWhereMissingAndTakenBack) {
+    struct Case {
+        std::string original;
+        bool added;  // whether install had to switch the feature on
+    };
+    const std::vector<Case> cases = {
+        {"", true},
+        {"model = \"gpt-5\"", true},
+        {"[features]\nweb_search = true\n\n[tui]\ntheme = \"dark\"\n", true},
+        {"[features]\nhooks = true\n", false},
+        {"[features]\nhooks = false # not now\n", false},  // the user's choice stands
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.original);
+        Fixture f;
+        const auto config = f.home / ".codex/config.toml";
+        writeFile(config, c.original);
+        const auto installer = f.installer();
+        ASSERT_TRUE(installer.install(HookAgent::codex).has_value());
+        const auto after = readFile(config);
+        EXPECT_EQ(after != c.original, c.added);
+        if (c.added) {
+            EXPECT_EQ(toml::parse(after)["features"]["hooks"].value<bool>(), true);
+            const auto before = toml::parse(c.original);
+            if (auto theme = before["tui"]["theme"].value<std::string>()) {
+                EXPECT_EQ(toml::parse(after)["tui"]["theme"].value<std::string>(), theme);
+            }
+        }
+        ASSERT_TRUE(installer.uninstall(HookAgent::codex).has_value());
+        EXPECT_EQ(readFile(config), c.original);
+    }
+}
+
 TEST(HookInstaller, KimiKeepsUserTablesBetweenOurs) {
     Fixture f;
     const auto config = f.home / ".kimi-code/config.toml";
