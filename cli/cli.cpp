@@ -12,6 +12,7 @@
 #include "cli/export_command.hpp"
 #include "cli/fx_command.hpp"
 #include "cli/heatmap_command.hpp"
+#include "cli/hooks_command.hpp"
 #include "cli/integrations_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
@@ -104,6 +105,26 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     preset->add_option("PRESET", presetName, "recommended, all or disabled")
         ->required()
         ->check(CLI::IsMember({"recommended", "all", "disabled"}));
+
+    // `kestrel hooks`: the live hooks in the agents' own configuration files.
+    HooksOptions hooksOptions;
+    auto* hooks = app.add_subcommand("hooks", "Install, remove or check the live-activity hooks");
+    hooks->require_subcommand(1, 1);
+    auto* hooksStatus = hooks->add_subcommand("status", "Each agent's hook: installed, gate, health");
+    auto* hooksInstall = hooks->add_subcommand(
+        "install", "Write the hook into agents' configs (a backup of each original is kept)");
+    auto* hooksUninstall = hooks->add_subcommand("uninstall", "Remove Kestrel's hook from agents' configs");
+    auto* hooksRepair = hooks->add_subcommand("repair", "Re-write installed hooks that are out of date");
+    for (auto* sub : {hooksInstall, hooksUninstall}) {
+        sub->add_option("AGENT", hooksOptions.agents, "claude, codex, grok, kimi, cursor, ...");
+        sub->add_flag("--all", hooksOptions.all,
+                      sub == hooksInstall ? "Every agent whose CLI is found" : "Every agent");
+    }
+    for (auto* sub : {hooksStatus, hooksInstall, hooksUninstall, hooksRepair}) {
+        sub->add_option("--lang", hooksOptions.language, "Texts in en or zh-Hans (default: settings)");
+        sub->fallthrough();
+    }
+    hooks->fallthrough();
 
     // The reports, each over the same filters.
     ReportOptions report;
@@ -314,6 +335,18 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (status->parsed()) {
         return runStatus(ctx, json);
+    }
+    if (hooksStatus->parsed()) {
+        return runHooksStatus(ctx, hooksOptions, json);
+    }
+    if (hooksInstall->parsed()) {
+        return runHooksInstall(ctx, hooksOptions, json);
+    }
+    if (hooksUninstall->parsed()) {
+        return runHooksUninstall(ctx, hooksOptions, json);
+    }
+    if (hooksRepair->parsed()) {
+        return runHooksRepair(ctx, hooksOptions, json);
     }
     if (enable->parsed()) {
         return runIntegrationsSetEnabled(ctx, enableName, true, json);
