@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <functional>
+#include <optional>
 #include <iostream>
 
 #include "cli/coverage_command.hpp"
@@ -14,6 +15,7 @@
 #include "cli/heatmap_command.hpp"
 #include "cli/hooks_command.hpp"
 #include "cli/integrations_command.hpp"
+#include "cli/quota_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
 #include "cli/settings_command.hpp"
@@ -97,6 +99,13 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     std::string enableName, disableName, presetName;
     auto* enable = integrations->add_subcommand("enable", "Read this agent's records again");
     enable->add_option("SOURCE", enableName, "Source name (codex) or display name")->required();
+    std::optional<bool> quotaSwitch;
+    enable->add_flag_function(
+        "--quota", [&](std::int64_t) { quotaSwitch = true; },
+        "Also read its subscription quota online (grants network and credential access)");
+    enable->add_flag_function(
+        "--no-quota", [&](std::int64_t) { quotaSwitch = false; },
+        "Stop reading its subscription quota online");
     auto* disable = integrations->add_subcommand(
         "disable", "Stop reading this agent's records (its usage in the ledger stays)");
     disable->add_option("SOURCE", disableName, "Source name (codex) or display name")->required();
@@ -125,6 +134,11 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         sub->fallthrough();
     }
     hooks->fallthrough();
+    QuotaOptions quotaOptions;
+    auto* quota = app.add_subcommand(
+        "quota", "Quota windows, balances and resets of every account, with where each came from");
+    quota->add_flag("--refresh", quotaOptions.refresh,
+                    "Ask the providers now (only agents whose quota is switched on)");
 
     // The reports, each over the same filters.
     ReportOptions report;
@@ -263,7 +277,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     for (auto* command :
          {events, heatmap, coverage, exportCommand, exportCSV, fx, fxShow, fxSet, fxFetch,
           scanCommand, watchCommand, status, integrations, enable, disable, preset, settings,
-          settingsSet, settingsForget, prices, set, remove}) {
+          settingsSet, settingsForget, prices, set, remove, quota}) {
         command->fallthrough();
     }
 
@@ -347,6 +361,13 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (hooksRepair->parsed()) {
         return runHooksRepair(ctx, hooksOptions, json);
+    }
+    if (enable->parsed() && quotaSwitch) {
+        return runIntegrationsQuota(ctx, enableName, *quotaSwitch, json);
+    }
+    if (quota->parsed()) {
+        quotaOptions.json = json;
+        return runQuota(ctx, quotaOptions);
     }
     if (enable->parsed()) {
         return runIntegrationsSetEnabled(ctx, enableName, true, json);

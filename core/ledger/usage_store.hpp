@@ -161,6 +161,14 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     // Every source's reading, in account-id order; readings that do not decode are left out.
     std::vector<AccountSnapshot> quotas();
 
+    // --- Quota of API plan accounts (table `quota_accounts`, kind 'plan') --------------------
+
+    // Keyed "plan:" + the account id; same change rule as saveQuota.
+    bool savePlanQuota(const std::string& accountID, const AccountSnapshot& snapshot);
+    std::optional<AccountSnapshot> planQuota(const std::string& accountID);
+    // (account id, reading) in account-id order; readings that do not decode are left out.
+    std::vector<std::pair<std::string, AccountSnapshot>> planQuotas();
+
     // --- Price overrides (table `price_overrides`, keyed by match) ---------------------------
 
     std::vector<PriceRow> priceOverrides() override;

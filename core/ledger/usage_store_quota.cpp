@@ -33,10 +33,14 @@ std::optional<AccountSnapshot> decode(const std::string& text) {
 
 }  // namespace
 
-bool UsageStore::saveQuota(const AccountSnapshot& snapshot) {
-    std::lock_guard guard(state_->lock);
-    sqlite3* db = state_->connection();
-    const std::string id = accountID(snapshot.identity.source);
+namespace {
+
+constexpr std::string_view kPlanPrefix = "plan:";
+
+// Upserts the reading under `id`; true when it differs from the stored one in more than
+// fetchedAt. The caller holds the store's lock.
+bool saveAccountReading(sqlite3* db, const std::string& id, const char* kind,
+                        const AccountSnapshot& snapshot) {
     sqlite::Transaction transaction(db);
 
     bool changed = true;
@@ -54,13 +58,53 @@ bool UsageStore::saveQuota(const AccountSnapshot& snapshot) {
 
     Statement upsert(db,
                      "INSERT INTO quota_accounts(account_id, kind, json, fetched_at)\n"
-                     "VALUES(?, 'source', ?, ?)\n"
+                     "VALUES(?, ?, ?, ?)\n"
                      "ON CONFLICT(account_id) DO UPDATE SET\n"
                      "  kind=excluded.kind, json=excluded.json, fetched_at=excluded.fetched_at;");
-    upsert.bind(1, id).bind(2, nlohmann::json(snapshot).dump()).bind(3, snapshot.fetchedAt);
+    upsert.bind(1, id).bind(2, std::string(kind)).bind(3, nlohmann::json(snapshot).dump());
+    upsert.bind(4, snapshot.fetchedAt);
     upsert.run();
     transaction.commit();
     return changed;
+}
+
+}  // namespace
+
+bool UsageStore::saveQuota(const AccountSnapshot& snapshot) {
+    std::lock_guard guard(state_->lock);
+    return saveAccountReading(state_->connection(), accountID(snapshot.identity.source), "source",
+                              snapshot);
+}
+
+bool UsageStore::savePlanQuota(const std::string& accountID, const AccountSnapshot& snapshot) {
+    std::lock_guard guard(state_->lock);
+    return saveAccountReading(state_->connection(), std::string(kPlanPrefix) + accountID, "plan",
+                              snapshot);
+}
+
+std::optional<AccountSnapshot> UsageStore::planQuota(const std::string& accountID) {
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(),
+                     "SELECT json FROM quota_accounts WHERE account_id=? AND kind='plan';");
+    select.bind(1, std::string(kPlanPrefix) + accountID);
+    if (!select.step()) {
+        return std::nullopt;
+    }
+    return decode(select.text(0));
+}
+
+std::vector<std::pair<std::string, AccountSnapshot>> UsageStore::planQuotas() {
+    std::lock_guard guard(state_->lock);
+    Statement select(state_->connection(),
+                     "SELECT account_id, json FROM quota_accounts WHERE kind='plan' "
+                     "ORDER BY account_id;");
+    std::vector<std::pair<std::string, AccountSnapshot>> out;
+    while (select.step()) {
+        if (auto snapshot = decode(select.text(1))) {
+            out.emplace_back(select.text(0).substr(kPlanPrefix.size()), std::move(*snapshot));
+        }
+    }
+    return out;
 }
 
 bool UsageStore::deleteQuota(AgentSource source) {
