@@ -8,6 +8,7 @@
 
 #include "core/ledger/event_finishing.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
+#include "core/ledger/usage_merge.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
 
@@ -29,9 +30,10 @@ std::optional<FileError> unreadableRoot(const std::filesystem::path& root) {
 }
 
 // The events of one source, one per id. Several records of one usage (a message logged line by
-// line, a session resumed into a new file) share an id and the last one read holds, as in the
-// ledger's upsert; keeping only that one bounds a scan's memory by the usage, not the lines.
-class LatestEvents {
+// line, a session resumed and replayed, a sub-agent's copy in another file) share an id and fold
+// into one by UsageMerge, as the ledger's upsert does; keeping only that one bounds a scan's
+// memory by the usage, not the lines.
+class MergedEvents {
   public:
     void add(UsageEvent&& event) {
         ++produced_;
@@ -39,7 +41,7 @@ class LatestEvents {
         if (added) {
             events_.push_back(std::move(event));
         } else {
-            events_[it->second] = std::move(event);
+            UsageMerge::merge(events_[it->second], std::move(event));
         }
     }
     int64_t produced() const { return produced_; }
@@ -245,7 +247,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
 
     const double startedAt = epochNow();
     const auto& reader = planned.reader;
-    LatestEvents events;
+    MergedEvents events;
     std::vector<UsageEvent> fileEvents;
     std::vector<SourceCheckpoint> checkpoints;
     std::optional<AccountSnapshot> quota;

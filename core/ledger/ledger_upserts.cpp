@@ -113,4 +113,15 @@ std::string deleteEvents(int rows) {
     return "DELETE FROM ledger_events WHERE observation_id IN " + inList(rows) + ";";
 }
 
+std::string storedObservations(int rows) {
+    return "SELECT id, occurred_at, time_quality, session_key, project_display_name,\n"
+           "  provider, model, precision, granularity, evidence_fingerprint,\n"
+           "  input_uncached, cache_read, cache_write, output_visible, reasoning,\n"
+           "  provider_input_total, provider_output_total, provider_total, breakdown_trusted,\n"
+           "  usage_semantics_version, cost_usd_micros, cost_completeness, cost_source,\n"
+           "  price_version, fx_version, billing_mode\n"
+           "FROM usage_observations WHERE id IN " +
+           inList(rows) + ";";
+}
+
 }  // namespace kestrel::LedgerUpserts

@@ -1,6 +1,7 @@
 // The single write path of usage into the ledger: one batch, one transaction, all or nothing.
 
 #include <algorithm>
+#include <deque>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
@@ -9,6 +10,7 @@
 #include "core/ledger/ledger_validator.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
+#include "core/ledger/usage_merge.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/ledger/usage_store_internals.hpp"
 #include "core/model/timestamp.hpp"
@@ -219,51 +221,166 @@ void writeIssue(Statement& s, const CoverageIssue& issue) {
     s.run();
 }
 
+template <class E>
+E enumOr(const std::string& text, E fallback) {
+    return fromRawValue<E>(text).value_or(fallback);
+}
+
+// What the ledger holds of one observation in the columns UsageMerge weighs (see
+// LedgerUpserts::storedObservations); the rest is left as it is in `o`.
+void readStored(const Statement& s, UsageObservation& o) {
+    o.occurredAt = s.optionalReal(1);
+    o.timeQuality = enumOr(s.text(2), ObservationTimeQuality::missing);
+    o.sessionKey = s.optionalText(3);
+    o.projectDisplayName = s.optionalText(4);
+    o.provider = s.text(5);
+    o.model = s.text(6);
+    o.precision = enumOr(s.text(7), UsagePrecision::unsupported);
+    o.granularity = enumOr(s.text(8), UsageGranularity::unknown);
+    o.evidenceFingerprint = s.optionalText(9);
+    auto& t = o.tokens;
+    t.inputUncached = s.optionalInt64(10);
+    t.cacheRead = s.optionalInt64(11);
+    t.cacheWrite = s.optionalInt64(12);
+    t.outputVisible = s.optionalInt64(13);
+    t.reasoning = s.optionalInt64(14);
+    t.providerInputTotal = s.optionalInt64(15);
+    t.providerOutputTotal = s.optionalInt64(16);
+    t.providerTotal = s.optionalInt64(17);
+    t.breakdownTrusted = s.int64(18) != 0;
+    o.usageSemanticsVersion = s.int64(19);
+    o.cost.amountUSDMicros = s.optionalInt64(20);
+    o.cost.completeness = enumOr(s.text(21), CostCompleteness::none);
+    o.cost.source = enumOr(s.text(22), CostSource::unknown);
+    o.cost.priceVersion = s.optionalInt64(23);
+    o.cost.fxVersion = s.optionalInt64(24);
+    o.cost.billingMode = enumOr(s.text(25), BillingMode::apiEquivalent);
+}
+
+// The rows to write, one per id: the batch's own observation, or a merge owned here, with its
+// verdict.
+struct Rows {
+    std::vector<const UsageObservation*> observation;
+    std::vector<const LedgerValidationResult*> verdict;
+    std::vector<UsageObservation*> owned;  // null while the row is the batch's own
+    std::deque<UsageObservation> merges;
+    std::deque<LedgerValidationResult> mergedVerdicts;
+
+    void add(const UsageObservation& o, const LedgerValidationResult& v) {
+        observation.push_back(&o);
+        verdict.push_back(&v);
+        owned.push_back(nullptr);
+    }
+    // Row `k` as a copy it may change.
+    UsageObservation& own(std::size_t k) {
+        if (!owned[k]) {
+            owned[k] = &merges.emplace_back(*observation[k]);
+            observation[k] = owned[k];
+        }
+        return *owned[k];
+    }
+    void revalidate(std::size_t k) {
+        verdict[k] = &mergedVerdicts.emplace_back(LedgerValidator::validate(*observation[k]));
+    }
+};
+
+// Merges rows [from, to) with what the ledger holds of them (`select` is
+// LedgerUpserts::storedObservations for that many rows): a later scan weighs its records against
+// the stored row as one scan weighs them among themselves, without reading old files again.
+void mergeWithStored(Statement& select, Rows& rows, std::size_t from, std::size_t to) {
+    for (std::size_t k = from; k < to; ++k) {
+        select.bind(static_cast<int>(k - from) + 1, rows.observation[k]->id);
+    }
+    while (select.step()) {
+        const std::string id = select.text(0);
+        std::size_t k = from;
+        while (k < to && rows.observation[k]->id != id) {
+            ++k;
+        }
+        if (k == to) {
+            continue;
+        }
+        UsageObservation merged = *rows.observation[k];
+        readStored(select, merged);
+        UsageMerge::merge(merged, *rows.observation[k]);
+        if (merged != *rows.observation[k]) {
+            rows.own(k) = std::move(merged);
+            rows.revalidate(k);
+        }
+    }
+}
+
 }  // namespace
 
+// Whether the ledger may hold an observation of the batch: a source's first import has nothing
+// to merge with and skips the look-ups.
+static bool holdsObservationsOf(sqlite3* db, const UsageBatch& batch) {
+    for (const auto& o : batch.observations) {
+        if (o.source != batch.source) {
+            return true;  // not the ingestor's kind of batch: look every row up
+        }
+    }
+    Statement any(db, "SELECT EXISTS(SELECT 1 FROM usage_observations WHERE source=?);");
+    any.bind(1, raw(batch.source));
+    return any.step() && any.int64(0) != 0;
+}
+
 // Validates and writes the batch's observations with their findings, ledger events and costs.
-// When several observations share an id, the last one read holds; writing only that one gives
-// the same rows as writing each in turn, since each write replaces the one before. The outcome
-// still counts every observation of the batch, as a commit of each in turn would.
-static void writeObservations(sqlite3* db, const UsageBatch& batch, double now,
+// Observations that share an id are folded into one by UsageMerge and, with `mergeStored`, that
+// one is merged with the row the ledger holds, so the ledger ends as if every record had been
+// merged in turn. The outcome still counts every observation of the batch, as a commit of each in
+// turn would.
+static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, bool mergeStored,
                               Statement& upsertIssue, LedgerIngestOutcome& outcome) {
     const auto& all = batch.observations;
     std::vector<LedgerValidationResult> verdicts;
-    verdicts.reserve(all.size());
-    std::unordered_map<std::string_view, std::size_t> last;
-    last.reserve(all.size());
+    verdicts.reserve(all.size());  // rows point into it
+    std::unordered_map<std::string_view, std::size_t> rowOf;
+    rowOf.reserve(all.size());
+    Rows rows;
+    std::vector<std::size_t> folded;
     for (std::size_t i = 0; i < all.size(); ++i) {
         verdicts.push_back(LedgerValidator::validate(all[i]));
         ++outcome.observationCount;
         outcome.coverageIssueCount += static_cast<int64_t>(verdicts.back().findings.size());
         outcome.ledgerEventCount += verdicts.back().isLedgerEligible ? 1 : 0;
-        last[all[i].id] = i;
-    }
-    std::vector<std::size_t> kept;
-    kept.reserve(last.size());
-    for (std::size_t i = 0; i < all.size(); ++i) {
-        if (last[all[i].id] == i) {
-            kept.push_back(i);
+        auto [it, added] = rowOf.try_emplace(all[i].id, rows.observation.size());
+        if (added) {
+            rows.add(all[i], verdicts.back());
+            continue;
         }
+        // A batch from the ingestor has one observation per id already; other callers may not.
+        const std::size_t k = it->second;
+        if (!rows.owned[k]) {
+            folded.push_back(k);
+        }
+        UsageMerge::merge(rows.own(k), all[i]);
     }
-
+    for (auto k : folded) {
+        rows.revalidate(k);
+    }
     StatementCache observations(db, LedgerUpserts::observations);
+    StatementCache stored(db, LedgerUpserts::storedObservations);
     StatementCache deleteFindings(db, LedgerUpserts::deleteFindings);
     StatementCache deleteEvents(db, LedgerUpserts::deleteEvents);
     StatementCache events(db, LedgerUpserts::events);
     StatementCache costs(db, LedgerUpserts::costs);
     std::vector<std::string> eventIDs;
-    for (std::size_t from = 0; from < kept.size(); from += kRowsPerStatement) {
-        const std::size_t to = std::min(kept.size(), from + kRowsPerStatement);
-        const int rows = static_cast<int>(to - from);
+    const std::size_t count = rows.observation.size();
+    for (std::size_t from = 0; from < count; from += kRowsPerStatement) {
+        const std::size_t to = std::min(count, from + kRowsPerStatement);
+        const int n = static_cast<int>(to - from);
 
-        auto& obs = observations.get(rows);
-        auto& findings = deleteFindings.get(rows);
+        if (mergeStored) {
+            mergeWithStored(stored.get(n), rows, from, to);
+        }
+        auto& obs = observations.get(n);
+        auto& findings = deleteFindings.get(n);
         for (std::size_t k = from; k < to; ++k) {
-            const auto& o = all[kept[k]];
+            const auto& o = *rows.observation[k];
             const int row = static_cast<int>(k - from);
             bindObservation(obs, row * LedgerUpserts::kObservationColumns, o, batch.id,
-                            verdicts[kept[k]].normalizedCost);
+                            rows.verdict[k]->normalizedCost);
             findings.bind(row + 1, o.id);
         }
         obs.run();
@@ -272,8 +389,8 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now,
 
         std::vector<std::size_t> eligible, rejected;
         for (std::size_t k = from; k < to; ++k) {
-            const auto& verdict = verdicts[kept[k]];
-            const auto& o = all[kept[k]];
+            const auto& verdict = *rows.verdict[k];
+            const auto& o = *rows.observation[k];
             for (const auto& finding : verdict.findings) {
                 CoverageIssue issue;
                 issue.id = UsageBatchBuilder::validationIssueID(o.id, finding.code);
@@ -287,29 +404,30 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now,
                 issue.detectedAt = now;
                 writeIssue(upsertIssue, issue);
             }
-            (verdict.isLedgerEligible ? eligible : rejected).push_back(kept[k]);
+            (verdict.isLedgerEligible ? eligible : rejected).push_back(k);
         }
         if (!rejected.empty()) {
             // Accepted once, rejected now: it leaves the ledger (its cost goes by cascade).
             auto& del = deleteEvents.get(static_cast<int>(rejected.size()));
             for (std::size_t r = 0; r < rejected.size(); ++r) {
-                del.bind(static_cast<int>(r) + 1, all[rejected[r]].id);
+                del.bind(static_cast<int>(r) + 1, rows.observation[rejected[r]]->id);
             }
             del.run();
         }
         if (!eligible.empty()) {
             const int n = static_cast<int>(eligible.size());
             eventIDs.clear();
-            for (auto i : eligible) {
-                eventIDs.push_back(UsageBatchBuilder::ledgerEventID(all[i].id));
+            for (auto k : eligible) {
+                eventIDs.push_back(UsageBatchBuilder::ledgerEventID(rows.observation[k]->id));
             }
             auto& ev = events.get(n);
             auto& cost = costs.get(n);
             for (int r = 0; r < n; ++r) {
-                const auto i = eligible[static_cast<std::size_t>(r)];
-                bindEvent(ev, r * LedgerUpserts::kEventColumns, all[i], eventIDs[r], now);
+                const auto k = eligible[static_cast<std::size_t>(r)];
+                bindEvent(ev, r * LedgerUpserts::kEventColumns, *rows.observation[k], eventIDs[r],
+                          now);
                 bindCost(cost, r * LedgerUpserts::kCostColumns, eventIDs[r],
-                         verdicts[i].normalizedCost, now);
+                         rows.verdict[k]->normalizedCost, now);
             }
             ev.run();
             cost.run();
@@ -377,7 +495,10 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
         s.startRun.run();
 
         const double now = epochNow();
-        writeObservations(db, *batch, now, s.upsertIssue, outcome);
+        // A full rescan stands for everything the files hold now, merged in memory; rows kept
+        // from files since gone must not outweigh it.
+        const bool mergeStored = !replacing && holdsObservationsOf(db, *batch);
+        writeObservations(db, *batch, now, mergeStored, s.upsertIssue, outcome);
 
         for (auto issue : batch->coverageIssues) {
             issue.runID = issue.runID.value_or(batch->id);

@@ -18,7 +18,9 @@
 namespace kestrel::ClaudeParser {
 
 // Bumped when the reading rules change, so that files are read again from their start.
-inline constexpr int64_t parserVersion = 1;
+// 2: records of one message merge to the first time and the most complete counts; reading the
+// files once more moves usage that an earlier version dated by a session's replay back to its day.
+inline constexpr int64_t parserVersion = 2;
 inline constexpr int64_t checkpointSchemaVersion = 1;
 
 // Every regular "*.jsonl" file below `root`/projects, at any depth (sub-agent transcripts live in

@@ -107,17 +107,77 @@ TEST_F(IngestCommitTest, TheSameRunTwiceWritesNothingTheSecondTime) {
     EXPECT_EQ(count("SELECT COUNT(*) FROM ingest_runs;"), 1);
 }
 
-// Claude Code once wrote placeholder output counts on all but the last line of a message: the
-// usage of the last line read is what must land, within one batch and across batches.
-TEST_F(IngestCommitTest, TheLastRecordOfAnIdentityHolds) {
+// Claude Code writes placeholder output counts on the streaming lines of a message and replays
+// whole lines when a session is resumed: within one batch and across batches, the usage keeps
+// the time it was first seen and the counts (and the cost priced from them) of its most complete
+// record.
+TEST_F(IngestCommitTest, AnIdentityKeepsItsFirstTimeAndItsMostCompleteCounts) {
+    const double first = 1'780'000'000.0, twoDaysLater = first + 2 * 86400.0;
+    auto at = [](UsageObservation o, double t, int64_t cost) {
+        o.occurredAt = t;
+        o.cost.amountUSDMicros = cost;
+        return o;
+    };
+    auto time = [&](const std::string& id) {
+        sqlite::Statement s(ledger.get(),
+                            "SELECT e.occurred_at, c.amount_usd_micros, o.occurred_at FROM "
+                            "ledger_events e JOIN ledger_costs c ON c.ledger_event_id=e.id JOIN "
+                            "usage_observations o ON o.id=e.observation_id WHERE o.id=?;");
+        s.bind(1, id);
+        EXPECT_TRUE(s.step());
+        EXPECT_EQ(s.real(0), s.real(2)) << "the event and its observation agree";
+        return std::pair{s.real(0), s.int64(1)};
+    };
     store.ingest({}, {}, std::nullopt,
-                 batchOf("run-1", {observation("claude:mX", 1), observation("claude:mX", 12),
-                                   observation("claude:mY", 3)}));
+                 batchOf("run-1", {at(observation("claude:mX", 1), first, 10),
+                                   at(observation("claude:mX", 12), first + 3, 120),
+                                   at(observation("claude:mY", 3), first, 30)}));
     EXPECT_EQ(eventOutput("claude:mX"), 12);
-    store.ingest({}, {}, std::nullopt, batchOf("run-2", {observation("claude:mY", 480)}));
+    EXPECT_EQ(time("claude:mX"), std::pair(first, int64_t{120}));
+
+    // Later runs: a replay of mX's streaming line, mY complete but replayed days later.
+    store.ingest({}, {}, std::nullopt,
+                 batchOf("run-2", {at(observation("claude:mX", 1), twoDaysLater, 10),
+                                   at(observation("claude:mY", 480), twoDaysLater, 4800)}));
+    EXPECT_EQ(eventOutput("claude:mX"), 12);
+    EXPECT_EQ(time("claude:mX"), std::pair(first, int64_t{120}));
     EXPECT_EQ(eventOutput("claude:mY"), 480);
-    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations;"), 2);
+    EXPECT_EQ(time("claude:mY"), std::pair(first, int64_t{4800}));
+
+    // A record seen earlier than the stored one moves the usage back, counts untouched.
+    store.ingest({}, {}, std::nullopt,
+                 batchOf("run-3", {at(observation("claude:mY", 3), first - 600, 30)}));
+    EXPECT_EQ(time("claude:mY"), std::pair(first - 600, int64_t{4800}));
+    EXPECT_EQ(count("SELECT COUNT(*) FROM usage_observations WHERE run_id='run-3';"), 1);
     EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events;"), 2);
+}
+
+// A copy whose time is only the file's does not undate a usage whose line carried its time.
+TEST_F(IngestCommitTest, ACopyWithoutItsOwnTimeKeepsTheStoredTrustedTime) {
+    store.ingest({}, {}, std::nullopt, batchOf("run-A", {observation("claude:m1", 5)}));
+    auto copy = observation("claude:m1", 5, ObservationTimeQuality::inferred);
+    copy.occurredAt = 1'700'000'000.0;
+    store.ingest({}, {}, std::nullopt, batchOf("run-B", {copy}));
+    EXPECT_EQ(eventOutput("claude:m1"), 5);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE occurred_at=1780000000.0;"), 1);
+    EXPECT_EQ(findings("claude:m1"), std::vector<std::string>{});
+}
+
+// A full rescan stands for what the files hold now (already merged by the scan): a stored row
+// from a file since removed neither dates nor counts the usage any more.
+TEST_F(IngestCommitTest, AFullRescanIsNotMergedWithTheStoredRows) {
+    auto old = observation("claude:m1", 50);
+    store.ingest({}, {}, std::nullopt, batchOf("run-1", {old}));
+    auto now = observation("claude:m1", 20);
+    now.occurredAt = *old.occurredAt + 86400.0;
+    store.replaceLedgerSource(AgentSource::claude, batchOf("run-2", {now}));
+    EXPECT_EQ(eventOutput("claude:m1"), 20);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE occurred_at=1780086400.0;"), 1);
+
+    // An ordinary commit after it merges again.
+    store.ingest({}, {}, std::nullopt, batchOf("run-3", {old}));
+    EXPECT_EQ(eventOutput("claude:m1"), 50);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events WHERE occurred_at=1780000000.0;"), 1);
 }
 
 TEST_F(IngestCommitTest, AnUpdateKeepsTheFirstCreationTime) {
@@ -130,13 +190,15 @@ TEST_F(IngestCommitTest, AnUpdateKeepsTheFirstCreationTime) {
 
 TEST_F(IngestCommitTest, AnObservationThatTurnsIneligibleLeavesTheLedger) {
     store.ingest({}, {}, std::nullopt, batchOf("run-A", {observation("claude:m1", 5)}));
-    auto unpriced = observation("claude:m1", 5, ObservationTimeQuality::inferred);
-    unpriced.cost = {};
-    store.ingest({}, {}, std::nullopt, batchOf("run-B", {unpriced}));
+    // Larger counts, so they are the ones kept, but they do not add up and have no price.
+    auto broken = observation("claude:m1", 6);
+    broken.tokens.breakdownTrusted = false;
+    broken.cost = {};
+    store.ingest({}, {}, std::nullopt, batchOf("run-B", {broken}));
     EXPECT_FALSE(eventOutput("claude:m1").has_value());
     EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_costs;"), 0);
     EXPECT_EQ(findings("claude:m1"),
-              (std::vector<std::string>{"missingTrustedTime", "unknownCost"}));
+              (std::vector<std::string>{"invalidTokenInvariant", "unknownCost"}));
     EXPECT_EQ(count("SELECT COUNT(*) FROM coverage_issues WHERE run_id<>'run-B';"), 0);
 }
 

@@ -11,6 +11,7 @@
 
 #include "core/ledger/event_finishing.hpp"
 #include "core/ledger/ingestor.hpp"
+#include "core/ledger/usage_merge.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/privacy.hpp"
 #include "core/sources/checkpoint_reuse.hpp"
@@ -45,7 +46,7 @@ UsageEvent finished(UsageEvent e) {
 
 // The ingestor's handling of one source across scans, reduced to what matters here: which
 // files are read and from where (the same decisions the scan makes), and the ledger's one
-// event per id, the last one read holding.
+// event per id, its records merged as the ledger merges them.
 struct MiniLedger {
     explicit MiniLedger(AgentSource source) : source(source), reader(readerOf(source)) {}
 
@@ -108,7 +109,9 @@ struct MiniLedger {
                     events.push_back(finished(e));
                 for (auto& e : events) {
                     lastEvents.push_back(e);
-                    ledger[e.id] = e;
+                    if (auto [it, added] = ledger.try_emplace(e.id, e); !added) {
+                        UsageMerge::merge(it->second, UsageEvent(e));
+                    }
                 }
                 result->checkpoint.fileStamp = decision.fileStamp;
                 checkpoints[result->checkpoint.stableID] = result->checkpoint;

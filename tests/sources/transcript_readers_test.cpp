@@ -7,6 +7,7 @@
 #include <set>
 
 #include "core/ledger/ingestor.hpp"
+#include "core/ledger/usage_merge.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/event_id.hpp"
 #include "core/model/privacy.hpp"
@@ -48,11 +49,13 @@ Read readFile(const SourceReader& reader, const fs::path& file,
     return read;
 }
 
-// What the ledger keeps: one event per id, the last one read winning.
+// What the ledger keeps: one event per id, its records merged as the ledger merges them.
 std::map<std::string, UsageEvent> ledgerOf(const std::vector<UsageEvent>& events,
                                            std::map<std::string, UsageEvent> ledger = {}) {
     for (const auto& e : events) {
-        ledger.insert_or_assign(e.id, e);
+        if (auto [it, added] = ledger.try_emplace(e.id, e); !added) {
+            UsageMerge::merge(it->second, UsageEvent(e));
+        }
     }
     return ledger;
 }

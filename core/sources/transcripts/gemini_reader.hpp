@@ -1,7 +1,8 @@
 #pragma once
 // Gemini CLI chat sessions below <root>/tmp/<projectId>/chats/: the older whole-file JSON
 // sessions (rewritten in full on every change) and the newer append-only JSON-lines sessions,
-// in which a message is appended again whenever it changes and its last record wins.
+// in which a message is appended again whenever it changes; its records fold into one usage like
+// every agent's repeated records (the first time, the most complete counts).
 
 #include <cstdint>
 #include <expected>
