@@ -56,26 +56,31 @@ int64_t outputOf(const ObservedTokenUsage& t) {
                     sumOrMax(t.outputVisible.value_or(0), t.reasoning.value_or(0)));
 }
 
+namespace {
+
+// The time of `from`, with the session and project it was seen in.
+void takeTimeOf(UsageEvent& held, UsageEvent& from) {
+    held.occurredAt = from.occurredAt;
+    held.timeQuality = from.timeQuality;
+    held.sessionID = std::move(from.sessionID);
+    held.projectDisplayName = std::move(from.projectDisplayName);
+    held.cwdHash = std::move(from.cwdHash);
+}
+
+}  // namespace
+
 void merge(UsageEvent& held, UsageEvent&& later) {
-    const bool time = takesTime(held.occurredAt, qualityOf(held), later.occurredAt,
-                                qualityOf(later));
+    const bool time =
+        takesTime(held.occurredAt, qualityOf(held), later.occurredAt, qualityOf(later));
     const bool counts = outputOf(later) >= outputOf(held);
     if (counts) {
-        // The later record becomes the base; the earlier time (and its session) come back to it.
+        // The later record becomes the base; the earlier time comes back to it.
         std::swap(held, later);
         if (!time) {
-            held.occurredAt = later.occurredAt;
-            held.timeQuality = later.timeQuality;
-            held.sessionID = std::move(later.sessionID);
-            held.projectDisplayName = std::move(later.projectDisplayName);
-            held.cwdHash = std::move(later.cwdHash);
+            takeTimeOf(held, later);
         }
     } else if (time) {
-        held.occurredAt = later.occurredAt;
-        held.timeQuality = later.timeQuality;
-        held.sessionID = std::move(later.sessionID);
-        held.projectDisplayName = std::move(later.projectDisplayName);
-        held.cwdHash = std::move(later.cwdHash);
+        takeTimeOf(held, later);
     }
 }
 

@@ -175,7 +175,9 @@ TEST(IdentityMergeScanTest, TheCompleteCountOfAnotherFileWinsOverAStreamingPlace
     const Days expected = {{"2026-08-21", {1, 640}}, {"2026-08-22", {1, 35}}};
     const std::string parent = claude(kPlaceholder) + claude(kParentOnly);
     const std::vector<Case> cases = {
-        {"one scan, the parent read first", {{kSession, parent}, {kSubAgent, claude(kComplete)}}, {}},
+        {"one scan, the parent read first",
+         {{kSession, parent}, {kSubAgent, claude(kComplete)}},
+         {}},
         {"one scan, the placeholder in the file read last",
          {{kSession, claude(kComplete) + claude(kParentOnly)}, {kSubAgent, claude(kPlaceholder)}},
          {}},
@@ -201,11 +203,11 @@ TEST(IdentityMergeScanTest, ALedgerDatedByAReplayIsCorrectedByTheNextScan) {
         test_support::LedgerConnection ledger(s.store.databasePath());
         // What the last-record rule left: the replay's time, and checkpoints of that reading.
         for (const char* table : {"usage_observations", "ledger_events"}) {
-            sqlite::exec(ledger.get(),
-                         std::string("UPDATE ") + table + " SET occurred_at=" +
-                             std::to_string(*parseISO8601(kReplay[0].timestamp)) +
-                             " WHERE occurred_at<" +
-                             std::to_string(*parseISO8601(kReplay[0].timestamp)) + ";");
+            sqlite::exec(ledger.get(), std::string("UPDATE ") + table + " SET occurred_at=" +
+                                           std::to_string(*parseISO8601(kReplay[0].timestamp)) +
+                                           " WHERE occurred_at<" +
+                                           std::to_string(*parseISO8601(kReplay[0].timestamp)) +
+                                           ";");
         }
         sqlite::exec(ledger.get(),
                      "UPDATE checkpoints SET json=json_set(json, '$.parserVersion', 1);");
@@ -251,9 +253,8 @@ TEST(IdentityMergeScanTest, OtherAgentsCopiesStayOnTheDayTheyWereFirstSeen) {
     const tc::KimiUsage step{400, 60, 1000, 0};
     // 2026-08-21T23:59:59.5Z in the sub-agent's log, forwarded a second later.
     const std::string own = tc::kimiStatusLine(1787356799.5, step, "chatcmpl-sub");
-    const std::string forwarded =
-        "{\"type\":\"metadata\",\"protocol_version\":\"1.10\"}\n" +
-        tc::kimiSubagentLine(1787356800.5, step, "chatcmpl-sub");
+    const std::string forwarded = "{\"type\":\"metadata\",\"protocol_version\":\"1.10\"}\n" +
+                                  tc::kimiSubagentLine(1787356800.5, step, "chatcmpl-sub");
     const std::string original =
         piHeader("s1", "2026-08-21T23:00:00.000Z") + piReply("2026-08-21T23:59:50.000Z");
     const std::string fork =
@@ -262,21 +263,29 @@ TEST(IdentityMergeScanTest, OtherAgentsCopiesStayOnTheDayTheyWereFirstSeen) {
         tc::geminiMetadataLine("0b5e1f2a-1", "2026-08-21T23:59:00.000Z") +
         tc::geminiMessageLine({"g1", "2026-08-21T23:59:58.000Z", "gemini", "gemini-2.5-pro",
                                tc::GeminiTokens{4000, 340, 0, 0, 0}});
-    const std::string geminiAgain = tc::geminiMessageLine(
-        {"g1", "2026-08-22T00:00:04.000Z", "gemini", "gemini-2.5-pro",
-         tc::GeminiTokens{4000, 340, 0, 0, 0}});
+    const std::string geminiAgain =
+        tc::geminiMessageLine({"g1", "2026-08-22T00:00:04.000Z", "gemini", "gemini-2.5-pro",
+                               tc::GeminiTokens{4000, 340, 0, 0, 0}});
 
     const std::vector<Case> cases = {
         {"kimi, one scan", {{kKimiParent, forwarded}, {kKimiSub, own}}, {}, AgentSource::kimi},
-        {"kimi, the parent scanned first", {{kKimiParent, forwarded}}, {{kKimiSub, own}},
+        {"kimi, the parent scanned first",
+         {{kKimiParent, forwarded}},
+         {{kKimiSub, own}},
          AgentSource::kimi},
-        {"kimi, the sub-agent scanned first", {{kKimiSub, own}}, {{kKimiParent, forwarded}},
+        {"kimi, the sub-agent scanned first",
+         {{kKimiSub, own}},
+         {{kKimiParent, forwarded}},
          AgentSource::kimi},
         {"pi, one scan", {{kPiOriginal, original}, {kPiFork, fork}}, {}, AgentSource::pi},
-        {"pi, the fork scanned first", {{kPiFork, fork}}, {{kPiOriginal, original}},
+        {"pi, the fork scanned first",
+         {{kPiFork, fork}},
+         {{kPiOriginal, original}},
          AgentSource::pi},
         {"gemini, one scan", {{kGemini, geminiStart + geminiAgain}}, {}, AgentSource::gemini},
-        {"gemini, appended again after a scan", {{kGemini, geminiStart}}, {{kGemini, geminiAgain}},
+        {"gemini, appended again after a scan",
+         {{kGemini, geminiStart}},
+         {{kGemini, geminiAgain}},
          AgentSource::gemini},
     };
     for (const auto& c : cases) {
