@@ -11,6 +11,7 @@
 #include "core/app/integration_status.hpp"
 #include "core/app/quota_service.hpp"
 #include "core/model/timestamp.hpp"
+#include "core/plans/key_store.hpp"
 #include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
@@ -97,6 +98,9 @@ std::string accountTitle(const QuotaAccountRow& row) {
 
 std::string skipText(const Texts& t, const QuotaAccountRow& row) {
     const std::string agent = row.source ? std::string(rawValue(*row.source)) : row.accountID;
+    if (row.skipped == QuotaSkipReason::quotaOff && !row.source) {
+        return t("quota.skip.planQuotaOff");
+    }
     if (row.skipped == QuotaSkipReason::quotaOff) {
         return t("quota.skip.quotaOff", {{"agent", agent}});
     }
@@ -226,8 +230,9 @@ int runQuota(CommandContext& ctx, const QuotaOptions& options) {
     const Texts t{displayChoices(session->settings(), std::nullopt).language};
     QuotaRefresher refresher;
     TokenCache tokens;
+    const auto keys = openKeyStore(ctx.supportDir, ctx.env);
     const auto report =
-        quotaReport(*session, {options.refresh, options.timeout}, refresher, tokens);
+        quotaReport(*session, {options.refresh, options.timeout, keys.get()}, refresher, tokens);
 
     if (options.json) {
         ojson doc;
