@@ -12,6 +12,7 @@
 #include "core/app/quota_service.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/plans/key_store.hpp"
+#include "core/plans/quota_state_store.hpp"
 #include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
@@ -156,8 +157,11 @@ void printWindow(CommandContext& ctx, const Texts& t, const QuotaWindow& w, doub
     if (w.remainingLabel) {
         line += "  " + t("quota.remaining", {{"amount", *w.remainingLabel}});
     }
-    if (w.resetsAt) {
+    if (w.resetsAt && *w.resetsAt > now) {
         line += "  " + t("quota.resetsIn", {{"wait", duration(*w.resetsAt - now)}});
+    } else if (w.resetsAt) {
+        // The window this reading measured is over: its figures say nothing of the new one.
+        line += "  " + t("quota.resetPassed", {{"wait", duration(now - *w.resetsAt)}});
     }
     while (!line.empty() && line.back() == ' ') {
         line.pop_back();
@@ -231,8 +235,14 @@ int runQuota(CommandContext& ctx, const QuotaOptions& options) {
     QuotaRefresher refresher;
     TokenCache tokens;
     const auto keys = openKeyStore(ctx.supportDir, ctx.env);
+    // Back-offs and refreshed tokens outlive the process: a command run right after a throttled
+    // one waits as the provider asked, and a refreshed sign-in is not refreshed again.
+    QuotaStateStore::load(ctx.supportDir, refresher, tokens, epochNow());
     const auto report =
         quotaReport(*session, {options.refresh, options.timeout, keys.get()}, refresher, tokens);
+    if (options.refresh) {
+        QuotaStateStore::save(ctx.supportDir, refresher, tokens, report.now);
+    }
 
     if (options.json) {
         ojson doc;
