@@ -234,7 +234,8 @@ int runQuota(CommandContext& ctx, const QuotaOptions& options) {
     const Texts t{displayChoices(session->settings(), std::nullopt).language};
     QuotaRefresher refresher;
     TokenCache tokens;
-    const auto keys = openKeyStore(ctx.supportDir, ctx.env);
+    // Only a refresh reads keys; a listing leaves the Secret Service alone.
+    const auto keys = options.refresh ? openKeyStore(ctx.supportDir, ctx.env) : nullptr;
     // Back-offs and refreshed tokens outlive the process: a command run right after a throttled
     // one waits as the provider asked, and a refreshed sign-in is not refreshed again.
     QuotaStateStore::load(ctx.supportDir, refresher, tokens, epochNow());
