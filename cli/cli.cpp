@@ -15,6 +15,8 @@
 #include "cli/heatmap_command.hpp"
 #include "cli/hooks_command.hpp"
 #include "cli/integrations_command.hpp"
+#include "cli/keys_command.hpp"
+#include "cli/plans_command.hpp"
 #include "cli/quota_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
@@ -139,6 +141,39 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         "quota", "Quota windows, balances and resets of every account, with where each came from");
     quota->add_flag("--refresh", quotaOptions.refresh,
                     "Ask the providers now (only agents whose quota is switched on)");
+
+    // `kestrel plans` and `kestrel keys`: plan candidates under review, and the API-key store.
+    PlansOptions plansOptions;
+    std::vector<std::string> planIDs;
+    std::string planAccount, keyProvider;
+    auto* plans = app.add_subcommand(
+        "plans", "Coding-plan candidates found in the agents' configs, awaiting your review");
+    auto* plansKeep = plans->add_subcommand("keep", "Keep candidates (their keys are validated first)");
+    auto* plansReject = plans->add_subcommand("reject", "Reject candidates");
+    for (auto* sub : {plansKeep, plansReject}) {
+        sub->add_option("ID", planIDs, "Candidate ids, as `kestrel plans` lists them")->required();
+    }
+    auto* plansCommit = plans->add_subcommand("commit", "Save the review: all of it, or nothing");
+    auto* plansReset = plans->add_subcommand("reset", "Send a confirmed plan account back to review");
+    plansReset->add_option("ACCOUNT", planAccount, "The account id (plan:...)")->required();
+    for (auto* sub : {plans, plansKeep, plansReject, plansCommit, plansReset}) {
+        sub->add_option("--lang", plansOptions.language, "Texts in en or zh-Hans (default: settings)");
+        sub->fallthrough();
+    }
+    auto* keys = app.add_subcommand("keys", "API keys for balance and plan probes (never shown)");
+    keys->require_subcommand(1, 1);
+    auto* keysSet = keys->add_subcommand(
+        "set", "Store a key, read from standard input or typed without echo");
+    auto* keysRemove = keys->add_subcommand("rm", "Remove a stored key");
+    for (auto* sub : {keysSet, keysRemove}) {
+        sub->add_option("PROVIDER", keyProvider,
+                        "deepseek, openrouter, glm-cn, glm-global, minimax-cn or minimax-global")
+            ->required();
+    }
+    auto* keysList = keys->add_subcommand("list", "Stored keys, by fingerprint");
+    for (auto* sub : {keys, keysSet, keysRemove, keysList}) {
+        sub->fallthrough();
+    }
 
     // The reports, each over the same filters.
     ReportOptions report;
@@ -368,6 +403,29 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     if (quota->parsed()) {
         quotaOptions.json = json;
         return runQuota(ctx, quotaOptions);
+    }
+    if (plans->parsed()) {
+        plansOptions.json = json;
+        if (plansKeep->parsed() || plansReject->parsed()) {
+            return runPlansChoose(ctx, planIDs, plansKeep->parsed(), plansOptions);
+        }
+        if (plansCommit->parsed()) {
+            return runPlansCommit(ctx, plansOptions);
+        }
+        if (plansReset->parsed()) {
+            return runPlansReset(ctx, planAccount, plansOptions);
+        }
+        return runPlans(ctx, plansOptions);
+    }
+    if (keys->parsed()) {
+        if (keysSet->parsed()) {
+            const bool inIsTerminal = &in == &std::cin && ::isatty(STDIN_FILENO) == 1;
+            return runKeysSet(ctx, keyProvider, in, inIsTerminal, json);
+        }
+        if (keysRemove->parsed()) {
+            return runKeysRemove(ctx, keyProvider, json);
+        }
+        return runKeysList(ctx, json);
     }
     if (enable->parsed()) {
         return runIntegrationsSetEnabled(ctx, enableName, true, json);

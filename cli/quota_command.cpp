@@ -11,6 +11,8 @@
 #include "core/app/integration_status.hpp"
 #include "core/app/quota_service.hpp"
 #include "core/model/timestamp.hpp"
+#include "core/plans/key_store.hpp"
+#include "core/plans/quota_state_store.hpp"
 #include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
@@ -97,6 +99,9 @@ std::string accountTitle(const QuotaAccountRow& row) {
 
 std::string skipText(const Texts& t, const QuotaAccountRow& row) {
     const std::string agent = row.source ? std::string(rawValue(*row.source)) : row.accountID;
+    if (row.skipped == QuotaSkipReason::quotaOff && !row.source) {
+        return t("quota.skip.planQuotaOff");
+    }
     if (row.skipped == QuotaSkipReason::quotaOff) {
         return t("quota.skip.quotaOff", {{"agent", agent}});
     }
@@ -152,8 +157,11 @@ void printWindow(CommandContext& ctx, const Texts& t, const QuotaWindow& w, doub
     if (w.remainingLabel) {
         line += "  " + t("quota.remaining", {{"amount", *w.remainingLabel}});
     }
-    if (w.resetsAt) {
+    if (w.resetsAt && *w.resetsAt > now) {
         line += "  " + t("quota.resetsIn", {{"wait", duration(*w.resetsAt - now)}});
+    } else if (w.resetsAt) {
+        // The window this reading measured is over: its figures say nothing of the new one.
+        line += "  " + t("quota.resetPassed", {{"wait", duration(now - *w.resetsAt)}});
     }
     while (!line.empty() && line.back() == ' ') {
         line.pop_back();
@@ -226,8 +234,16 @@ int runQuota(CommandContext& ctx, const QuotaOptions& options) {
     const Texts t{displayChoices(session->settings(), std::nullopt).language};
     QuotaRefresher refresher;
     TokenCache tokens;
+    // Only a refresh reads keys; a listing leaves the Secret Service alone.
+    const auto keys = options.refresh ? openKeyStore(ctx.supportDir, ctx.env) : nullptr;
+    // Back-offs and refreshed tokens outlive the process: a command run right after a throttled
+    // one waits as the provider asked, and a refreshed sign-in is not refreshed again.
+    QuotaStateStore::load(ctx.supportDir, refresher, tokens, epochNow());
     const auto report =
-        quotaReport(*session, {options.refresh, options.timeout}, refresher, tokens);
+        quotaReport(*session, {options.refresh, options.timeout, keys.get()}, refresher, tokens);
+    if (options.refresh) {
+        QuotaStateStore::save(ctx.supportDir, refresher, tokens, report.now);
+    }
 
     if (options.json) {
         ojson doc;

@@ -108,7 +108,9 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
         }
     }
 
-    const auto scanned = scanWithProgress(ctx, *session, ScanRequest{*sources, options.force});
+    ScanRequest request{*sources, options.force};
+    request.discoverPlans = true;  // plan candidates are looked for after every explicit scan
+    const auto scanned = scanWithProgress(ctx, *session, request);
     if (!scanned) {
         ctx.err << "kestrel: the scan could not be saved: " << scanned.error().message << '\n';
         return kExitFailure;
@@ -151,6 +153,7 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
         doc["events"] = result.events;
         doc["changed"] = result.changed;
         doc["quotaChanged"] = result.quotaChanged;
+        doc["pendingPlanReview"] = result.pendingPlanReviewCount;
         doc["repriced"] = repriced.skipped ? 0 : repriced.count;
         doc["seconds"] = elapsed;
         ctx.out << doc.dump(2) << '\n';
@@ -177,6 +180,10 @@ int runScan(CommandContext& ctx, const ScanOptions& options, bool json, std::ist
                             counted(repriced.count, "observation", "observations"));
     }
     ctx.out << tail << fmt::format(" ({:.2f} s).\n", elapsed);
+    if (result.pendingPlanReviewCount > 0) {
+        ctx.out << counted(result.pendingPlanReviewCount, "plan candidate", "plan candidates")
+                << " awaiting review: `kestrel plans`.\n";
+    }
     ctx.out << ledgerHeadline(session->store()) << '\n';
     return failed ? kExitPartial : kExitOK;
 }

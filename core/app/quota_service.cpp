@@ -2,9 +2,112 @@
 
 #include <algorithm>
 
+#include "core/ledger/plan_candidate_store.hpp"
 #include "core/model/timestamp.hpp"
+#include "core/plans/key_store.hpp"
+#include "core/plans/plan_discovery.hpp"
+#include "core/plans/plan_quota.hpp"
+#include "core/plans/plan_salt.hpp"
 
 namespace kestrel {
+namespace {
+
+// Plan accounts confirmed in a review: each asked only while a tool it is bound to may run its
+// quota; the key is read again through the account's locator for the one request.
+void refreshPlanAccounts(AppSession& session, const QuotaRequest& request,
+                         QuotaRefresher& refresher, const PlanDiscoveryInputs& inputs, double now,
+                         std::vector<QuotaAccountRow>& rows) {
+    auto& store = session.store();
+    auto& coordinator = session.integrations();
+    const KeyProbeContext context{session.paths().env, request.timeout};
+    for (const auto& record : PlanCandidateStore::confirmedPlanAccounts(store)) {
+        QuotaAccountRow row;
+        row.accountID = "plan:" + record.id;
+        const auto family = planFamilyFromRaw(record.family);
+        const auto region = planRegionFromRaw(record.region);
+        const bool allowed = std::ranges::any_of(
+            record.integrationInstanceIDs,
+            [&](const auto& id) { return coordinator.canRefreshQuota(IntegrationInstanceID(id)); });
+        if (!allowed) {
+            row.skipped = QuotaSkipReason::quotaOff;
+        } else if (!family || !region) {
+            row.skipped = QuotaSkipReason::noProbe;
+        } else {
+            const PlanAccount account{record.id, *family, *region, record.displayLabel};
+            const PlanKeyLookup keys = [&](const std::string&) -> std::optional<std::string> {
+                if (!record.credentialHandle) {
+                    return std::nullopt;
+                }
+                return PlanDiscovery::resolve(*record.credentialHandle, inputs).secret;
+            };
+            row.refresh = PlanQuota::refresh(account, store, keys, refresher, context, now);
+        }
+        rows.push_back(std::move(row));
+    }
+}
+
+// Keys the user stored with `kestrel keys set`: storing one is asking for its balance or plan.
+void refreshStoredKeys(AppSession& session, const QuotaRequest& request, QuotaRefresher& refresher,
+                       double now, std::vector<QuotaAccountRow>& rows) {
+    if (!request.keys) {
+        return;
+    }
+    const auto names = request.keys->names();
+    if (!names) {
+        return;
+    }
+    auto& store = session.store();
+    const KeyProbeContext context{session.paths().env, request.timeout};
+    const auto read = [&](const std::string& name) -> std::optional<std::string> {
+        auto key = request.keys->get(name);
+        return key ? *key : std::nullopt;
+    };
+    for (const auto& name : *names) {
+        QuotaAccountRow row;
+        const std::string id = "key-" + name;
+        row.accountID = "plan:" + id;
+        if (name == "deepseek" || name == "openrouter") {
+            const QuotaSlot slot{
+                [&] { return store.planQuota(id); },
+                [&](const AccountSnapshot& s) { return store.savePlanQuota(id, s); }};
+            row.refresh = refresher.refresh(
+                id, slot,
+                [&] {
+                    ProbeAnswer answer;
+                    answer.absentStatus = QuotaRefreshOutcome::Status::noKey;
+                    const auto key = read(name);
+                    if (!key) {
+                        return answer;
+                    }
+                    auto result = name == "deepseek" ? ApiBalance::deepSeek(*key, context, now)
+                                                     : ApiBalance::openRouter(*key, context, now);
+                    if (result) {
+                        answer.snapshot = std::move(*result);
+                    } else {
+                        answer.error = result.error();
+                    }
+                    return answer;
+                },
+                now);
+        } else {
+            const auto dash = name.find('-');
+            const auto family = planFamilyFromRaw(name.substr(0, dash));
+            const auto region =
+                dash == std::string::npos ? std::nullopt : planRegionFromRaw(name.substr(dash + 1));
+            if (!family || !region) {
+                row.skipped = QuotaSkipReason::noProbe;
+            } else {
+                const PlanAccount account{id, *family, *region, name};
+                row.refresh = PlanQuota::refresh(
+                    account, store, [&](const std::string&) { return read(name); }, refresher,
+                    context, now);
+            }
+        }
+        rows.push_back(std::move(row));
+    }
+}
+
+}  // namespace
 
 std::vector<AgentSource> liveQuotaSources() {
     return {AgentSource::claude, AgentSource::codex, AgentSource::kimi, AgentSource::grok};
@@ -53,6 +156,11 @@ QuotaReport quotaReport(AppSession& session, const QuotaRequest& request, QuotaR
             }
             rows.push_back(std::move(row));
         }
+        const auto salt = PlanSalt::loadOrCreate(session.paths().supportDir);
+        const PlanDiscoveryInputs inputs{session.paths().home, session.paths().env,
+                                         salt.value_or(std::string()), request.keys};
+        refreshPlanAccounts(session, request, refresher, inputs, report.now, rows);
+        refreshStoredKeys(session, request, refresher, report.now, rows);
     }
 
     for (auto& snapshot : store.quotas()) {
@@ -69,10 +177,13 @@ QuotaReport quotaReport(AppSession& session, const QuotaRequest& request, QuotaR
         it->snapshot = std::move(snapshot);
     }
     for (auto& [accountID, snapshot] : store.planQuotas()) {
-        QuotaAccountRow row;
-        row.accountID = "plan:" + accountID;
-        row.snapshot = std::move(snapshot);
-        rows.push_back(std::move(row));
+        const std::string id = "plan:" + accountID;
+        auto it = std::ranges::find(rows, id, &QuotaAccountRow::accountID);
+        if (it == rows.end()) {
+            rows.push_back(QuotaAccountRow{id, {}, {}, {}, {}});
+            it = rows.end() - 1;
+        }
+        it->snapshot = std::move(snapshot);
     }
     report.rows = std::move(rows);
     return report;

@@ -36,17 +36,22 @@ struct QuotaReport {
     double now = 0;
 };
 
+class KeyStore;
+
 struct QuotaRequest {
     bool refresh = false;
     std::chrono::milliseconds timeout{15000};
+    // The user's API keys: each stored key is asked for its balance or plan on a refresh.
+    KeyStore* keys = nullptr;
 };
 
 // The agents whose subscription quota Kestrel can probe, in plug-in order.
 std::vector<AgentSource> liveQuotaSources();
 
 // With `request.refresh`, probes every agent whose quota capability may run (others say why they
-// were skipped) and stores the readings; then lists what is stored. `refresher` carries request
-// numbers and back-off between calls (the desktop app keeps one for its life).
+// were skipped), every plan account confirmed in a review whose tool's quota may run, and every
+// key in `request.keys`, and stores the readings; then lists what is stored. `refresher` carries
+// request numbers and back-off between calls (the desktop app keeps one for its life).
 QuotaReport quotaReport(AppSession& session, const QuotaRequest& request, QuotaRefresher& refresher,
                         TokenCache& tokens);
 

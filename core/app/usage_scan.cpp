@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "core/app/plan_service.hpp"
 #include "core/sources/source_readers.hpp"
 
 namespace kestrel {
@@ -36,6 +37,20 @@ std::expected<ScanOutcome, ScanFailure> scanUsage(AppSession& session, const Sca
     outcome.seconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     outcome.sources = session.ingestor().lastReports();
+    if (request.discoverPlans) {
+        try {
+            if (const auto review = discoverPlans(session)) {
+                outcome.totals.pendingPlanReviewCount =
+                    static_cast<int64_t>(review->rows.size());
+                if (!review->batchID.empty()) {
+                    outcome.totals.pendingPlanReviewBatchID = review->batchID;
+                }
+            }
+        } catch (const std::exception&) {
+            // The usage is committed; an unreadable candidate table must not turn that into a
+            // failed scan. The next discovery tries again.
+        }
+    }
     return outcome;
 }
 

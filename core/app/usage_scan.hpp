@@ -25,6 +25,9 @@ struct ScanRequest {
     // Read every file from its start and replace each source's ledger by what its files still
     // prove (usage whose records are gone is removed).
     bool force = false;
+    // Also run plan discovery at the end, filling totals.pendingPlanReviewCount and
+    // pendingPlanReviewBatchID. A discovery that fails leaves the scan's result as it is.
+    bool discoverPlans = false;
 };
 
 struct ScanCallbacks {

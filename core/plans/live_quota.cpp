@@ -24,6 +24,11 @@ void TokenCache::put(AgentSource source, OAuthTokens tokens) {
     tokens_[source] = std::move(tokens);
 }
 
+std::map<AgentSource, OAuthTokens> TokenCache::entries() const {
+    std::lock_guard guard(mutex_);
+    return tokens_;
+}
+
 namespace LiveQuota {
 namespace {
 

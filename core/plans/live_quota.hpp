@@ -34,6 +34,8 @@ class TokenCache {
   public:
     std::optional<OAuthTokens> get(AgentSource source) const;
     void put(AgentSource source, OAuthTokens tokens);
+    // Every token held, for keeping them between runs.
+    std::map<AgentSource, OAuthTokens> entries() const;
 
   private:
     mutable std::mutex mutex_;

@@ -41,6 +41,26 @@ bool QuotaRefresher::isNewest(const std::string& accountID, std::uint64_t number
     return it != accounts_.end() && it->second.lastBegun == number;
 }
 
+std::vector<QuotaBackoff> QuotaRefresher::backoffs(double now) const {
+    std::lock_guard guard(mutex_);
+    std::vector<QuotaBackoff> out;
+    for (const auto& [id, state] : accounts_) {
+        if (state.blockedUntil > now) {
+            out.push_back({id, state.throttledInARow, state.blockedUntil});
+        }
+    }
+    return out;
+}
+
+void QuotaRefresher::restore(const std::vector<QuotaBackoff>& backoffs) {
+    std::lock_guard guard(mutex_);
+    for (const auto& b : backoffs) {
+        auto& state = accounts_[b.accountID];
+        state.throttledInARow = std::max(state.throttledInARow, b.throttledInARow);
+        state.blockedUntil = std::max(state.blockedUntil, b.blockedUntil);
+    }
+}
+
 std::optional<double> QuotaRefresher::blockedUntil(const std::string& accountID, double now) const {
     std::lock_guard guard(mutex_);
     const auto it = accounts_.find(accountID);

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core/model/account_snapshot.hpp"
 #include "core/plans/probe_error.hpp"
@@ -47,6 +48,15 @@ struct ProbeAnswer {
     QuotaRefreshOutcome::Status absentStatus = QuotaRefreshOutcome::Status::notSignedIn;
 };
 
+// An account the provider throttled: kept across runs so a new process does not ask again early.
+struct QuotaBackoff {
+    std::string accountID;
+    int throttledInARow = 0;
+    double blockedUntil = 0;
+
+    bool operator==(const QuotaBackoff&) const = default;
+};
+
 class QuotaRefresher {
   public:
     // The wait before asking a throttled account again: Retry-After when given (at most six
@@ -59,6 +69,10 @@ class QuotaRefresher {
     bool isNewest(const std::string& accountID, std::uint64_t number) const;
     // The instant before which the account is not asked again; absent when it may be.
     std::optional<double> blockedUntil(const std::string& accountID, double now) const;
+
+    // The accounts still blocked at `now`, and restoring them in another run.
+    std::vector<QuotaBackoff> backoffs(double now) const;
+    void restore(const std::vector<QuotaBackoff>& backoffs);
 
     // Runs `probe` for the account unless it is backing off, and stores the outcome in `slot`.
     QuotaRefreshOutcome refresh(const std::string& accountID, const QuotaSlot& slot,

@@ -11,6 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "core/ledger/usage_store.hpp"
+#include "core/model/timestamp.hpp"
 #include "tests/support/command_run.hpp"
 #include "tests/support/loopback_server.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -170,6 +172,40 @@ TEST_F(QuotaCommandTest, RefreshShowsBarsAndAThrottledRefreshKeepsTheReadingStal
     quota(true, false);
     EXPECT_EQ(claudeHits, 2);
     EXPECT_EQ(switchQuota("cursor", true).code, cli::kExitUsage);
+}
+
+TEST_F(QuotaCommandTest, AThrottledAccountIsNotAskedAgainByTheNextRun) {
+    switchQuota("claude", true);
+    throttle = true;
+    quota(true, false);
+    EXPECT_EQ(claudeHits, 1);
+    // Another command, another process's worth of state: the provider's Retry-After still holds.
+    const auto again = quota(true, false);
+    EXPECT_EQ(claudeHits, 1);
+    EXPECT_NE(again.out.find("Not asked: the provider throttled us"), std::string::npos)
+        << again.out;
+}
+
+TEST_F(QuotaCommandTest, AReadingWhoseWindowHasResetSaysSo) {
+    {
+        UsageStore store(support.path());
+        AccountSnapshot snapshot;
+        snapshot.identity.source = AgentSource::claude;
+        snapshot.fetchedAt = epochNow() - 3 * 3600;
+        QuotaWindow past;
+        past.kind = QuotaWindowKind::session5h;
+        past.usedPercent = 97;
+        past.resetsAt = epochNow() - 2 * 3600 - 120;
+        QuotaWindow future = past;
+        future.kind = QuotaWindowKind::weekly;
+        future.resetsAt = epochNow() + 3 * 86400 + 600;
+        snapshot.windows = {past, future};
+        store.saveQuota(snapshot);
+    }
+    const auto shown = quota(false, false);
+    EXPECT_NE(shown.out.find("has reset (2h 2m ago)"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("resets in 3d 0h"), std::string::npos) << shown.out;
+    EXPECT_EQ(shown.out.find("<1m"), std::string::npos) << shown.out;
 }
 
 TEST_F(QuotaCommandTest, NoSecretReachesOutputLedgerOrSupportFolder) {
