@@ -27,8 +27,9 @@ struct HookPulseStamp {
     bool operator==(const HookPulseStamp&) const = default;
 };
 
-// The agent and time of every pulse file in `liveDir` that reads as one (others are skipped).
-std::vector<HookPulseStamp> readHookPulseStamps(const std::filesystem::path& liveDir);
+// The agent and time of the pulses in `liveDir` of the last month (newest few hundred; files
+// that are not a pulse are skipped).
+std::vector<HookPulseStamp> readHookPulseStamps(const std::filesystem::path& liveDir, double now);
 
 struct HookInstallAllOutcome {
     std::vector<HookChangeReport> installed;

@@ -493,8 +493,10 @@ TEST(HookInstaller, InstallAllSkipsAgentsWithoutTheirCli) {
     const auto outcome = installer.installAll(false);
     ASSERT_EQ(outcome.installed.size(), 1u);
     EXPECT_EQ(outcome.installed[0].agent, HookAgent::kimi);
-    EXPECT_EQ(outcome.skipped, (std::vector<HookAgent>{HookAgent::claude, HookAgent::codex,
-                                                       HookAgent::grok, HookAgent::cursor}));
+    EXPECT_EQ(outcome.skipped,
+              (std::vector<HookAgent>{HookAgent::claude, HookAgent::codex, HookAgent::grok,
+                                      HookAgent::opencode, HookAgent::cursor, HookAgent::pi,
+                                      HookAgent::omp}));
     EXPECT_EQ(installer.installed(), std::set<HookAgent>{HookAgent::kimi});
 }
 
