@@ -115,7 +115,9 @@ int runLive(CommandContext& ctx, const LiveOptions& options, bool json) {
         return session.error();
     }
     const double now = epochNow();
+    // Hooked agents first, so that their files changing adds no inferred session beside them.
     session->live->refresh(now);
+    session->live->observeRecentFiles(now);
     const auto view = session->live->view(now);
     if (json) {
         Json sessions = Json::array();

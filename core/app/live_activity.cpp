@@ -70,6 +70,11 @@ void LiveActivity::observe(const FileWatcherBatch& batch, double now) {
     }
 }
 
+void LiveActivity::observeRecentFiles(double now) {
+    const auto paths = recentlyChangedFiles(roots_, now, options_.ages.inferred);
+    observe(FileWatcherBatch{paths, false}, now);
+}
+
 LiveView LiveActivity::view(double now) const {
     std::lock_guard guard(mutex_);
     LiveView v;

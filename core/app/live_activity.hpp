@@ -56,6 +56,9 @@ class LiveActivity {
     void prime(double now);
     // The watcher's batch over the agents' folders as inferred activity.
     void observe(const FileWatcherBatch& batch, double now);
+    // Without a watcher: the agents' files changed lately as inferred activity (a bounded walk
+    // of their folders).
+    void observeRecentFiles(double now);
     LiveView view(double now) const;
 
     // Deletes pulse files older than `pruneAfter`; returns how many.

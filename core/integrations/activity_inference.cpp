@@ -1,6 +1,8 @@
 #include "core/integrations/activity_inference.hpp"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <map>
 
 #include "core/integrations/live_agent_hub.hpp"
@@ -22,6 +24,28 @@ std::string withoutJournalSuffix(std::string path) {
         }
     }
     return path;
+}
+
+// Settings, sign-ins and plug-ins live in the same folders as the records but change for other
+// reasons (a login refreshed, our own hooks installed); they say nothing about work.
+bool isConfiguration(const fs::path& path) {
+    static constexpr std::array<std::string_view, 11> kNames = {
+        "settings.json", "settings.local.json", "hooks.json",       "config.json",
+        "config.toml",   "auth.json",           "credentials.json", ".credentials.json",
+        "kestrel.json",  "kestrel.js",          "kestrel.ts"};
+    const auto name = path.filename().string();
+    if (std::ranges::find(kNames, name) != kNames.end() || name.ends_with(".toml") ||
+        name.ends_with(".lock") || name.ends_with(".tmp")) {
+        return true;
+    }
+    for (const auto& part : path.parent_path()) {
+        const auto folder = part.string();
+        if (folder == "hooks" || folder == "extensions" || folder == "plugins" ||
+            folder == "plugin") {
+            return true;
+        }
+    }
+    return false;
 }
 
 bool isDatabase(std::string_view path) {
@@ -72,8 +96,9 @@ std::vector<ActivitySignal> inferredSignals(std::span<const std::string> paths,
             continue;
         }
         std::error_code ec;
-        if (!fs::is_regular_file(fs::symlink_status(path, ec))) {
-            continue;  // a folder appearing or a file removed is no sign of work
+        if (!fs::is_regular_file(fs::symlink_status(path, ec)) ||
+            isConfiguration(fs::path(path).lexically_relative(owner->root))) {
+            continue;  // a folder appearing, a file removed or a setting changed is no work
         }
         const auto descriptor = PluginRegistry::builtInDescriptor(owner->source);
         const std::string sessionPath = withoutJournalSuffix(path);
@@ -97,6 +122,37 @@ std::vector<ActivitySignal> inferredSignals(std::span<const std::string> paths,
     std::vector<ActivitySignal> out;
     for (auto& [key, s] : bySession) {
         out.push_back(std::move(s));
+    }
+    return out;
+}
+
+std::vector<std::string> recentlyChangedFiles(std::span<const ActivityRoot> roots, double now,
+                                              double window, std::size_t maxEntries) {
+    std::vector<std::string> out;
+    std::size_t looked = 0;
+    for (const auto& r : roots) {
+        std::error_code ec;
+        // Symlinks are not followed: a link to / in an agent's folder must not send us off.
+        for (fs::recursive_directory_iterator
+                 it(r.root, fs::directory_options::skip_permission_denied, ec),
+             end;
+             !ec && it != end && looked < maxEntries; it.increment(ec)) {
+            ++looked;
+            std::error_code statError;
+            if (it->symlink_status(statError).type() != fs::file_type::regular) {
+                continue;
+            }
+            const auto modified = it->last_write_time(statError);
+            if (statError) {
+                continue;
+            }
+            const double t = std::chrono::duration<double>(
+                                 std::chrono::file_clock::to_sys(modified).time_since_epoch())
+                                 .count();
+            if (t >= now - window && t <= now + window) {
+                out.push_back(it->path().string());
+            }
+        }
     }
     return out;
 }

@@ -261,6 +261,40 @@ TEST(LiveCommand, SessionsAgeOutAndSilencedHooksAddNothing) {
     }
 }
 
+TEST(LiveCommand, AgentsWithoutHooksShowAsInferredWhileTheirFilesChange) {
+    TempDir dir;
+    const auto home = dir / "home";
+    const auto support = dir / "support";
+    const auto transcript = home / ".claude/projects/-w-app/3b7e.jsonl";
+    fs::create_directories(transcript.parent_path());
+    std::ofstream(transcript) << "{}\n";
+    const auto old = home / ".codex/sessions/2026/01/01/rollout-old.jsonl";
+    fs::create_directories(old.parent_path());
+    std::ofstream(old) << "{}\n";
+    fs::last_write_time(old, fs::last_write_time(old) - std::chrono::hours(3));
+
+    const auto live = liveJSON(home, support);
+    ASSERT_EQ(live["sessions"].size(), 1u) << live.dump();
+    const auto& s = live["sessions"][0];
+    EXPECT_EQ(s["agent"], "claude");
+    EXPECT_EQ(s["state"], "inferredWorking");
+    EXPECT_EQ(s["precision"], "inferred");
+    EXPECT_EQ(s["evidence"], Json::array({"filesystem"}));
+    EXPECT_EQ(live.dump().find("3b7e"), std::string::npos);  // the file name stays out
+    EXPECT_TRUE(live["processing"].empty());  // only hooks say an agent is processing
+
+    // Once Claude's hook speaks, it alone tells about Claude.
+    ASSERT_EQ(runKestrel({"hooks", "install", "claude"}, home, support).code, cli::kExitOK);
+    const auto commands = ourCommands("claude", home / ".claude/settings.json");
+    ASSERT_EQ(runShell(commands.at("UserPromptSubmit"),
+                       payload("claude", "UserPromptSubmit", "c-1", (home / "w").string())),
+              0);
+    const auto hooked = liveJSON(home, support);
+    ASSERT_EQ(hooked["sessions"].size(), 1u) << hooked.dump();
+    EXPECT_EQ(hooked["sessions"][0]["precision"], "exact");
+    EXPECT_EQ(hooked["sessions"][0]["state"], "working");
+}
+
 // `kestrel live --follow --json` in this process, stopped through its stop token.
 TEST(LiveCommand, FollowPrintsOneApprovalAndOneFinishedNoticePerRun) {
     TempDir dir;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cmath>
 #include <fstream>
 #include <limits>
@@ -245,12 +246,20 @@ TEST(ActivityInference, ChangedFilesBecomeInferredSessionsUntilAHookSpeaks) {
     std::ofstream(opencodeRoot / "opencode.db") << "x";
     std::ofstream(opencodeRoot / "opencode.db-wal") << "x";
     std::ofstream(dir / "elsewhere.jsonl") << "x";
+    fs::create_directories(claudeRoot / "hooks");
+    std::ofstream(claudeRoot / "settings.json") << "{}";
+    std::ofstream(claudeRoot / "hooks/kestrel.json") << "{}";
+    std::ofstream(opencodeRoot / "auth.json") << "{}";
 
     const std::vector<std::string> paths = {
         (claudeRoot / "p/raw-session.jsonl").string(),
         (opencodeRoot / "opencode.db").string(),
         (opencodeRoot / "opencode.db-wal").string(),
         (dir / "elsewhere.jsonl").string(),
+        // settings, our own hooks and sign-ins change without any work being done
+        (claudeRoot / "settings.json").string(),
+        (claudeRoot / "hooks/kestrel.json").string(),
+        (opencodeRoot / "auth.json").string(),
         (claudeRoot / "p").string(),
         (claudeRoot / "p/gone.jsonl").string(),
     };
@@ -282,6 +291,29 @@ TEST(ActivityInference, ChangedFilesBecomeInferredSessionsUntilAHookSpeaks) {
     EXPECT_EQ(have, (std::multiset<std::pair<AgentSource, ActivityPrecision>>{
                         {AgentSource::claude, ActivityPrecision::exact},
                         {AgentSource::opencode, ActivityPrecision::inferred}}));
+}
+
+TEST(ActivityInference, ARecentLookFindsFreshFilesOnlyAndStaysBounded) {
+    TempDir dir;
+    const auto roots = activityRoots(dir / "home");
+    ASSERT_FALSE(roots.empty());
+    const fs::path root = roots.front().root;
+    fs::create_directories(root / "deep/er");
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    std::ofstream(root / "deep/er/fresh.jsonl") << "{}";
+    std::ofstream(root / "old.jsonl") << "{}";
+    fs::last_write_time(root / "old.jsonl",
+                        fs::last_write_time(root / "old.jsonl") - std::chrono::hours(2));
+    fs::create_symlink("/", root / "loop");  // never followed
+    EXPECT_EQ(recentlyChangedFiles(roots, now, 120),
+              (std::vector<std::string>{(root / "deep/er/fresh.jsonl").string()}));
+
+    for (int i = 0; i < 50; ++i) {
+        std::ofstream(root / ("f" + std::to_string(i))) << "x";
+    }
+    EXPECT_LE(recentlyChangedFiles(roots, now, 120, 10).size(), 10u);
+    EXPECT_EQ(recentlyChangedFiles(roots, now, 120).size(), 51u);
 }
 
 }  // namespace
