@@ -795,6 +795,17 @@ HookInstallAllOutcome HookInstaller::installAll(bool searchSystem) const {
     return outcome;
 }
 
+std::vector<LiveAgentPulse> HookInstaller::exactActivityPulses(
+    std::span<const LiveAgentPulse> pulses, double now, double staleAfter) {
+    std::vector<LiveAgentPulse> out;
+    for (const auto& p : pulses) {
+        if (LiveAgentHub::isActive(p, now, staleAfter)) {
+            out.push_back(p);
+        }
+    }
+    return out;
+}
+
 std::size_t HookInstaller::clearPulses(HookAgent agent) const {
     const std::string prefix = std::string(rawValue(agent)) + "-";
     std::size_t removed = 0;

@@ -16,6 +16,7 @@
 
 #include "core/integrations/hook_agent.hpp"
 #include "core/integrations/hook_command.hpp"
+#include "core/integrations/live_agent_pulse.hpp"
 #include "core/sources/agent_catalog.hpp"
 
 namespace kestrel {
@@ -86,6 +87,11 @@ class HookInstaller {
     HookHealth health(HookAgent agent, std::span<const HookPulseStamp> pulses, double now,
                       double staleAfter,
                       const std::optional<HookInstallError>& lastError = std::nullopt) const;
+
+    // The pulses that may drive live activity: dated at most `staleAfter` seconds ago and at
+    // most 30 seconds ahead (the agent's clock may run a little fast).
+    static std::vector<LiveAgentPulse> exactActivityPulses(std::span<const LiveAgentPulse> pulses,
+                                                           double now, double staleAfter);
 
     // Deletes pulse files; each returns how many went.
     std::size_t clearPulses(HookAgent agent) const;

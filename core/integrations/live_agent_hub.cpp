@@ -220,6 +220,11 @@ std::optional<LiveAgentPulse> LiveAgentHub::parse(std::string_view bytes,
     return p;
 }
 
+bool LiveAgentHub::isActive(const LiveAgentPulse& pulse, double now, double maxAge) {
+    const double age = now - pulse.at;
+    return age <= maxAge && age >= -kFutureTolerance;
+}
+
 PulseReading LiveAgentHub::readActive(const fs::path& dir, double now, double maxAge,
                                       const PulseReadLimits& limits) {
     PulseReading reading;
@@ -273,8 +278,7 @@ PulseReading LiveAgentHub::readActive(const fs::path& dir, double now, double ma
             ++reading.skipped;
             continue;
         }
-        const double age = now - pulse->at;
-        if (age > maxAge || age < -kFutureTolerance) {
+        if (!isActive(*pulse, now, maxAge)) {
             continue;
         }
         reading.pulses.push_back(std::move(*pulse));

@@ -56,7 +56,11 @@ class LiveAgentHub {
     static std::optional<LiveAgentPulse> parse(
         std::string_view bytes, std::optional<AgentSource> defaultSource = std::nullopt);
 
-    // The valid pulses in `directory` dated within [now - maxAge, now + kFutureTolerance].
+    // Whether a pulse is recent enough to count: dated within [now - maxAge,
+    // now + kFutureTolerance].
+    static bool isActive(const LiveAgentPulse& pulse, double now, double maxAge);
+
+    // The valid pulses in `directory` that are active (isActive).
     static PulseReading readActive(const std::filesystem::path& directory, double now,
                                    double maxAge, const PulseReadLimits& limits = {});
 

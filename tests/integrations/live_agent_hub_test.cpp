@@ -7,6 +7,7 @@
 #include <chrono>
 #include <fstream>
 
+#include "core/integrations/hook_installer.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -217,6 +218,26 @@ TEST(LiveAgentHub, SaltIsTheFirstLineAndKeysDependOnSaltSourceAndId) {
     EXPECT_NE(key, LiveAgentHub::sessionKey("raw-1", AgentSource::codex, "s3cr3t"));
     EXPECT_NE(key, LiveAgentHub::sessionKey("raw-1", AgentSource::claude, "other"));
     EXPECT_NE(key, LiveAgentHub::sessionKey("raw-2", AgentSource::claude, "s3cr3t"));
+}
+
+TEST(LiveAgentHub, ActivePulsesReachHalfAMinuteAheadAndTheStaleLimitBack) {
+    const std::vector<std::pair<double, bool>> agesCounted = {
+        {-31, false}, {-30, true}, {0, true}, {600, true}, {601, false}, {1e6, false}};
+    std::vector<LiveAgentPulse> pulses;
+    std::vector<double> expected;
+    for (const auto& [age, counted] : agesCounted) {
+        LiveAgentPulse p;
+        p.at = kNow - age;
+        pulses.push_back(p);
+        if (counted) {
+            expected.push_back(p.at);
+        }
+    }
+    std::vector<double> kept;
+    for (const auto& p : HookInstaller::exactActivityPulses(pulses, kNow, 600)) {
+        kept.push_back(p.at);
+    }
+    EXPECT_EQ(kept, expected);
 }
 
 }  // namespace
