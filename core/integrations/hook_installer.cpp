@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 
+#include "core/integrations/activity_inference.hpp"
 #include "core/integrations/config_file.hpp"
 #include "core/integrations/hook_json_config.hpp"
 #include "core/integrations/hook_toml_config.hpp"
@@ -736,6 +738,11 @@ HookHealth HookInstaller::health(HookAgent agent, std::span<const HookPulseStamp
     }
     if (!isAuthorized(agent)) {
         h.detail = "gate closed";
+    } else if (agentRanWithoutHook(agent, h.lastEmissionAt, now)) {
+        h.trust = HookTrustState::untrusted;
+        h.detail =
+            "the agent wrote records after the hook was installed but never ran it: quit and "
+            "reopen the agent, and approve the Kestrel entry if it asks";
     }
     if (!h.lastEmissionAt) {
         h.state = HookHealthState::configured;
@@ -793,6 +800,33 @@ HookInstallAllOutcome HookInstaller::installAll(bool searchSystem) const {
         }
     }
     return outcome;
+}
+
+bool HookInstaller::agentRanWithoutHook(HookAgent agent, std::optional<double> lastEmission,
+                                        double now) const {
+    std::error_code ec;
+    const auto written = fs::last_write_time(recordFile(agent), ec);
+    if (ec) {
+        return false;
+    }
+    const double installedAt =
+        std::chrono::duration<double>(std::chrono::file_clock::to_sys(written).time_since_epoch())
+            .count();
+    if (now <= installedAt || (lastEmission && *lastEmission >= installedAt)) {
+        return false;
+    }
+    // The agents' own folders as a test or demo home has them: the process's variables name
+    // the user's real folders.
+    std::vector<ActivityRoot> roots;
+    for (auto& r : activityRoots(home_)) {
+        if (r.source == agentSource(agent)) {
+            roots.push_back(std::move(r));
+        }
+    }
+    // A few thousand entries are enough to notice a fresh transcript in all but huge trees.
+    constexpr std::size_t kLookedAt = 5000;
+    const auto changed = recentlyChangedFiles(roots, now, now - installedAt, kLookedAt);
+    return !inferredSignals(changed, roots, now, "").empty();
 }
 
 std::vector<LiveAgentPulse> HookInstaller::exactActivityPulses(

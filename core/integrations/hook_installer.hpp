@@ -99,6 +99,9 @@ class HookInstaller {
 
   private:
     std::expected<void, HookInstallError> shipScriptAndSalt() const;
+    // Whether the agent's records changed after our hook was installed while no pulse came
+    // since: it ran without running the hook (not approved, or not restarted).
+    bool agentRanWithoutHook(HookAgent agent, std::optional<double> lastEmission, double now) const;
     std::filesystem::path recordFile(HookAgent agent) const;
 
     std::filesystem::path home_;
