@@ -17,6 +17,7 @@
 #include "cli/integrations_command.hpp"
 #include "cli/keys_command.hpp"
 #include "cli/plans_command.hpp"
+#include "cli/live_command.hpp"
 #include "cli/quota_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
@@ -136,6 +137,15 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
         sub->fallthrough();
     }
     hooks->fallthrough();
+    // `kestrel live [--follow]`: agent sessions now, or every notice as it happens.
+    LiveOptions liveOptions;
+    auto* liveCommand = app.add_subcommand(
+        "live", "Agent sessions at work now; --follow prints each notice as it happens");
+    liveCommand->add_flag("--follow,-f", liveOptions.follow,
+                          "Print finished, approval, question and failure notices; Ctrl-C stops");
+    liveCommand->add_option("--lang", liveOptions.language,
+                            "Texts in en or zh-Hans (default: settings)");
+    liveCommand->fallthrough();
     QuotaOptions quotaOptions;
     auto* quota = app.add_subcommand(
         "quota", "Quota windows, balances and resets of every account, with where each came from");
@@ -396,6 +406,9 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (hooksRepair->parsed()) {
         return runHooksRepair(ctx, hooksOptions, json);
+    }
+    if (liveCommand->parsed()) {
+        return runLiveCommand(ctx, liveOptions, json);
     }
     if (enable->parsed() && quotaSwitch) {
         return runIntegrationsQuota(ctx, enableName, *quotaSwitch, json);

@@ -7,6 +7,7 @@
 
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
+#include "cli/text_table.hpp"
 #include "core/app/display_choices.hpp"
 #include "core/integrations/hook_installer.hpp"
 #include "core/presentation/messages.hpp"
@@ -145,6 +146,31 @@ std::string joinNames(const std::vector<HookAgent>& agents) {
     return out;
 }
 
+// "42s", "3m", "2h 05m", "3d".
+std::string waitText(double seconds) {
+    const auto total = static_cast<long long>(std::max(0.0, seconds));
+    if (total < 60) {
+        return std::to_string(total) + "s";
+    }
+    if (total < 3600) {
+        return std::to_string(total / 60) + "m";
+    }
+    if (total < 86400) {
+        const auto minutes = total % 3600 / 60;
+        return std::to_string(total / 3600) + "h " + (minutes < 10 ? "0" : "") +
+               std::to_string(minutes) + "m";
+    }
+    return std::to_string(total / 86400) + "d";
+}
+
+// The CLI-missing warning names the machine as the platform calls it.
+constexpr std::string_view kCliMissingKey =
+#ifdef __APPLE__
+    "hooks.cliMissing";
+#else
+    "hooks.cliMissingHere";
+#endif
+
 double nowSeconds() {
     return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
         .count();
@@ -158,8 +184,8 @@ int runHooksStatus(CommandContext& ctx, const HooksOptions& options, bool json) 
         return session.error();
     }
     const auto& installer = *session->installer;
-    const auto pulses = readHookPulseStamps(installer.liveDirectory());
     const double now = nowSeconds();
+    const auto pulses = readHookPulseStamps(installer.liveDirectory(), now);
     Json rows = Json::array();
     for (auto agent : allCases<HookAgent>()) {
         const auto health = installer.health(agent, pulses, now, kStaleAfterSeconds);
@@ -183,22 +209,36 @@ int runHooksStatus(CommandContext& ctx, const HooksOptions& options, bool json) 
         ctx.out << rows.dump(2) << '\n';
         return kExitOK;
     }
+    const auto& s = *session;
+    TextTable table({{s.text("hooks.status.column.agent")},
+                     {s.text("hooks.status.column.cli")},
+                     {s.text("hooks.status.column.installed")},
+                     {s.text("hooks.status.column.gate")},
+                     {s.text("hooks.status.column.health")},
+                     {s.text("hooks.status.column.trust")},
+                     {s.text("hooks.status.column.newestPulse"), Align::right}});
+    std::vector<std::string> details;
     for (const auto& row : rows) {
-        ctx.out << row["agent"].get<std::string>() << ": cli "
-                << (row["cliPresent"] ? "found" : "not found") << ", hook "
-                << (row["installed"] ? "installed" : "not installed") << ", gate "
-                << (row["gateOpen"] ? "open" : "closed") << ", health "
-                << row["health"].get<std::string>() << ", trust "
-                << row["trust"].get<std::string>();
+        const auto agent = *fromRawValue<HookAgent>(row["agent"].get<std::string>());
+        const auto yesNo = [&](bool value) {
+            return s.text(value ? "hooks.status.yes" : "hooks.status.no");
+        };
+        std::string newest = "-";
         if (!row["lastEmissionAt"].is_null()) {
-            ctx.out << ", newest pulse "
-                    << static_cast<long long>(now - row["lastEmissionAt"].get<double>())
-                    << " s ago";
+            newest = s.text("hooks.status.ago",
+                            {{"wait", waitText(now - row["lastEmissionAt"].get<double>())}});
         }
+        table.addRow({agentName(agent), yesNo(row["cliPresent"]), yesNo(row["installed"]),
+                      s.text(row["gateOpen"] ? "hooks.status.gateOpen" : "hooks.status.gateClosed"),
+                      s.text("hooks.status.health." + row["health"].get<std::string>()),
+                      s.text("hooks.status.trust." + row["trust"].get<std::string>()), newest});
         if (!row["detail"].is_null()) {
-            ctx.out << " (" << row["detail"].get<std::string>() << ")";
+            details.push_back(agentName(agent) + ": " + row["detail"].get<std::string>());
         }
-        ctx.out << '\n';
+    }
+    table.render(ctx.out, ctx.colour);
+    for (const auto& d : details) {
+        ctx.out << d << '\n';
     }
     return kExitOK;
 }
@@ -224,7 +264,7 @@ int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json)
     } else {
         for (auto agent : *agents) {
             if (!installer.cliPresent(agent) && !json) {
-                ctx.err << session->text("hooks.cliMissing", {{"agent", agentName(agent)}}) << '\n';
+                ctx.err << session->text(kCliMissingKey, {{"agent", agentName(agent)}}) << '\n';
             }
             if (auto report = installer.install(agent)) {
                 done.push_back(std::move(*report));

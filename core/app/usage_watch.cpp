@@ -36,6 +36,9 @@ std::size_t UsageWatch::presentFolderCount() const {
 }
 
 void UsageWatch::deliver(FileWatcherBatch batch) {
+    if (callbacks_.onBatch) {
+        callbacks_.onBatch(batch);
+    }
     {
         std::lock_guard guard(mutex_);
         pending_.paths.insert(pending_.paths.end(), batch.paths.begin(), batch.paths.end());

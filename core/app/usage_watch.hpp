@@ -57,6 +57,9 @@ struct WatchCallbacks {
     std::function<void(const std::string& message)> onScanError;
     // Work is waiting (watcher thread); for event loops.
     std::function<void()> onPending;
+    // Every batch as the watcher delivers it (watcher thread): the agents' files changing are
+    // also a sign of live activity (LiveActivity::observe).
+    std::function<void(const FileWatcherBatch&)> onBatch;
 };
 
 class UsageWatch {

@@ -3,14 +3,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
 
+#include "core/integrations/activity_inference.hpp"
 #include "core/integrations/config_file.hpp"
 #include "core/integrations/hook_json_config.hpp"
 #include "core/integrations/hook_toml_config.hpp"
+#include "core/integrations/live_agent_hub.hpp"
 
 namespace kestrel {
 
@@ -20,7 +23,6 @@ using Json = nlohmann::ordered_json;
 namespace {
 
 constexpr std::string_view kGrokMarker = "_kestrel_grok";
-constexpr std::uintmax_t kMaxPulseFileBytes = 64 * 1024;
 
 enum class ConfigForm { claudeJson, cursorJson, grokJson, kimiToml, codexToml };
 
@@ -62,8 +64,9 @@ std::optional<std::pair<fs::path, fs::path>> pluginFile(HookAgent agent, const f
             return std::pair{home / ".pi/agent/extensions/kestrel.ts",
                              fs::path("hooks/pi-extension.ts")};
         case HookAgent::omp:
+            // omp shares pi's extension interface, so one file serves both.
             return std::pair{home / ".omp/agent/extensions/kestrel.ts",
-                             fs::path("hooks/omp-extension.ts")};
+                             fs::path("hooks/pi-extension.ts")};
         default:
             return std::nullopt;
     }
@@ -186,6 +189,29 @@ std::expected<std::vector<HookFileChange>, HookInstallError> applyWrites(
     return changes;
 }
 
+// Every plug-in file of ours says so in its first lines; a file at its place without this is the
+// user's, and is never overwritten or removed.
+constexpr std::string_view kPluginMarker = "Kestrel's live-activity";
+
+// The text of a JavaScript string literal's inside (JSON's escapes are JavaScript's).
+std::string scriptStringBody(const std::string& text) {
+    const auto quoted = nlohmann::json(text).dump();
+    return quoted.substr(1, quoted.size() - 2);
+}
+
+void replaceAll(std::string& text, std::string_view from, std::string_view to) {
+    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+// The plug-in file as it is installed: the resource with its placeholders filled in.
+std::expected<std::string, HookInstallError> renderPlugin(HookAgent agent,
+                                                          const std::optional<fs::path>& resources,
+                                                          const fs::path& resourceName,
+                                                          const HookPaths& paths,
+                                                          bool includesProjectNames);
+
 std::string randomSalt() {
     std::random_device device;
     std::string out;
@@ -208,29 +234,35 @@ std::optional<std::string> readWhole(const fs::path& path) {
     return buffer.str();
 }
 
+std::expected<std::string, HookInstallError> renderPlugin(HookAgent agent,
+                                                          const std::optional<fs::path>& resources,
+                                                          const fs::path& resourceName,
+                                                          const HookPaths& paths,
+                                                          bool includesProjectNames) {
+    const fs::path resource = resources ? *resources / resourceName : resourceName;
+    auto text = resources ? readWhole(resource) : std::nullopt;
+    if (!text || text->find(kPluginMarker) == std::string::npos) {
+        return std::unexpected(HookInstallError{HookInstallErrorCode::missingResource, resource,
+                                                resourceName.filename().string()});
+    }
+    replaceAll(*text, "__KS_LIVE_DIR__", scriptStringBody(paths.liveDir.string()));
+    replaceAll(*text, "__KS_SOURCE__", rawValue(agent));
+    replaceAll(*text, "__KS_HOOK_GATE__", scriptStringBody(paths.gate.string()));
+    replaceAll(*text, "__KS_SESSION_SALT_FILE__", scriptStringBody(paths.salt.string()));
+    replaceAll(*text, "__KS_CAPTURE_PROJECT__", includesProjectNames ? "1" : "0");
+    return *text;
+}
+
 }  // namespace
 
-std::vector<HookPulseStamp> readHookPulseStamps(const fs::path& liveDir) {
+std::vector<HookPulseStamp> readHookPulseStamps(const fs::path& liveDir, double now) {
+    // A month back is plenty to tell `stale` from `configured`; the read stays bounded however
+    // full the folder is.
+    constexpr double kLookBack = 30 * 24 * 60 * 60;
     std::vector<HookPulseStamp> out;
-    std::error_code ec;
-    for (fs::directory_iterator it(liveDir, ec), end; !ec && it != end; it.increment(ec)) {
-        const auto& path = it->path();
-        std::error_code sizeError;
-        if (path.extension() != ".json" || !it->is_regular_file(sizeError) ||
-            it->file_size(sizeError) > kMaxPulseFileBytes || sizeError) {
-            continue;
-        }
-        const auto text = readWhole(path);
-        if (!text) {
-            continue;  // vanished between listing and reading
-        }
-        const auto j = nlohmann::json::parse(*text, nullptr, false);
-        if (!j.is_object() || !j.contains("source") || !j["source"].is_string() ||
-            !j.contains("at") || !j["at"].is_number()) {
-            continue;
-        }
-        if (auto agent = fromRawValue<HookAgent>(j["source"].get<std::string>())) {
-            out.push_back({*agent, j["at"].get<double>()});
+    for (const auto& p : LiveAgentHub::readActive(liveDir, now, kLookBack).pulses) {
+        if (auto agent = hookAgent(p.source)) {
+            out.push_back({*agent, p.at});
         }
     }
     return out;
@@ -338,10 +370,40 @@ std::expected<HookChangeReport, HookInstallError> HookInstaller::install(HookAge
             HookInstallError{HookInstallErrorCode::homeUnavailable, home_, "not a folder"});
     }
     if (auto plugin = pluginFile(agent, home_)) {
-        // The plug-in files are not among the resources yet.
-        const fs::path resource = resources_ ? *resources_ / plugin->second : plugin->second;
-        return std::unexpected(HookInstallError{HookInstallErrorCode::missingResource, resource,
-                                                plugin->second.filename().string()});
+        auto text = renderPlugin(agent, resources_, plugin->second, hookPaths(agent),
+                                 includesProjectNames_);
+        if (!text) {
+            return std::unexpected(text.error());
+        }
+        auto file = readConfigFile(plugin->first);
+        if (!file) {
+            return std::unexpected(file.error());
+        }
+        if (file->exists && file->bytes.find(kPluginMarker) == std::string::npos) {
+            return std::unexpected(unreadable(plugin->first, "the file is not Kestrel's"));
+        }
+        InstallRecord record = loadRecord(recordFile(agent));
+        if (!file->exists) {
+            record.created.insert(plugin->first.string());
+        }
+        if (auto shipped = shipScriptAndSalt(); !shipped) {
+            return std::unexpected(shipped.error());
+        }
+        if (auto saved = saveRecord(recordFile(agent), record); !saved) {
+            return std::unexpected(saved.error());
+        }
+        if (!file->exists) {
+            file->mode = 0644;
+        }
+        auto changes =
+            applyWrites({PlannedWrite{*file, std::move(*text), false}}, backupDirectory(agent));
+        if (!changes) {
+            return std::unexpected(changes.error());
+        }
+        if (auto gate = authorize(agent); !gate) {
+            return std::unexpected(gate.error());
+        }
+        return HookChangeReport{agent, std::move(*changes)};
     }
 
     // Every file is read and checked before anything is written, so that one file that does
@@ -448,8 +510,17 @@ std::expected<HookChangeReport, HookInstallError> HookInstaller::uninstall(HookA
             HookInstallError{HookInstallErrorCode::homeUnavailable, home_, "not a folder"});
     }
     const InstallRecord record = loadRecord(recordFile(agent));
-    // The plug-in agents' files are never installed yet, so a file at their place is not ours.
     std::vector<PlannedWrite> writes;
+    if (auto plugin = pluginFile(agent, home_)) {
+        auto file = readConfigFile(plugin->first);
+        if (!file) {
+            return std::unexpected(file.error());
+        }
+        // Only our own file goes; one of the user's at the same place stays.
+        if (file->exists && file->bytes.find(kPluginMarker) != std::string::npos) {
+            writes.push_back({*file, {}, true});
+        }
+    }
     for (const auto& slot : configSlots(agent, home_)) {
         auto file = readConfigFile(slot.path);
         if (!file) {
@@ -521,8 +592,11 @@ std::expected<HookChangeReport, HookInstallError> HookInstaller::uninstall(HookA
 
 std::expected<bool, HookInstallError> HookInstaller::status(HookAgent agent) const {
     if (auto plugin = pluginFile(agent, home_)) {
-        std::error_code ec;
-        return fs::exists(plugin->first, ec);
+        auto file = readConfigFile(plugin->first);
+        if (!file) {
+            return std::unexpected(file.error());
+        }
+        return file->exists && file->bytes.find(kPluginMarker) != std::string::npos;
     }
     for (const auto& slot : configSlots(agent, home_)) {
         auto file = readConfigFile(slot.path);
@@ -548,8 +622,15 @@ std::expected<bool, HookInstallError> HookInstaller::status(HookAgent agent) con
 }
 
 std::expected<bool, HookInstallError> HookInstaller::differsFromCurrent(HookAgent agent) const {
-    if (!isCommandHookAgent(agent)) {
-        return false;
+    if (auto plugin = pluginFile(agent, home_)) {
+        auto file = readConfigFile(plugin->first);
+        if (!file) {
+            return std::unexpected(file.error());
+        }
+        const auto current = renderPlugin(agent, resources_, plugin->second, hookPaths(agent),
+                                          includesProjectNames_);
+        // Without the resources there is nothing to compare with.
+        return file->exists && current && file->bytes != *current;
     }
     auto expected = expectedHooks(agent, hookPaths(agent), includesProjectNames_);
     for (const auto& slot : configSlots(agent, home_)) {
@@ -657,6 +738,11 @@ HookHealth HookInstaller::health(HookAgent agent, std::span<const HookPulseStamp
     }
     if (!isAuthorized(agent)) {
         h.detail = "gate closed";
+    } else if (agentRanWithoutHook(agent, h.lastEmissionAt, now)) {
+        h.trust = HookTrustState::untrusted;
+        h.detail =
+            "the agent wrote records after the hook was installed but never ran it: quit and "
+            "reopen the agent, and approve the Kestrel entry if it asks";
     }
     if (!h.lastEmissionAt) {
         h.state = HookHealthState::configured;
@@ -703,9 +789,6 @@ std::expected<std::vector<HookChangeReport>, HookInstallError> HookInstaller::re
 HookInstallAllOutcome HookInstaller::installAll(bool searchSystem) const {
     HookInstallAllOutcome outcome;
     for (auto agent : allCases<HookAgent>()) {
-        if (!isCommandHookAgent(agent)) {
-            continue;  // their plug-in files are not shipped yet
-        }
         if (!cliPresent(agent, searchSystem)) {
             outcome.skipped.push_back(agent);
             continue;
@@ -717,6 +800,44 @@ HookInstallAllOutcome HookInstaller::installAll(bool searchSystem) const {
         }
     }
     return outcome;
+}
+
+bool HookInstaller::agentRanWithoutHook(HookAgent agent, std::optional<double> lastEmission,
+                                        double now) const {
+    std::error_code ec;
+    const auto written = fs::last_write_time(recordFile(agent), ec);
+    if (ec) {
+        return false;
+    }
+    const double installedAt =
+        std::chrono::duration<double>(std::chrono::file_clock::to_sys(written).time_since_epoch())
+            .count();
+    if (now <= installedAt || (lastEmission && *lastEmission >= installedAt)) {
+        return false;
+    }
+    // The agents' own folders as a test or demo home has them: the process's variables name
+    // the user's real folders.
+    std::vector<ActivityRoot> roots;
+    for (auto& r : activityRoots(home_)) {
+        if (r.source == agentSource(agent)) {
+            roots.push_back(std::move(r));
+        }
+    }
+    // A few thousand entries are enough to notice a fresh transcript in all but huge trees.
+    constexpr std::size_t kLookedAt = 5000;
+    const auto changed = recentlyChangedFiles(roots, now, now - installedAt, kLookedAt);
+    return !inferredSignals(changed, roots, now, "").empty();
+}
+
+std::vector<LiveAgentPulse> HookInstaller::exactActivityPulses(
+    std::span<const LiveAgentPulse> pulses, double now, double staleAfter) {
+    std::vector<LiveAgentPulse> out;
+    for (const auto& p : pulses) {
+        if (LiveAgentHub::isActive(p, now, staleAfter)) {
+            out.push_back(p);
+        }
+    }
+    return out;
 }
 
 std::size_t HookInstaller::clearPulses(HookAgent agent) const {

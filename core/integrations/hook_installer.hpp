@@ -16,6 +16,7 @@
 
 #include "core/integrations/hook_agent.hpp"
 #include "core/integrations/hook_command.hpp"
+#include "core/integrations/live_agent_pulse.hpp"
 #include "core/sources/agent_catalog.hpp"
 
 namespace kestrel {
@@ -27,8 +28,9 @@ struct HookPulseStamp {
     bool operator==(const HookPulseStamp&) const = default;
 };
 
-// The agent and time of every pulse file in `liveDir` that reads as one (others are skipped).
-std::vector<HookPulseStamp> readHookPulseStamps(const std::filesystem::path& liveDir);
+// The agent and time of the pulses in `liveDir` of the last month (newest few hundred; files
+// that are not a pulse are skipped).
+std::vector<HookPulseStamp> readHookPulseStamps(const std::filesystem::path& liveDir, double now);
 
 struct HookInstallAllOutcome {
     std::vector<HookChangeReport> installed;
@@ -86,12 +88,20 @@ class HookInstaller {
                       double staleAfter,
                       const std::optional<HookInstallError>& lastError = std::nullopt) const;
 
+    // The pulses that may drive live activity: dated at most `staleAfter` seconds ago and at
+    // most 30 seconds ahead (the agent's clock may run a little fast).
+    static std::vector<LiveAgentPulse> exactActivityPulses(std::span<const LiveAgentPulse> pulses,
+                                                           double now, double staleAfter);
+
     // Deletes pulse files; each returns how many went.
     std::size_t clearPulses(HookAgent agent) const;
     std::size_t clearAllPulses() const;
 
   private:
     std::expected<void, HookInstallError> shipScriptAndSalt() const;
+    // Whether the agent's records changed after our hook was installed while no pulse came
+    // since: it ran without running the hook (not approved, or not restarted).
+    bool agentRanWithoutHook(HookAgent agent, std::optional<double> lastEmission, double now) const;
     std::filesystem::path recordFile(HookAgent agent) const;
 
     std::filesystem::path home_;

@@ -111,7 +111,9 @@ tmp="$KS_LIVE_DIR/.$agent-$$.tmp"
 {
     printf '{"format_version":1,"source":"%s","state":"%s","session_key":"%s"' "$agent" "$state" "$key"
     [ -n "$pid" ] && printf ',"pid":%s' "$pid"
-    printf ',"cwd":"%s","at":%s,"started_at":%s' "$cwd" "$now" "$started"
+    # The working folder names the project, so it is written only where project names may be.
+    [ -n "$project" ] && printf ',"cwd":"%s"' "$cwd"
+    printf ',"at":%s,"started_at":%s' "$now" "$started"
     printf ',"evidence":"hook","precision":"exact","hook_version":%s' "$hook_version"
     [ -n "$project" ] && printf ',"project":"%s"' "$project"
     [ -n "$notice" ] && printf ',"notice":"%s"' "$notice"

@@ -3,6 +3,10 @@
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <tuple>
+
+#include "cli/text_table.hpp"
 
 #include "cli/cli.hpp"
 #include "tests/support/command_run.hpp"
@@ -65,6 +69,64 @@ TEST(HooksCommand, MessagesInChineseAndUnknownAgentsRefused) {
     EXPECT_EQ(bad.code, cli::kExitUsage);
     EXPECT_NE(bad.err.find("\"vim\""), std::string::npos);
     EXPECT_EQ(runKestrel({"hooks", "install"}, dir / "home", dir / "s").code, cli::kExitUsage);
+}
+
+TEST(HooksCommand, StatusIsAnAlignedTableInBothLanguages) {
+    TempDir dir;
+    const auto home = dir / "home";
+    fs::create_directories(home);
+    ASSERT_EQ(runKestrel({"hooks", "install", "kimi", "opencode"}, home, dir / "s").code,
+              cli::kExitOK);
+    for (const auto& [lang, installed, yes] :
+         {std::tuple{"en", "Installed", "yes"}, std::tuple{"zh-Hans", "已安装", "是"}}) {
+        SCOPED_TRACE(lang);
+        const auto status = runKestrel({"hooks", "status", "--lang", lang}, home, dir / "s");
+        ASSERT_EQ(status.code, cli::kExitOK) << status.err;
+        std::vector<std::string> lines;
+        std::istringstream in(status.out);
+        for (std::string line; std::getline(in, line);) {
+            lines.push_back(line);
+        }
+        ASSERT_GE(lines.size(), 9u) << status.out;  // a header and one row per agent
+        // Cells are parted by two or more blanks; the third (installed) starts in the same
+        // display column on every line, its title's.
+        auto thirdCell = [](const std::string& line) {
+            std::size_t at = 0;
+            for (int gap = 0; gap < 2 && at != std::string::npos; ++gap) {
+                at = line.find("  ", at);
+                at = at == std::string::npos ? at : line.find_first_not_of(' ', at);
+            }
+            return at;
+        };
+        ASSERT_NE(thirdCell(lines[0]), std::string::npos);
+        EXPECT_TRUE(lines[0].substr(thirdCell(lines[0])).starts_with(installed)) << lines[0];
+        const auto column = cli::displayWidth(lines[0].substr(0, thirdCell(lines[0])));
+        int yesRows = 0;
+        for (std::size_t i = 1; i < lines.size(); ++i) {
+            const auto at = thirdCell(lines[i]);
+            ASSERT_NE(at, std::string::npos) << lines[i];
+            EXPECT_EQ(cli::displayWidth(lines[i].substr(0, at)), column) << lines[i];
+            if (lines[i].substr(at).starts_with(yes)) {
+                ++yesRows;
+                EXPECT_TRUE(lines[i].starts_with("Kimi Code") || lines[i].starts_with("opencode"))
+                    << lines[i];
+            }
+        }
+        EXPECT_EQ(yesRows, 2) << status.out;
+    }
+}
+
+TEST(HooksCommand, MissingCliWarningNamesThisComputerOffTheMac) {
+    TempDir dir;
+    fs::create_directories(dir / "home");
+    const auto out = runKestrel({"hooks", "install", "grok"}, dir / "home", dir / "s");
+    ASSERT_EQ(out.code, cli::kExitOK) << out.err;
+#ifdef __APPLE__
+    EXPECT_NE(out.err.find("on this Mac"), std::string::npos) << out.err;
+#else
+    EXPECT_NE(out.err.find("on this computer"), std::string::npos) << out.err;
+    EXPECT_EQ(out.err.find("Mac"), std::string::npos) << out.err;
+#endif
 }
 
 }  // namespace

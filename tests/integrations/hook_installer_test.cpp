@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <toml++/toml.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -479,6 +480,31 @@ TEST(HookInstaller, HealthFollowsConfigurationAndPulses) {
     EXPECT_EQ(withProjects.repair()->size(), 0u);
 }
 
+TEST(HookInstaller, AnAgentThatWritesRecordsButNoPulsesHasNotTrustedTheHook) {
+    Fixture f;
+    const auto installer = f.installer();
+    ASSERT_TRUE(installer.install(HookAgent::claude).has_value());
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    EXPECT_EQ(installer.health(HookAgent::claude, {}, now + 5, 1800).trust,
+              HookTrustState::unknown);  // the agent has not run since
+
+    const auto transcript = f.home / ".claude/projects/-w/s1.jsonl";
+    writeFile(transcript, "{}\n");
+    fs::last_write_time(transcript, fs::last_write_time(transcript) + std::chrono::seconds(2));
+    const auto ran = installer.health(HookAgent::claude, {}, now + 5, 1800);
+    EXPECT_EQ(ran.trust, HookTrustState::untrusted);
+    EXPECT_EQ(ran.state, HookHealthState::configured);
+    ASSERT_TRUE(ran.detail);
+
+    const std::vector<HookPulseStamp> pulses = {{HookAgent::claude, now + 4}};
+    EXPECT_EQ(installer.health(HookAgent::claude, pulses, now + 5, 1800).trust,
+              HookTrustState::trusted);
+    installer.deauthorize(HookAgent::claude);  // a closed gate explains the silence
+    EXPECT_EQ(installer.health(HookAgent::claude, {}, now + 5, 1800).trust,
+              HookTrustState::unknown);
+}
+
 TEST(HookInstaller, InstallAllSkipsAgentsWithoutTheirCli) {
     Fixture f;
     const auto bin = f.dir / "bin";
@@ -493,8 +519,10 @@ TEST(HookInstaller, InstallAllSkipsAgentsWithoutTheirCli) {
     const auto outcome = installer.installAll(false);
     ASSERT_EQ(outcome.installed.size(), 1u);
     EXPECT_EQ(outcome.installed[0].agent, HookAgent::kimi);
-    EXPECT_EQ(outcome.skipped, (std::vector<HookAgent>{HookAgent::claude, HookAgent::codex,
-                                                       HookAgent::grok, HookAgent::cursor}));
+    EXPECT_EQ(outcome.skipped,
+              (std::vector<HookAgent>{HookAgent::claude, HookAgent::codex, HookAgent::grok,
+                                      HookAgent::opencode, HookAgent::cursor, HookAgent::pi,
+                                      HookAgent::omp}));
     EXPECT_EQ(installer.installed(), std::set<HookAgent>{HookAgent::kimi});
 }
 
@@ -572,7 +600,7 @@ TEST(HookScript, RunsUnderDashAndBusybox) {
         EXPECT_EQ(pulse["state"], "awaiting");
         EXPECT_EQ(pulse["notice"], "permission");
         EXPECT_EQ(pulse["pid"], 77);
-        EXPECT_EQ(pulse["cwd"], "/p");
+        EXPECT_FALSE(pulse.contains("cwd"));  // without project capture the folder stays out
     }
 }
 
