@@ -12,9 +12,9 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <random>
 #include <stdexcept>
 
+#include "bench/ledger_fill.hpp"
 #include "core/ledger/sqlite_statement.hpp"
 #include "core/ledger/usage_store.hpp"
 #include "core/model/calendar.hpp"
@@ -57,49 +57,6 @@ double medianMillis(int repeat, const std::function<void()>& work) {
     return times[times.size() / 2];
 }
 
-// `count` events spread over the `days` before `now`, in batches of 50,000.
-void fill(UsageStore& store, int64_t count, int days, double now) {
-    static const char* models[] = {"claude-sonnet-4-5", "claude-opus-4-1", "claude-haiku-4-5",
-                                   "gpt-5-codex",       "gpt-5.1-codex",   "gpt-5"};
-    std::mt19937_64 rng(42);
-    std::uniform_real_distribution<double> at(now - days * 86'400.0, now);
-    std::uniform_int_distribution<int64_t> tokens(1, 5'000);
-    const int64_t batchSize = 50'000;
-    for (int64_t start = 0; start < count; start += batchSize) {
-        UsageBatch b;
-        b.id = fmt::format("bench-{}", start);
-        b.adapterID = "bench";
-        b.source = AgentSource::claude;
-        b.startedAt = now;
-        b.completedAt = now;
-        for (int64_t i = start; i < std::min(count, start + batchSize); ++i) {
-            UsageObservation o;
-            o.id = fmt::format("bench:{:010}", i);
-            const auto m = static_cast<std::size_t>(i % 6);
-            o.model = models[m];
-            o.source = m < 3 ? AgentSource::claude : AgentSource::codex;
-            o.provider = m < 3 ? "anthropic" : "openai";
-            o.occurredAt = at(rng);
-            o.observedAt = now;
-            o.timeQuality = ObservationTimeQuality::trusted;
-            o.precision = UsagePrecision::nativeExact;
-            o.granularity = UsageGranularity::request;
-            o.sessionKey = fmt::format("s{}", i / 40);
-            o.projectDisplayName = fmt::format("project-{}", i % 25);
-            o.tokens.inputUncached = tokens(rng);
-            o.tokens.cacheRead = tokens(rng) * 20;
-            o.tokens.cacheWrite = tokens(rng) / 10;
-            o.tokens.outputVisible = tokens(rng) / 2;
-            o.tokens.reasoning = 0;
-            o.cost.amountUSDMicros = tokens(rng) * 7;
-            o.cost.completeness = CostCompleteness::complete;
-            o.cost.source = CostSource::priceTable;
-            b.observations.push_back(std::move(o));
-        }
-        store.ingest({}, {}, std::nullopt, b);
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -128,7 +85,7 @@ int main(int argc, char** argv) {
     if (!existing || store.ledgerEventCount() != events) {
         fmt::print("writing {} events over {} days into {} ...\n", events, days, folder.string());
         const auto a = Clock::now();
-        fill(store, events, days, now);
+        bench::fill(store, events, days, now);
         fmt::print("written in {:.1f} s\n",
                    std::chrono::duration<double>(Clock::now() - a).count());
     }

@@ -19,6 +19,8 @@
 #include "cli/plans_command.hpp"
 #include "cli/live_command.hpp"
 #include "cli/quota_command.hpp"
+#include "cli/statusline_command.hpp"
+#include "cli/bar_command.hpp"
 #include "cli/prices_command.hpp"
 #include "cli/scan_command.hpp"
 #include "cli/settings_command.hpp"
@@ -182,6 +184,23 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     auto* keysList = keys->add_subcommand("list", "Stored keys, by fingerprint");
     for (auto* sub : {keys, keysSet, keysRemove, keysList}) {
+    // Glances for an agent's status line and a desktop panel: read-only, always a line.
+    StatuslineOptions statuslineOptions;
+    std::string statuslineLanguage, barLanguage, barFormat = "waybar";
+    auto* statusline = app.add_subcommand(
+        "statusline",
+        "One line for Claude Code's statusLine setting (reads its JSON on stdin): model, session "
+        "and today's cost, tightest quota window, burn rate");
+    statusline->add_flag("--color,--colour", statuslineOptions.colour,
+                         "ANSI colours (Claude Code shows them; NO_COLOR turns them off)");
+    auto* bar = app.add_subcommand(
+        "bar", "One line for a desktop panel: today's cost and the tightest quota window");
+    bar->add_option("--format", barFormat, "waybar (the default), json or text")
+        ->check(CLI::IsMember({"waybar", "json", "text"}));
+    for (auto [sub, language] : {std::pair{statusline, &statuslineLanguage}, {bar, &barLanguage}}) {
+        sub->add_option("--lang", *language, "Texts in en or zh-Hans (default: settings)")
+            ->type_name("LANG")
+            ->check(CLI::IsMember({"en", "zh-Hans"}));
         sub->fallthrough();
     }
 
@@ -409,6 +428,24 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (liveCommand->parsed()) {
         return runLiveCommand(ctx, liveOptions, json);
+    if (statusline->parsed() || bar->parsed()) {
+        const auto language = [](const std::string& l) {
+            return l.empty() ? std::nullopt : std::optional<std::string>(l);
+        };
+        if (statusline->parsed()) {
+            statuslineOptions.json = json;
+            statuslineOptions.colour = statuslineOptions.colour && !nonEmptyEnv("NO_COLOR");
+            statuslineOptions.language = language(statuslineLanguage);
+            // Run by hand on a terminal there is no JSON coming: do not wait for it.
+            statuslineOptions.readInput = !(&in == &std::cin && ::isatty(STDIN_FILENO) == 1);
+            return runStatusline(ctx, statuslineOptions, in);
+        }
+        BarOptions barOptions;
+        barOptions.format = json || barFormat == "json" ? BarFormat::json
+                            : barFormat == "text"       ? BarFormat::text
+                                                        : BarFormat::waybar;
+        barOptions.language = language(barLanguage);
+        return runBar(ctx, barOptions);
     }
     if (enable->parsed() && quotaSwitch) {
         return runIntegrationsQuota(ctx, enableName, *quotaSwitch, json);

@@ -126,6 +126,9 @@ LedgerFilter ledgerFilter(const LedgerQuery& q, std::string_view alias) {
     if (q.projectDisplayName) {
         b.add(a + ".project_display_name=?", *q.projectDisplayName);
     }
+    if (q.sessionKey) {
+        b.add(a + ".session_key=?", *q.sessionKey);
+    }
     if (auto text = searchText(q)) {
         b.search(*text, {a + ".model", "COALESCE(" + a + ".project_display_name,'')",
                          a + ".provider", a + ".source"});
@@ -168,6 +171,9 @@ LedgerFilter coverageFilter(const LedgerQuery& q) {
     }
     if (q.projectDisplayName) {
         b.add("o.project_display_name=?", *q.projectDisplayName);
+    }
+    if (q.sessionKey) {
+        b.add("o.session_key=?", *q.sessionKey);
     }
     if (auto text = searchText(q)) {
         b.search(*text, {"o.model", "COALESCE(o.project_display_name,'')", "o.provider",

@@ -39,6 +39,8 @@ struct LedgerQuery {
     std::optional<std::string> projectDisplayName;
     // Case-insensitive substring of model, project name, provider or source.
     std::optional<std::string> search;
+    // One agent session (its stored session key); only events whose key was kept can match.
+    std::optional<std::string> sessionKey;
 
     bool operator==(const LedgerQuery&) const = default;
 };

@@ -159,7 +159,7 @@ void markAll(sqlite3* db) {
 bool answers(const LedgerQuery& q) {
     const bool searching =
         q.search && q.search->find_first_not_of(" \t\r\n\f\v") != std::string::npos;
-    return !q.projectDisplayName && !searching;
+    return !q.projectDisplayName && !q.sessionKey && !searching;
 }
 
 const char* table(Level level) {

@@ -41,7 +41,7 @@ void refresh(sqlite3* db);
 // costs of a repricing).
 void markAll(sqlite3* db);
 
-// Whether the rollups keep every dimension `query` filters on (not project, not search).
+// Whether the rollups keep every dimension `query` filters on (not project, session or search).
 bool answers(const LedgerQuery& query);
 
 enum class Level { quarter, hour, day };

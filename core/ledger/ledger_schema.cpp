@@ -407,6 +407,14 @@ const std::string_view kVersion5Script =
 #undef KESTREL_ROLLUP_TABLE
 #undef KESTREL_BUCKET_OF
 
+// Partial: most events of agents that keep no session, or of users who keep none, have no key.
+const std::string_view kSessionIndex =
+    "CREATE INDEX IF NOT EXISTS idx_ledger_events_session\n"
+    "  ON ledger_events(session_key, occurred_at) WHERE session_key IS NOT NULL;";
+
+const std::string_view kHasSessionIndex =
+    "SELECT 1 FROM sqlite_master WHERE type='index' AND name='idx_ledger_events_session';";
+
 const std::string_view kAccountsMissingWindowKeys =
     "SELECT account_id, kind, json FROM quota_accounts WHERE account_id IN (SELECT account_id "
     "FROM quota_snapshots WHERE window_key IS NULL);";

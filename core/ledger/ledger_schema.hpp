@@ -50,6 +50,11 @@ extern const std::string_view kVersion4Script;
 // events is marked dirty once, so the first query fills the totals.
 extern const std::string_view kVersion5Script;
 
+// The index behind one session's totals (a status line asks for them every few seconds), and the
+// query that finds it; a row when it exists.
+extern const std::string_view kSessionIndex;
+extern const std::string_view kHasSessionIndex;
+
 // Backfill of window labels and keys of quota snapshots.
 extern const std::string_view kAccountsMissingWindowKeys;
 extern const std::string_view kSnapshotsMissingWindowKey;

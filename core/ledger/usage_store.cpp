@@ -146,10 +146,39 @@ UsageStore::UsageStore(const fs::path& directory)
         throw StoreError(StoreErrorCode::open,
                          "cannot create " + directory.string() + ": " + ec.message());
     }
+    openConnection(SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                   kBusyTimeoutMs);
+    try {
+        migrate();
+    } catch (...) {
+        close();
+        throw;
+    }
+}
 
-    constexpr int kFlags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;
+UsageStore::UsageStore(const fs::path& directory, ReadOnlyLedger readOnly)
+    : path_(directory / kFileName), state_(std::make_unique<State>()) {
+    state_->readOnly = true;
+    openConnection(SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX, readOnly.busyTimeoutMs);
+    int64_t version = 0;
+    try {
+        version = sqlite::userVersion(state_->db);
+    } catch (const StoreError& e) {
+        close();
+        throw StoreError(StoreErrorCode::open, "cannot read " + path_.string() + ": " + e.what());
+    }
+    // An older file lacks tables the queries read; only a writer may bring it up to date.
+    if (version < kSchemaVersion) {
+        close();
+        throw StoreError(StoreErrorCode::migrate,
+                         path_.string() + " needs migrating before it can be read");
+    }
+}
+
+void UsageStore::openConnection(int flags, int busyTimeoutMs) {
+    const bool writing = (flags & SQLITE_OPEN_READWRITE) != 0;
     sqlite3* db = nullptr;
-    const int rc = sqlite3_open_v2(path_.c_str(), &db, kFlags, nullptr);
+    const int rc = sqlite3_open_v2(path_.c_str(), &db, flags, nullptr);
     if (rc != SQLITE_OK) {
         const std::string why = db ? sqlite3_errmsg(db) : sqlite3_errstr(rc);
         sqlite3_close_v2(db);
@@ -157,24 +186,27 @@ UsageStore::UsageStore(const fs::path& directory)
     }
     // SQLite quietly falls back to read-only when the file cannot be opened for writing; the
     // ledger would then fail at its first write, long after the cause is clear.
-    if (sqlite3_db_readonly(db, "main") == 1) {
+    if (writing && sqlite3_db_readonly(db, "main") == 1) {
         sqlite3_close_v2(db);
         throw StoreError(StoreErrorCode::open,
                          "cannot open " + path_.string() + ": the file is read-only");
     }
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    sqlite3_busy_timeout(db, busyTimeoutMs);
     try {
-        // The first statements that read the file: a file that is not a database, or one held
-        // locked by another process, fails here.
-        sqlite::exec(db, "PRAGMA journal_mode=WAL;");
-        sqlite::exec(db, "PRAGMA foreign_keys=ON;");
-        // With a write-ahead log a commit is atomic either way; NORMAL syncs at checkpoints only,
-        // so a power cut can lose the last commits (and their checkpoints with them, so the next
-        // scan reads those records again) but never leaves the ledger half-written.
-        sqlite::exec(db, "PRAGMA synchronous=NORMAL;");
-        // A scan commits hundreds of thousands of rows with random keys in one transaction;
-        // the default 2 MB page cache would spill to the log over and over.
-        sqlite::exec(db, "PRAGMA cache_size=-65536;");
+        if (writing) {
+            // The first statements that read the file: a file that is not a database, or one
+            // held locked by another process, fails here.
+            sqlite::exec(db, "PRAGMA journal_mode=WAL;");
+            sqlite::exec(db, "PRAGMA foreign_keys=ON;");
+            // With a write-ahead log a commit is atomic either way; NORMAL syncs at checkpoints
+            // only, so a power cut can lose the last commits (and their checkpoints with them,
+            // so the next scan reads those records again) but never leaves the ledger
+            // half-written.
+            sqlite::exec(db, "PRAGMA synchronous=NORMAL;");
+            // A scan commits hundreds of thousands of rows with random keys in one
+            // transaction; the default 2 MB page cache would spill to the log over and over.
+            sqlite::exec(db, "PRAGMA cache_size=-65536;");
+        }
         // Every upsert opens a statement journal; in a temporary file that costs dozens of
         // writes per observation.
         sqlite::exec(db, "PRAGMA temp_store=MEMORY;");
@@ -182,14 +214,7 @@ UsageStore::UsageStore(const fs::path& directory)
         sqlite3_close_v2(db);
         throw StoreError(StoreErrorCode::open, "cannot open " + path_.string() + ": " + e.what());
     }
-
     state_->db = db;
-    try {
-        migrate();
-    } catch (...) {
-        close();
-        throw;
-    }
 }
 
 UsageStore::~UsageStore() {
@@ -293,6 +318,14 @@ void UsageStore::migrate() {
         sqlite::exec(db, ledger_schema::kVersion5Script);
         setUserVersion(db, 5);
     });
+
+    // Not a numbered step: any build may add it to a file of any version, and the write lock
+    // is taken only when the index is missing.
+    if (!sqlite::Statement(db, ledger_schema::kHasSessionIndex).step()) {
+        std::lock_guard guard(state_->lock);
+        migrationStep(db, "session index", std::nullopt,
+                      [&] { sqlite::exec(db, ledger_schema::kSessionIndex); });
+    }
 
     {
         std::lock_guard guard(state_->lock);

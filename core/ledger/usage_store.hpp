@@ -27,6 +27,14 @@ namespace kestrel {
 struct PriceTable;
 struct RepriceOutcome;
 
+// Opening the ledger only to read it, for quick glances (a status line, a panel) that must not
+// wait on a scan: no file or folder is created, nothing is migrated or written, and a lock held
+// by another process is waited on for `busyTimeoutMs` at most. Queries then use the rollups only
+// while they are current and read the events otherwise.
+struct ReadOnlyLedger {
+    int busyTimeoutMs = 100;
+};
+
 // What a privacy setting keeps out of the ledger from the moment it is turned off.
 enum class PrivateField { projectName, sessionKey };
 
@@ -39,6 +47,9 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     // Opens or creates `directory`/usage.sqlite (creating the directory) and migrates it.
     // Throws StoreError(open) or StoreError(migrate).
     explicit UsageStore(const std::filesystem::path& directory);
+    // Opens an existing ledger for reading. Throws StoreError(open) when there is none or it
+    // cannot be read, StoreError(migrate) when it is older than this build's schema.
+    UsageStore(const std::filesystem::path& directory, ReadOnlyLedger readOnly);
     ~UsageStore();
     UsageStore(const UsageStore&) = delete;
     UsageStore& operator=(const UsageStore&) = delete;
@@ -91,7 +102,7 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     //
     // Every filter goes through ledgerFilter. Totals over whole quarter hours come from the
     // ledger_rollups table when the filter allows it (time, source, instance, account, provider,
-    // model; not project or search), with the partial quarter hours at the ends of the range
+    // model; not project, session or search), with the partial quarter hours at the ends of the range
     // read from the events; the results equal a full aggregation of the events. Local days and
     // hours are whole runs of quarter hours in every time zone in use today. Each throws
     // StoreError(sql) on failure.
@@ -103,6 +114,8 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     int64_t ledgerEventCount();
     int64_t usageObservationCount(const std::optional<std::string>& integrationInstanceID = {});
     LedgerSummary ledgerSummary(const LedgerQuery& query);
+    // One summary per query, in order, all read from one snapshot of the ledger.
+    std::vector<LedgerSummary> ledgerSummaries(const std::vector<LedgerQuery>& queries);
     std::map<AgentSource, LedgerSummary> ledgerSummariesBySource(const LedgerQuery& query);
     // Heaviest known token total first, then the most expensive, then by name.
     std::vector<LedgerModelSummary> ledgerSummariesByModel(const LedgerQuery& query);
@@ -181,6 +194,7 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     friend struct UsageStoreAccess;  // for core/ledger's own helpers that compound operations
 
     void migrate();
+    void openConnection(int flags, int busyTimeoutMs);
 
     std::filesystem::path path_;
     std::unique_ptr<State> state_;

@@ -13,6 +13,8 @@ namespace kestrel {
 
 struct UsageStore::State {
     sqlite3* db = nullptr;
+    bool readOnly = false;  // opened with ReadOnlyLedger: never writes, rollups only when current
+    bool rollupsCurrent = true;  // as found by the last refreshRollups()
     mutable std::recursive_mutex lock;  // the connection, compound operations, migrations
     std::mutex repricingLock;           // two repricings never interleave
     std::mutex sessionMaterialLock;     // the cached session salt and checkpoint key

@@ -88,9 +88,9 @@ struct Plan {
     std::vector<LedgerQuery> rawPieces;
 };
 
-Plan plan(const LedgerQuery& q) {
+Plan plan(const LedgerQuery& q, bool rollupsCurrent) {
     Plan p;
-    if (!LedgerRollups::answers(q)) {
+    if (!rollupsCurrent || !LedgerRollups::answers(q)) {
         p.rawPieces.push_back(q);
         return p;
     }
@@ -128,11 +128,12 @@ Plan plan(const LedgerQuery& q) {
 
 // Totals per `key` (an SQL expression over events `e`, and the same column of rollup rows `r`).
 template <class Key, class ReadKey>
-std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, const LedgerQuery& query,
+std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, bool rollupsCurrent,
+                                           const LedgerQuery& query,
                                            const std::string& eventKey,
                                            const std::string& rollupKey, ReadKey&& readKey) {
     std::map<Key, LedgerSummary> out;
-    const Plan p = plan(query);
+    const Plan p = plan(query, rollupsCurrent);
     if (p.rollups) {
         for (const auto& run : LedgerRollups::cover(p.firstQuarter, p.endQuarter)) {
             const auto f = LedgerRollups::filter(query, run);
@@ -188,7 +189,8 @@ class LocalStarts {
 // Totals per (local start of the day or hour, key). Rollup hours that a local day or hour
 // boundary cuts (time zones offset by half or quarter hours) are taken by their quarter hours.
 template <class Key, class ReadKey>
-std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, const LedgerQuery& query,
+std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, bool rollupsCurrent,
+                                                            const LedgerQuery& query,
                                                             LedgerBucketUnit unit,
                                                             const std::string& eventKey,
                                                             const std::string& rollupKey,
@@ -198,7 +200,7 @@ std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, const L
     const auto addQuarter = [&](int64_t quarter, Statement& s) {
         out[{localStart(LedgerRollups::quarterStart(quarter)), readKey(s)}] += readSummary(s, 2);
     };
-    const Plan p = plan(query);
+    const Plan p = plan(query, rollupsCurrent);
     if (p.rollups) {
         std::vector<int64_t> cutHours;
         for (const auto& run : LedgerRollups::coverByHours(p.firstQuarter, p.endQuarter)) {
@@ -287,7 +289,16 @@ std::optional<AgentSource> sourceAt(const Statement& s, int column) {
 
 void UsageStore::refreshRollups() {
     std::lock_guard guard(state_->lock);
+    if (state_->readOnly) {
+        // A reader cannot rebuild them: it reads the events wherever they might be behind.
+        Statement dirty(state_->connection(),
+                        "SELECT EXISTS(SELECT 1 FROM ledger_rollup_dirty);");
+        dirty.step();
+        state_->rollupsCurrent = dirty.int64(0) == 0;
+        return;
+    }
     LedgerRollups::refresh(state_->connection());
+    state_->rollupsCurrent = true;
 }
 
 // --- Entries ----------------------------------------------------------------------------------
@@ -403,16 +414,43 @@ int64_t UsageStore::usageObservationCount(const std::optional<std::string>& inst
 LedgerSummary UsageStore::ledgerSummary(const LedgerQuery& query) {
     std::lock_guard guard(state_->lock);
     refreshRollups();
-    const auto byNothing = groupedTotals<int>(state_->connection(), query, "0", "0",
+    const auto byNothing = groupedTotals<int>(state_->connection(), state_->rollupsCurrent, query, "0", "0",
                                               [](const Statement&) { return 0; });
     return byNothing.empty() ? LedgerSummary{} : byNothing.begin()->second;
+}
+
+std::vector<LedgerSummary> UsageStore::ledgerSummaries(const std::vector<LedgerQuery>& queries) {
+    std::lock_guard guard(state_->lock);
+    if (!state_->readOnly) {
+        refreshRollups();  // a write transaction of its own
+    }
+    sqlite3* db = state_->connection();
+    // One read transaction, so that a commit landing between two queries cannot make them
+    // disagree (a session's cost above the day's, say).
+    sqlite::exec(db, "BEGIN;");
+    std::vector<LedgerSummary> out;
+    try {
+        if (state_->readOnly) {
+            refreshRollups();  // whether they are current in this very snapshot
+        }
+        for (const auto& query : queries) {
+            const auto byNothing = groupedTotals<int>(db, state_->rollupsCurrent, query, "0", "0",
+                                                      [](const Statement&) { return 0; });
+            out.push_back(byNothing.empty() ? LedgerSummary{} : byNothing.begin()->second);
+        }
+    } catch (...) {
+        sqlite3_exec(db, "ROLLBACK;", nullptr, nullptr, nullptr);
+        throw;
+    }
+    sqlite::exec(db, "COMMIT;");
+    return out;
 }
 
 std::map<AgentSource, LedgerSummary> UsageStore::ledgerSummariesBySource(const LedgerQuery& query) {
     std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto bySource =
-        groupedTotals<std::string>(state_->connection(), query, "e.source", "r.source",
+        groupedTotals<std::string>(state_->connection(), state_->rollupsCurrent, query, "e.source", "r.source",
                                    [](const Statement& s) { return s.text(0); });
     std::map<AgentSource, LedgerSummary> out;
     for (const auto& [key, summary] : bySource) {
@@ -428,7 +466,7 @@ std::vector<LedgerModelSummary> UsageStore::ledgerSummariesByModel(const LedgerQ
     refreshRollups();
     // Per (model, source); the sources of a model are those that contributed rows.
     const auto rows = groupedTotals<std::pair<std::string, std::string>>(
-        state_->connection(), query, "e.model || char(31) || e.source",
+        state_->connection(), state_->rollupsCurrent, query, "e.model || char(31) || e.source",
         "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(0);
             const auto cut = key.rfind('\x1f');
@@ -465,7 +503,7 @@ std::vector<LedgerTimeBucket> UsageStore::ledgerTimeBuckets(const LedgerQuery& q
     std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto rows =
-        localTotals<std::string>(state_->connection(), query, unit, "e.source", "r.source",
+        localTotals<std::string>(state_->connection(), state_->rollupsCurrent, query, unit, "e.source", "r.source",
                                  [](const Statement& s) { return s.text(1); });
     std::map<std::pair<double, AgentSource>, LedgerSummary> grouped;
     for (const auto& [key, summary] : rows) {
@@ -485,7 +523,7 @@ std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const Ledg
     std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto rows = localTotals<std::pair<std::string, std::string>>(
-        state_->connection(), query, unit, "e.model || char(31) || e.source",
+        state_->connection(), state_->rollupsCurrent, query, unit, "e.model || char(31) || e.source",
         "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(1);
             const auto cut = key.rfind('\x1f');
@@ -510,7 +548,7 @@ std::vector<LedgerDailyTotal> UsageStore::ledgerDailyTotals(double from, double 
     LedgerQuery query;
     query.from = from;
     query.to = to;
-    const auto rows = localTotals<int>(state_->connection(), query, LedgerBucketUnit::day, "0", "0",
+    const auto rows = localTotals<int>(state_->connection(), state_->rollupsCurrent, query, LedgerBucketUnit::day, "0", "0",
                                        [](const Statement&) { return 0; });
     const auto calendar = Calendar::current();
     std::vector<LedgerDailyTotal> out;

@@ -95,6 +95,7 @@ TEST(UsageStoreOpen, NewDirectoryGetsTheCurrentSchema) {
                                          "index idx_usage_observations_account_time",
                                          "index idx_ledger_events_time_id",
                                          "index idx_ledger_events_source_time",
+                                         "index idx_ledger_events_session",
                                          "index idx_ledger_events_account_time",
                                          "index idx_ledger_events_instance_time",
                                          "index idx_ledger_costs_known_amount",
