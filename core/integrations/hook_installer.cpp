@@ -224,16 +224,24 @@ std::vector<HookPulseStamp> readHookPulseStamps(const fs::path& liveDir) {
         if (!text) {
             continue;  // vanished between listing and reading
         }
-        const auto j = nlohmann::json::parse(*text, nullptr, false);
-        if (!j.is_object() || !j.contains("source") || !j["source"].is_string() ||
-            !j.contains("at") || !j["at"].is_number()) {
-            continue;
-        }
-        if (auto agent = fromRawValue<HookAgent>(j["source"].get<std::string>())) {
-            out.push_back({*agent, j["at"].get<double>()});
+        if (auto stamp = parseHookPulse(*text)) {
+            out.push_back(*stamp);
         }
     }
     return out;
+}
+
+std::optional<HookPulseStamp> parseHookPulse(std::string_view text) {
+    const auto j = nlohmann::json::parse(text, nullptr, false);
+    if (!j.is_object() || !j.contains("source") || !j["source"].is_string() || !j.contains("at") ||
+        !j["at"].is_number()) {
+        return std::nullopt;
+    }
+    const auto agent = fromRawValue<HookAgent>(j["source"].get<std::string>());
+    if (!agent) {
+        return std::nullopt;
+    }
+    return HookPulseStamp{*agent, j["at"].get<double>()};
 }
 
 HookInstaller::HookInstaller(fs::path home, fs::path support, bool includesProjectNames,

@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "core/integrations/hook_agent.hpp"
@@ -29,6 +30,9 @@ struct HookPulseStamp {
 
 // The agent and time of every pulse file in `liveDir` that reads as one (others are skipped).
 std::vector<HookPulseStamp> readHookPulseStamps(const std::filesystem::path& liveDir);
+
+// One pulse file's text as a stamp; absent when it is not a pulse of a known agent.
+std::optional<HookPulseStamp> parseHookPulse(std::string_view text);
 
 struct HookInstallAllOutcome {
     std::vector<HookChangeReport> installed;
