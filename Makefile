@@ -1,7 +1,7 @@
 # The two set-up commands of the README: `make run` and `make test`.
 # Both install any missing Debian package first, then configure and build with CMake presets.
 
-.PHONY: run test sanitize deps build build-ci bench format clean
+.PHONY: run test sanitize deps build build-ci build-fuzz fuzz bench format clean
 
 deps:
 	@./scripts/install-deps
@@ -17,8 +17,21 @@ build-ci: deps
 run: build
 	@./build/release/cli/kestrel $(ARGS)
 
+# Then each fuzz harness for a few seconds over its corpus (clang 16 with the sanitizers; the
+# fuzz preset builds the harnesses and the core libraries they use, nothing else).
 test: build-ci
 	@ctest --preset ci
+	@$(MAKE) --no-print-directory build-fuzz
+	@ctest --preset fuzz
+
+build-fuzz: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz
+
+# Every harness for FUZZ_SECONDS (default 300) each; what adds coverage joins tests/fuzz/corpus.
+# FUZZERS="claude codex" runs only those.
+fuzz: build-fuzz
+	@FUZZ_SECONDS=$(or $(FUZZ_SECONDS),300) ./scripts/fuzz.sh $(FUZZERS)
 
 # The whole suite under ASan + UBSan (the dev preset: a debug build). Not part of `test`: it takes
 # far longer. Any UBSan report fails the test it occurs in instead of scrolling past.

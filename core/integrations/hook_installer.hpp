@@ -12,6 +12,7 @@
 #include <optional>
 #include <set>
 #include <span>
+#include <string_view>
 #include <vector>
 
 #include "core/integrations/hook_agent.hpp"

@@ -144,22 +144,6 @@ class QuoteReader {
     bool nextIsRates_ = false;
 };
 
-std::expected<FxQuote, FxError> quoteFromResponse(long status, const std::string& body) {
-    QuoteReader reader;
-    if (status != 200 || !nlohmann::json::sax_parse(body, &reader) || !reader.rootIsObject) {
-        return std::unexpected(FxError::badResponse);
-    }
-    if (reader.cnyKind != QuoteReader::Kind::number &&
-        reader.cnyKind != QuoteReader::Kind::string) {
-        return std::unexpected(FxError::missingRate);
-    }
-    if (const auto e4 = quotedE4(reader.cnyText); !e4) {
-        return std::unexpected(e4.error());
-    }
-    return FxQuote{std::string(trimmed(reader.cnyText, kDecimalBlanks)), std::move(reader.date),
-                   std::string(kSource)};
-}
-
 bool curlReady() {
     static std::once_flag once;
     static bool ready = false;
@@ -185,6 +169,22 @@ struct SlistCleanup {
 };
 
 }  // namespace
+
+std::expected<FxQuote, FxError> quoteFromResponse(long status, const std::string& body) {
+    QuoteReader reader;
+    if (status != 200 || !nlohmann::json::sax_parse(body, &reader) || !reader.rootIsObject) {
+        return std::unexpected(FxError::badResponse);
+    }
+    if (reader.cnyKind != QuoteReader::Kind::number &&
+        reader.cnyKind != QuoteReader::Kind::string) {
+        return std::unexpected(FxError::missingRate);
+    }
+    if (const auto e4 = quotedE4(reader.cnyText); !e4) {
+        return std::unexpected(e4.error());
+    }
+    return FxQuote{std::string(trimmed(reader.cnyText, kDecimalBlanks)), std::move(reader.date),
+                   std::string(kSource)};
+}
 
 std::optional<int64_t> parseInput(std::string_view text) {
     std::string normalized(trimmed(text, " \t\n\r\v\f"));

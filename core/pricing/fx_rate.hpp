@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <expected>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "core/pricing/fx_quote.hpp"
@@ -36,6 +37,9 @@ std::optional<int64_t> parseInput(std::string_view text);
 // to call from several threads at once.
 std::expected<FxQuote, FxError> fetchUSDToCNY(std::string_view url = kDefaultURL,
                                               std::chrono::milliseconds timeout = kDefaultTimeout);
+
+// The quote in one response to such a GET, by the rules above: `status` is the HTTP status.
+std::expected<FxQuote, FxError> quoteFromResponse(long status, const std::string& body);
 
 // The two settings values a rate change touches. fxVersion is copied onto stored events, so it
 // moves exactly when the rate does.

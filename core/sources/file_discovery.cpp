@@ -59,11 +59,21 @@ struct Walker {
             }
             struct stat st {};
             if (::stat(path.c_str(), &st) != 0) {
-                continue;  // dangling link, vanished file, no permission
+                // A link that leads back to itself hides whatever it was meant to name; said,
+                // so that the user can tell why files may be missing. Dangling links, vanished
+                // files and closed permissions are passed over quietly.
+                if (errno == ELOOP) {
+                    report(path, ELOOP, "a loop of symbolic links");
+                }
+                continue;
             }
             if (S_ISDIR(st.st_mode)) {
                 if (ancestors.contains({st.st_dev, st.st_ino})) {
-                    continue;  // a link back up: the loop closes here
+                    // A link back up: the loop closes here. Nothing below it is missed (its
+                    // folder is being walked already), but the list is named as cut short so
+                    // that the link shows up in the scan's errors.
+                    report(path, ELOOP, "a symbolic link back to a folder above it, not followed");
+                    continue;
                 }
                 if (depth >= options.maxDepth || folderBudget == 0) {
                     report(path, 0,

@@ -1,7 +1,8 @@
 #pragma once
 // Finding agents' files below a root without trusting the tree: symbolic links to folders are
-// followed once (a loop is cut where it closes), sockets, FIFOs and devices are ignored, and
-// unreadable folders are skipped (and reported, so that a caller knows the list is partial).
+// followed once (a loop is cut where it closes, and reported), sockets, FIFOs and devices are
+// ignored, and unreadable folders are skipped (and reported, so that a caller knows the list is
+// partial).
 
 #include <filesystem>
 #include <functional>
@@ -16,8 +17,9 @@ struct DiscoveryOptions {
     std::function<bool(const std::filesystem::path&)> accept;
     int maxDepth = 32;  // deeper trees are not agents' data
     // When set, receives one entry per folder whose files could not all be listed: unreadable,
-    // failing part-way, or cut off by the depth or folder limits. A folder that vanished while
-    // being walked is not an error: its files are gone.
+    // failing part-way, or cut off by the depth or folder limits; and one per symbolic link that
+    // closes a loop (errno ELOOP, the link's path). A folder that vanished while being walked is
+    // not an error: its files are gone.
     std::vector<FileError>* errors = nullptr;
 };
 

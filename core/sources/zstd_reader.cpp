@@ -1,11 +1,15 @@
 #include "core/sources/zstd_reader.hpp"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zstd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -115,13 +119,53 @@ FileError damaged(const std::filesystem::path& path, std::size_t code) {
 
 }  // namespace
 
+uint64_t contentCap(uint64_t compressedBytes) {
+    if (compressedBytes > std::numeric_limits<uint64_t>::max() / kMaxExpansion) {
+        return std::numeric_limits<uint64_t>::max();
+    }
+    return std::max(kMinContentCap, compressedBytes * kMaxExpansion);
+}
+
 std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path& path,
                                                      const JSONL::LineHandler& onLine,
-                                                     std::size_t maxLineBytes) {
-    std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
-    if (!file) {
+                                                     std::size_t maxLineBytes,
+                                                     std::optional<uint64_t> maxContentBytes) {
+    // Opened without blocking and then checked: a FIFO put in the archive's place between the
+    // listing and this read must not stall the scan.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
         return std::unexpected(fileErrorFromErrno(path.string(), "open"));
     }
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) {
+        auto error = fileErrorFromErrno(path.string(), "stat");
+        ::close(fd);
+        return std::unexpected(std::move(error));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(fd);
+        return std::unexpected(FileError{path.string(), "open", 0, "not a regular file"});
+    }
+    std::unique_ptr<std::FILE, FileCloser> file(::fdopen(fd, "rb"));
+    if (!file) {
+        auto error = fileErrorFromErrno(path.string(), "open");
+        ::close(fd);
+        return std::unexpected(std::move(error));
+    }
+    if (!maxContentBytes) {
+        maxContentBytes = contentCap(static_cast<uint64_t>(st.st_size));
+    }
+    uint64_t content = 0;
+    // Checked before each chunk is split into lines, so that nothing past the cap is handed out.
+    const auto pastCap = [&](std::size_t produced) -> std::optional<FileError> {
+        content += produced;
+        if (content <= *maxContentBytes) {
+            return std::nullopt;
+        }
+        return FileError{path.string(), "decompress", EFBIG,
+                         "the content grows past " + std::to_string(*maxContentBytes) +
+                             " bytes (a decompression bomb?)"};
+    };
     std::unique_ptr<ZSTD_DStream, StreamFreer> stream(ZSTD_createDStream());
     if (!stream || ZSTD_isError(ZSTD_initDStream(stream.get()))) {
         return std::unexpected(FileError{path.string(), "decompress", ENOMEM, {}});
@@ -147,6 +191,9 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
             if (ZSTD_isError(pending)) {
                 return std::unexpected(damaged(path, pending));
             }
+            if (auto tooLarge = pastCap(output.pos)) {
+                return std::unexpected(std::move(*tooLarge));
+            }
             splitter.feed(out.data(), output.pos);
         }
         // The decoder may still hold output for input it has fully taken in.
@@ -161,6 +208,9 @@ std::expected<JSONL::ReadEnd, FileError> forEachLine(const std::filesystem::path
                 break;  // nothing held back; after a finished frame the hint is the next header
             }
             pending = hint;
+            if (auto tooLarge = pastCap(output.pos)) {
+                return std::unexpected(std::move(*tooLarge));
+            }
             splitter.feed(out.data(), output.pos);
             if (output.pos < output.size) {
                 break;

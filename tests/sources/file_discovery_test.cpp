@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -90,7 +91,36 @@ TEST_F(FileDiscoveryTest, SymlinkLoopsTerminate) {
     EXPECT_EQ(jsonl(), (Paths{a, b}));
     std::vector<FileError> errors;
     (void)discoverFilesWithSuffix(root(), ".jsonl", &errors);
-    EXPECT_TRUE(errors.empty()) << "a closed loop is not a partial list";
+    // Each link that closes a loop is named, the dangling one is not.
+    std::vector<std::string> named;
+    for (const auto& e : errors) {
+        EXPECT_EQ(e.errorNumber, ELOOP) << e.description();
+        named.push_back(e.path);
+    }
+    std::ranges::sort(named);
+    EXPECT_EQ(named, (std::vector<std::string>{(root() / "d/e/grand").string(),
+                                               (root() / "d/e/self").string(),
+                                               (root() / "d/up").string()}));
+}
+
+TEST_F(FileDiscoveryTest, LinkToItselfIsReportedByPath) {
+    const auto a = file("a.jsonl");
+    link("self.jsonl", "self.jsonl");
+    link("ring1", "ring2");
+    link("ring2", "ring1");
+    std::vector<FileError> errors;
+    EXPECT_EQ(discoverFilesWithSuffix(root(), ".jsonl", &errors), (Paths{a}));
+    ASSERT_EQ(errors.size(), 3u);
+    std::vector<std::string> named;
+    for (const auto& e : errors) {
+        EXPECT_EQ(e.errorNumber, ELOOP);
+        EXPECT_NE(e.description().find(e.path), std::string::npos) << e.description();
+        named.push_back(e.path);
+    }
+    std::ranges::sort(named);
+    EXPECT_EQ(named, (std::vector<std::string>{(root() / "ring1").string(),
+                                               (root() / "ring2").string(),
+                                               (root() / "self.jsonl").string()}));
 }
 
 TEST_F(FileDiscoveryTest, FollowsLinksOutsideRootAndIgnoresDanglingOnes) {
