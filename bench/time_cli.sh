@@ -1,27 +1,31 @@
 #!/usr/bin/env bash
 # Times the command line over a synthetic home of about 1 GB (Claude Code and Codex records):
-#   (a) `kestrel scan` into a fresh, empty ledger: wall time and peak RSS;
+#   (a) `kestrel scan` into a fresh, empty ledger: wall time, CPU time (user + system; on a busy
+#       machine the steadier figure) and peak RSS;
 #   (b) a second scan of the same home with nothing changed;
 #   (c) `kestrel watch`: from appending one assistant line to a transcript until the watcher
 #       prints its "+1 event" line; then SIGINT must end it with status 0 within 5 s.
 # Each is run N times; the table shows the median, min and max. "Cold" means an empty ledger,
 # not an empty page cache: the corpus is read once beforehand so that every run finds it cached.
 #
-# usage: bench/time_cli.sh [--runs N] [--size 1G] [--json]
+# usage: bench/time_cli.sh [--runs N] [--size 1G] [--json] [--kestrel PATH]
 # The home is written once to ${KESTREL_BENCH_DIR:-/tmp/kestrel-bench}/home and reused while its
-# size and seed stay the same.
+# size and seed stay the same. --kestrel times another build of the command (a copy of an older
+# one, to compare in one sitting); the release build is timed otherwise.
 set -euo pipefail
 
 runs=5
 size=1G
 seed=1
 json=0
+kestrel_arg=""
 while [ $# -gt 0 ]; do
   case "$1" in
     --runs) runs=${2:?--runs needs a number}; shift 2 ;;
     --size) size=${2:?--size needs a size such as 1G}; shift 2 ;;
     --json) json=1; shift ;;
-    -h|--help) sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --kestrel) kestrel_arg=${2:?--kestrel needs a path}; shift 2 ;;
+    -h|--help) sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "time_cli.sh: unknown argument $1 (try --help)" >&2; exit 2 ;;
   esac
 done
@@ -39,6 +43,9 @@ home=$bench_dir/home
 support=$bench_dir/support
 kestrel=$repo/build/release/cli/kestrel
 gen=$repo/build/release/tools/kestrel-gen-home
+if [ -n "$kestrel_arg" ]; then
+  kestrel=$(cd "$(dirname "$kestrel_arg")" && pwd)/$(basename "$kestrel_arg")
+fi
 
 say() { echo "time_cli: $*" >&2; }  # progress goes to stderr, so that --json output stays clean
 
@@ -46,6 +53,7 @@ say() { echo "time_cli: $*" >&2; }  # progress goes to stderr, so that --json ou
 say "building the release targets"
 (cd "$repo" && cmake --preset release >/dev/null &&
    cmake --build --preset release --target kestrel kestrel-gen-home) >&2
+if [ ! -x "$kestrel" ]; then echo "time_cli.sh: $kestrel is not an executable" >&2; exit 2; fi
 
 # --- corpus -------------------------------------------------------------------------------------
 mkdir -p "$bench_dir"
@@ -75,23 +83,24 @@ stats() { sort -g | awk '{ v[NR] = $1 } END {
   m = NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2; print m, v[1], v[NR] }'; }
 
 # --- (a) and (b) -------------------------------------------------------------------------------
-cold_s=() cold_kb=() warm_s=() warm_kb=()
+cold_s=() cold_kb=() cold_cpu=() warm_s=() warm_kb=()
 codex_found=""
 for ((i = 1; i <= runs; i++)); do
   rm -rf "$support"
   mkdir -p "$support"
   for phase in cold warm; do
-    if ! /usr/bin/time -f '%e %M' -o "$bench_dir/time.txt" \
+    if ! /usr/bin/time -f '%e %M %U %S' -o "$bench_dir/time.txt" \
          "${clean_env[@]}" "$kestrel" scan --json --yes --home "$home" --support-dir "$support" \
          >"$bench_dir/scan.json" 2>"$bench_dir/scan.err"; then
       say "kestrel scan failed (run $i, $phase):"
       cat "$bench_dir/scan.err" >&2
       exit 1
     fi
-    read -r seconds kb <"$bench_dir/time.txt"
-    say "run $i: $phase scan ${seconds} s, peak RSS ${kb} KB"
+    read -r seconds kb user sys <"$bench_dir/time.txt"
+    cpu=$(awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.2f", u + s }')
+    say "run $i: $phase scan ${seconds} s (CPU ${cpu} s), peak RSS ${kb} KB"
     if [ "$phase" = cold ]; then
-      cold_s+=("$seconds") cold_kb+=("$kb")
+      cold_s+=("$seconds") cold_kb+=("$kb") cold_cpu+=("$cpu")
       if [ -z "$codex_found" ]; then
         codex_found=$(awk '/"source": "codex"/ { c = 1 } c && /"events"/ { gsub(/[^0-9]/, ""); print; exit }' \
           "$bench_dir/scan.json")
@@ -190,6 +199,7 @@ done
 # --- report -------------------------------------------------------------------------------------
 read -r cs_med cs_min cs_max < <(printf '%s\n' "${cold_s[@]}" | stats)
 read -r ck_med ck_min ck_max < <(printf '%s\n' "${cold_kb[@]}" | stats)
+read -r cc_med cc_min cc_max < <(printf '%s\n' "${cold_cpu[@]}" | stats)
 read -r ws_med ws_min ws_max < <(printf '%s\n' "${warm_s[@]}" | stats)
 read -r wk_med wk_min wk_max < <(printf '%s\n' "${warm_kb[@]}" | stats)
 if [ "${#latency_ms[@]}" -gt 0 ]; then
@@ -208,6 +218,7 @@ if [ "$json" -eq 1 ]; then
   "corpusBytes": ${corpus_bytes:-null},
   "cpus": $(nproc),
   "coldScan": {"seconds": {"median": $cs_med, "min": $cs_min, "max": $cs_max},
+               "cpuSeconds": {"median": $cc_med, "min": $cc_min, "max": $cc_max},
                "peakRssKB": {"median": $ck_med, "min": $ck_min, "max": $ck_max}},
   "unchangedScan": {"seconds": {"median": $ws_med, "min": $ws_min, "max": $ws_max},
                     "peakRssKB": {"median": $wk_med, "min": $wk_min, "max": $wk_max}},
@@ -222,6 +233,7 @@ else
        "$runs runs; $(nproc) CPUs"
   printf '%-26s %10s %10s %10s\n' "" median min max
   printf '%-26s %10s %10s %10s\n' "cold scan (s)" "$cs_med" "$cs_min" "$cs_max"
+  printf '%-26s %10s %10s %10s\n' "cold scan CPU (s)" "$cc_med" "$cc_min" "$cc_max"
   printf '%-26s %10s %10s %10s\n' "cold scan peak RSS (MB)" "$(mb "$ck_med")" "$(mb "$ck_min")" "$(mb "$ck_max")"
   printf '%-26s %10s %10s %10s\n' "unchanged scan (s)" "$ws_med" "$ws_min" "$ws_max"
   printf '%-26s %10s %10s %10s\n' "unchanged peak RSS (MB)" "$(mb "$wk_med")" "$(mb "$wk_min")" "$(mb "$wk_max")"

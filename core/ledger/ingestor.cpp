@@ -2,11 +2,16 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <iterator>
+#include <thread>
 #include <unordered_map>
 
+#include "core/ledger/bounded_queue.hpp"
 #include "core/ledger/event_finishing.hpp"
+#include "core/ledger/ledger_validator.hpp"
 #include "core/ledger/usage_batch_builder.hpp"
 #include "core/ledger/usage_merge.hpp"
 #include "core/model/timestamp.hpp"
@@ -57,7 +62,79 @@ class MergedEvents {
     int64_t produced_ = 0;
 };
 
+// Shares waiting for the committer; the reader waits when it is this far ahead.
+constexpr std::size_t kSharesInFlight = 2;
+
 }  // namespace
+
+// Whole files' usage with those files' checkpoints: what one commit writes.
+struct Ingestor::PendingShare {
+    std::vector<UsageEvent> events;
+    std::vector<SourceCheckpoint> checkpoints;
+    std::optional<AccountSnapshot> quota;  // the newest reading found in these files
+    std::optional<AgentSource> replacing;  // a full rescan of this source
+};
+
+// What the commits of one source came to.
+struct Ingestor::ShareTally {
+    struct Verdict {
+        bool eligible = false;
+        int64_t findings = 0;
+    };
+    std::unordered_map<std::string, Verdict> verdicts;  // by observation id, the latest one
+    int64_t adapterIssues = 0;
+    int64_t duplicateRuns = 0;
+    bool committed = false;
+    bool replaced = false;
+    bool quotaSaved = false;
+    std::vector<SourceCheckpoint> checkpoints;  // the ones committed
+    std::exception_ptr error;                   // the commit that failed; none came after it
+};
+
+// Commits the shares of one source on its own thread, in the order they were handed over.
+class Ingestor::ShareCommitter {
+  public:
+    using Commit = std::function<void(PendingShare&, ShareTally&)>;
+
+    explicit ShareCommitter(Commit commit)
+        : commit_(std::move(commit)), thread_([this] { run(); }) {}
+    ~ShareCommitter() { finish(); }
+    ShareCommitter(const ShareCommitter&) = delete;
+    ShareCommitter& operator=(const ShareCommitter&) = delete;
+
+    // Queues `share`, waiting while the committer is behind; false once a commit failed.
+    bool submit(PendingShare share) { return queue_.push(std::move(share)); }
+
+    // Drops the shares not yet committed (the one being written still lands whole).
+    void abandon() { queue_.abandon(); }
+
+    // Waits for the queued shares to be committed; returns what they came to.
+    ShareTally finish() {
+        queue_.close();
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+        return std::move(tally_);
+    }
+
+  private:
+    void run() {
+        while (auto share = queue_.pop()) {
+            try {
+                commit_(*share, tally_);
+            } catch (...) {
+                tally_.error = std::current_exception();
+                queue_.abandon();
+                return;
+            }
+        }
+    }
+
+    Commit commit_;
+    BoundedQueue<PendingShare> queue_{kSharesInFlight};
+    ShareTally tally_;  // written by the committing thread only, read after it ended
+    std::thread thread_;
+};
 
 // One chosen source between discovery and reading.
 struct Ingestor::Planned {
@@ -247,17 +324,35 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
 
     const double startedAt = epochNow();
     const auto& reader = planned.reader;
+    PriceTable prices;
+    {
+        std::lock_guard guard(stateMutex_);
+        prices = prices_;
+    }
+    // Reading and committing overlap: this thread reads and parses while the committer writes
+    // the share before. Each share carries whole files with their checkpoints, so every commit
+    // leaves the ledger as a scan that stopped after those files would; a full rescan is one
+    // share, since its removals need every file's usage in one run.
+    ShareCommitter committer([&](PendingShare& share, ShareTally& tally) {
+        commitShare(planned, settings, prices, startedAt, share, tally);
+    });
+    PendingShare share;
     MergedEvents events;
     std::vector<UsageEvent> fileEvents;
-    std::vector<SourceCheckpoint> checkpoints;
-    std::optional<AccountSnapshot> quota;
     bool formatChanged = false;
     bool readFailed = false;
     std::set<std::pair<uint64_t, uint64_t>> identities;
+    auto handOver = [&] {
+        share.events = std::move(events.events());
+        events.release();
+        const bool accepted = committer.submit(std::move(share));
+        share = PendingShare{};
+        return accepted;
+    };
 
     for (std::size_t i = 0; i < planned.files.size(); ++i) {
         if (stop.stop_requested()) {
-            throw ScanCancelled();
+            break;
         }
         const auto& file = planned.files[i];
         std::optional<SourceCheckpoint> previous;
@@ -338,84 +433,117 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
             events.add(std::move(e));
         }
         // Several files may carry a quota reading; the newest one is the account's state.
-        if (result->quota && (!quota || result->quota->fetchedAt >= quota->fetchedAt)) {
-            quota = std::move(result->quota);
+        if (result->quota && (!share.quota || result->quota->fetchedAt >= share.quota->fetchedAt)) {
+            share.quota = std::move(result->quota);
         }
         result->checkpoint.fileStamp = decision.fileStamp;
-        checkpoints.push_back(std::move(result->checkpoint));
+        share.checkpoints.push_back(std::move(result->checkpoint));
+        if (!force && events.events().size() >= eventsPerShare_ && !handOver()) {
+            break;  // the committer failed: reading on would be wasted
+        }
     }
     report.events = events.produced();
-    progress.files += report.filesRead;
-    progress.events += report.events;
 
-    if (stop.stop_requested()) {
-        throw ScanCancelled();  // before the commit: the source is read again next time
-    }
-    // The quota reading goes in before the commit that moves the checkpoints past the lines it
-    // came from: stopped in between, the next scan reads those lines again and stores the same
-    // reading, where in the other order the reading would be lost for good.
-    handleQuota(planned, report, progress, quota);
+    // The last share, unless the scan is being cancelled: then it is read again next time.
     // Nothing new and no rescan asked for: the ledger stays exactly as it was.
-    if (!checkpoints.empty() || force) {
-        PriceTable prices;
-        {
-            std::lock_guard guard(stateMutex_);
-            prices = prices_;
-        }
-        // Readers leave pricing and the privacy settings to this one place.
-        for (auto& event : events.events()) {
-            event = finishEvent(std::move(event), settings, prices);
-        }
-        const double completedAt = epochNow();
-        AdapterCheckpoint adapterCheckpoint;
-        adapterCheckpoint.adapterID = std::string(rawValue(planned.source));
-        adapterCheckpoint.parserVersion = reader.parserVersion;
-        adapterCheckpoint.updatedAt = completedAt;
-        std::optional<UsageBatch> batch = UsageBatchBuilder::batch(
-            UsageBatchBuilder::newRunID(adapterCheckpoint.adapterID, startedAt),
-            adapterCheckpoint.adapterID, planned.source, events.events(), startedAt, completedAt,
-            settings.storeSession, adapterCheckpoint);
-        // The batch holds everything the commit needs; the events would only double the peak.
-        events.release();
-        // A full rescan removes what the files no longer prove; with a file unread that would
-        // remove usage that is still there, so the commit then only adds.
-        std::optional<AgentSource> replacing;
+    const bool cancelled = stop.stop_requested();
+    if (!cancelled && (!share.checkpoints.empty() || force)) {
         if (force) {
+            // A full rescan removes what the files no longer prove; with a file unread that
+            // would remove usage that is still there, so the commit then only adds.
             if (report.errors.empty()) {
-                replacing = planned.source;
+                share.replacing = planned.source;
             } else {
                 report.replaceWithheld = true;
             }
         }
-        std::optional<LedgerIngestOutcome> outcome;
-        try {
-            outcome = store_.ingest({}, checkpoints, replacing, batch);
-        } catch (...) {
-            checkpointCache_.erase(planned.source);  // what the ledger holds is read again
-            throw;
+        handOver();
+    }
+    if (cancelled) {
+        committer.abandon();
+    }
+    ShareTally tally = committer.finish();
+    // The checkpoints the ledger now holds, whatever happens next.
+    auto& cached = checkpointCache_[planned.source];
+    for (auto& checkpoint : tally.checkpoints) {
+        auto id = checkpoint.stableID;
+        cached.insert_or_assign(std::move(id), std::move(checkpoint));
+    }
+    if (tally.error) {
+        checkpointCache_.erase(planned.source);  // what the ledger holds is read again
+        std::rethrow_exception(tally.error);
+    }
+    progress.files += report.filesRead;
+    progress.events += report.events;
+    report.quotaSaved = tally.quotaSaved;
+    progress.quotaChanged = progress.quotaChanged || tally.quotaSaved;
+    if (cancelled) {
+        throw ScanCancelled();  // what was committed stays; the rest is read again next time
+    }
+    report.committed = tally.committed;
+    report.replaced = tally.replaced;
+    if (tally.committed) {
+        for (const auto& [id, verdict] : tally.verdicts) {
+            ++(verdict.eligible ? report.counts.accepted : report.counts.rejected);
+            report.counts.coverageIssues += verdict.findings;
         }
-        auto& cached = checkpointCache_[planned.source];
-        for (auto& checkpoint : checkpoints) {
-            auto id = checkpoint.stableID;
-            cached.insert_or_assign(std::move(id), std::move(checkpoint));
-        }
-        report.committed = true;
-        report.replaced = replacing.has_value();
-        if (outcome) {
-            report.counts.accepted = outcome->ledgerEventCount;
-            report.counts.rejected = outcome->observationCount - outcome->ledgerEventCount;
-            report.counts.conflicts = outcome->duplicateRun ? 1 : 0;
-            report.counts.coverageIssues = outcome->coverageIssueCount;
-        }
-        if (report.counts.accepted > 0 || report.replaced) {
-            progress.changed = true;
-        }
+        report.counts.coverageIssues += tally.adapterIssues;
+        report.counts.conflicts = tally.duplicateRuns;
+    }
+    if (report.counts.accepted > 0 || report.replaced) {
+        progress.changed = true;
     }
     report.status = decideStatus(planned, report, formatChanged);
     if (readFailed) {
         report.status = SourceStatus::readError;
     }
     return report;
+}
+
+void Ingestor::commitShare(Planned& planned, const AppSettings& settings, const PriceTable& prices,
+                           double startedAt, PendingShare& share, ShareTally& tally) {
+    // The quota reading goes in before the commit that moves the checkpoints past the lines it
+    // came from: stopped in between, the next scan reads those lines again and stores the same
+    // reading, where in the other order the reading would be lost for good.
+    if (share.quota) {
+        SourceScanReport quotaReport;
+        ScanProgress quotaProgress;
+        handleQuota(planned, quotaReport, quotaProgress, share.quota);
+        tally.quotaSaved = tally.quotaSaved || quotaReport.quotaSaved;
+    }
+    // Readers leave pricing and the privacy settings to this one place.
+    for (auto& event : share.events) {
+        event = finishEvent(std::move(event), settings, prices);
+    }
+    const double completedAt = epochNow();
+    AdapterCheckpoint adapterCheckpoint;
+    adapterCheckpoint.adapterID = std::string(rawValue(planned.source));
+    adapterCheckpoint.parserVersion = planned.reader.parserVersion;
+    adapterCheckpoint.updatedAt = completedAt;
+    std::optional<UsageBatch> batch = UsageBatchBuilder::batch(
+        UsageBatchBuilder::newRunID(adapterCheckpoint.adapterID, startedAt),
+        adapterCheckpoint.adapterID, planned.source, share.events, startedAt, completedAt,
+        settings.storeSession, adapterCheckpoint);
+    // The batch holds everything the commit needs; the events would only double the peak.
+    std::vector<UsageEvent>().swap(share.events);
+    // A usage met in several shares is one observation: its counts follow its latest verdict,
+    // as they would after one commit of the whole source.
+    for (const auto& o : batch->observations) {
+        const auto verdict = LedgerValidator::validate(o);
+        tally.verdicts.insert_or_assign(
+            o.id, ShareTally::Verdict{verdict.isLedgerEligible,
+                                      static_cast<int64_t>(verdict.findings.size())});
+    }
+    const auto outcome = store_.ingest({}, share.checkpoints, share.replacing, batch);
+    tally.committed = true;
+    tally.replaced = tally.replaced || share.replacing.has_value();
+    if (outcome) {
+        tally.duplicateRuns += outcome->duplicateRun ? 1 : 0;
+        tally.adapterIssues += static_cast<int64_t>(batch->coverageIssues.size());
+    }
+    for (auto& checkpoint : share.checkpoints) {
+        tally.checkpoints.push_back(std::move(checkpoint));
+    }
 }
 
 void Ingestor::handleQuota(Planned& planned, SourceScanReport& report, ScanProgress& progress,
@@ -495,6 +623,10 @@ void Ingestor::setPrices(PriceTable prices) {
 void Ingestor::setProgressReporter(FileProgress reporter) {
     std::lock_guard guard(stateMutex_);
     progressReporter_ = std::move(reporter);
+}
+
+void Ingestor::setEventsPerCommit(std::size_t events) {
+    eventsPerShare_ = std::max<std::size_t>(events, 1);
 }
 
 void Ingestor::setPaused(bool paused) {

@@ -66,6 +66,10 @@ class Ingestor {
     // Replaces the prices used from the next scan on.
     void setPrices(PriceTable prices);
     void setProgressReporter(FileProgress reporter);
+    // A source's usage is committed in shares of whole files once this many usages gathered
+    // (a full rescan excepted, which commits once). Small shares let tests reach several commits
+    // with a few records.
+    void setEventsPerCommit(std::size_t events);
     // While paused (a rebuild of the database), scans mark their sources paused and commit
     // nothing.
     void setPaused(bool paused);
@@ -76,6 +80,9 @@ class Ingestor {
 
   private:
     struct Planned;
+    struct PendingShare;
+    struct ShareTally;
+    class ShareCommitter;
 
     std::vector<AgentSource> chooseSources(const std::filesystem::path& home,
                                            const std::optional<std::set<AgentSource>>& sources,
@@ -85,6 +92,9 @@ class Ingestor {
     SourceScanReport scanSource(Planned& planned, const AppSettings& settings, bool force,
                                 const FileProgress& onFileProgress, std::stop_token& stop,
                                 ScanProgress& progress);
+    // Writes one share of a source's usage; runs on the source's committing thread.
+    void commitShare(Planned& planned, const AppSettings& settings, const PriceTable& prices,
+                     double startedAt, PendingShare& share, ShareTally& tally);
     void handleQuota(Planned& planned, SourceScanReport& report, ScanProgress& progress,
                      const std::optional<AccountSnapshot>& found);
     SourceStatus decideStatus(const Planned& planned, const SourceScanReport& report,
@@ -106,6 +116,9 @@ class Ingestor {
     // then kept in step with every commit, so that a scan started by a watcher batch does not
     // read and decode every checkpoint of the source again. Used by the scanning thread only.
     std::map<AgentSource, std::map<std::string, SourceCheckpoint>> checkpointCache_;
+    // Large enough that a commit's fixed costs do not matter, small enough that the shares in
+    // flight stay a few megabytes however large the source.
+    std::size_t eventsPerShare_ = 8192;
     std::atomic<bool> paused_{false};
     std::atomic<int64_t> liveCompleted_{0};
     std::atomic<int64_t> liveTotal_{0};

@@ -203,9 +203,11 @@ void UsageStore::openConnection(int flags, int busyTimeoutMs) {
             // so the next scan reads those records again) but never leaves the ledger
             // half-written.
             sqlite::exec(db, "PRAGMA synchronous=NORMAL;");
-            // A scan commits hundreds of thousands of rows with random keys in one
-            // transaction; the default 2 MB page cache would spill to the log over and over.
-            sqlite::exec(db, "PRAGMA cache_size=-65536;");
+            // A scan commits thousands of rows with random keys per transaction; the default
+            // 2 MB page cache would spill to the log over and over. 16 MB holds the pages one
+            // commit of a scan's share writes, and keeps a first scan of a large home within its
+            // memory budget.
+            sqlite::exec(db, "PRAGMA cache_size=-16384;");
         }
         // Every upsert opens a statement journal; in a temporary file that costs dozens of
         // writes per observation.

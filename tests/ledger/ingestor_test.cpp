@@ -11,6 +11,7 @@
 #include "core/integrations/in_memory_instance_repository.hpp"
 #include "core/integrations/integration_instance_coordinator.hpp"
 #include "core/sources/claude_parser.hpp"
+#include "tests/support/ledger_connection.hpp"
 #include "tests/support/temp_dir.hpp"
 #include "tests/support/unprivileged.hpp"
 #include "tools/agent_corpus/misc_corpus.hpp"
@@ -352,6 +353,74 @@ TEST_F(IngestorTest, CancellationLeavesTheLedgerAsCommittedSoFar) {
     const auto next = scan();
     EXPECT_EQ(next.events, 2);
     EXPECT_EQ(ledgerEvents(AgentSource::codex), 2);
+}
+
+// A source's usage is committed in shares of whole files while the reading goes on; however
+// the files fall into shares, the ledger and the counts are those of one commit of the source.
+TEST_F(IngestorTest, CommittingInSharesGivesTheLedgerOfOneCommit) {
+    // "dup" is one usage logged twice: early with a placeholder count, complete in a later file.
+    home.write(".claude/projects/p/a.jsonl", claudeLine("a1", 1) + claudeLine("dup", 1));
+    home.write(".claude/projects/p/b.jsonl", claudeLine("b1", 2) + claudeLine("b2", 4));
+    home.write(".claude/projects/p/c.jsonl", claudeLine("c1", 8) + claudeLine("dup", 16));
+    const std::set<AgentSource> claude{AgentSource::claude};
+
+    std::optional<SourceScanReport> reference;
+    for (std::size_t perCommit : {std::size_t{8192}, std::size_t{1}, std::size_t{2}, std::size_t{3}}) {
+        SCOPED_TRACE("usages per commit: " + std::to_string(perCommit));
+        TempDir ledger;
+        UsageStore own(ledger.path());
+        Ingestor reader(own, PriceTable::bundled(), nullptr);
+        reader.setEventsPerCommit(perCommit);
+        reader.scan(home.path(), settings, claude, false);
+        const auto report = reader.lastReports().at(0);
+        EXPECT_EQ(report.counts.accepted, 5) << "one observation per usage, not per share";
+        EXPECT_EQ(report.counts.rejected, 0);
+        EXPECT_EQ(report.events, 6);
+        EXPECT_TRUE(report.committed);
+        const auto summary = own.ledgerSummariesBySource({});
+        ASSERT_EQ(summary.count(AgentSource::claude), 1u);
+        EXPECT_EQ(summary.at(AgentSource::claude).eventCount, 5);
+        EXPECT_EQ(summary.at(AgentSource::claude).outputVisible, 1 + 2 + 4 + 8 + 16);
+        if (!reference) {
+            reference = report;
+        } else {
+            EXPECT_EQ(report.counts, reference->counts);
+        }
+        // Every file's checkpoint landed: nothing is read again.
+        reader.scan(home.path(), settings, claude, false);
+        EXPECT_EQ(reader.lastReports().at(0).filesUnchanged, 3);
+        EXPECT_EQ(reader.lastReports().at(0).filesRead, 0);
+    }
+}
+
+// A commit that fails in the middle of a source keeps the shares committed before it, with their
+// checkpoints: the next scan reads only the files whose usage did not land.
+TEST_F(IngestorTest, ACommitFailingMidSourceKeepsTheSharesBeforeIt) {
+    home.write(".claude/projects/p/a.jsonl", claudeLine("a1", 1));
+    home.write(".claude/projects/p/b.jsonl", claudeLine("b1", 2));
+    home.write(".claude/projects/p/c.jsonl", claudeLine("c1", 4));
+    ingestor.setEventsPerCommit(1);
+    {
+        test_support::LedgerConnection db(support.path() / UsageStore::kFileName);
+        sqlite::exec(db.get(),
+                     "CREATE TRIGGER refuse_second BEFORE INSERT ON usage_observations\n"
+                     "WHEN (SELECT count(*) FROM usage_observations) >= 1\n"
+                     "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
+    }
+    const std::set<AgentSource> claude{AgentSource::claude};
+    EXPECT_ANY_THROW(scan(claude));
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 1);
+    {
+        test_support::LedgerConnection db(support.path() / UsageStore::kFileName);
+        sqlite::exec(db.get(), "DROP TRIGGER refuse_second;");
+    }
+    scan(claude);
+    const auto again = reportOf(AgentSource::claude);
+    EXPECT_EQ(again.filesUnchanged, 1) << "the first file's checkpoint was committed";
+    EXPECT_EQ(again.filesRead, 2);
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 3);
+    const auto summary = store.ledgerSummariesBySource({});
+    EXPECT_EQ(summary.at(AgentSource::claude).outputVisible, 7);
 }
 
 TEST_F(IngestorTest, CodexRateLimitsAreStoredAndDroppedWithTheAgent) {
