@@ -184,6 +184,9 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     auto* keysList = keys->add_subcommand("list", "Stored keys, by fingerprint");
     for (auto* sub : {keys, keysSet, keysRemove, keysList}) {
+        sub->fallthrough();
+    }
+
     // Glances for an agent's status line and a desktop panel: read-only, always a line.
     StatuslineOptions statuslineOptions;
     std::string statuslineLanguage, barLanguage, barFormat = "waybar";
@@ -428,6 +431,7 @@ int run(const std::vector<std::string>& args, std::ostream& out, std::ostream& e
     }
     if (liveCommand->parsed()) {
         return runLiveCommand(ctx, liveOptions, json);
+    }
     if (statusline->parsed() || bar->parsed()) {
         const auto language = [](const std::string& l) {
             return l.empty() ? std::nullopt : std::optional<std::string>(l);
