@@ -33,8 +33,8 @@ build-fuzz: deps
 fuzz: build-fuzz
 	@FUZZ_SECONDS=$(or $(FUZZ_SECONDS),300) ./scripts/fuzz.sh $(FUZZERS)
 
-# The whole suite under ASan + UBSan (the dev preset: a debug build). Not part of `test`: it takes
-# far longer. Any UBSan report fails the test it occurs in instead of scrolling past.
+# The whole suite under ASan + UBSan (the dev preset: a debug build). Not part of `test` (it takes
+# far longer); CI runs it after `test`. Any UBSan report fails the test it occurs in instead of scrolling past.
 sanitize: deps
 	@cmake --preset dev -DKESTREL_BUILD_BENCH=OFF >/dev/null
 	@cmake --build --preset dev
