@@ -10,7 +10,7 @@
 #   ledger
 #   integrations, plans (not each other)
 #   app (all of core)
-#   cli (everything)
+#   cli (everything);  app/ at the top, the desktop application: all of core, never cli/
 # A header named *_internals.hpp belongs to its folder: no other folder includes it.
 
 if(CMAKE_SCRIPT_MODE_FILE STREQUAL CMAKE_CURRENT_LIST_FILE)
@@ -30,12 +30,15 @@ set(_kestrel_layer_integrations ${_kestrel_below_ledger} ledger integrations)
 set(_kestrel_layer_plans ${_kestrel_below_ledger} ledger plans)
 set(_kestrel_layer_app ${_kestrel_below_ledger} ledger integrations plans presentation app)
 set(_kestrel_layer_cli ${_kestrel_layer_app} cli)
+set(_kestrel_layer_desktop ${_kestrel_layer_app} desktop)
 
 # The layer of a path below the source root ("core/sources/stores/x.hpp" -> sources/stores,
-# "cli/x.hpp" -> cli); empty for a path outside core/ and cli/, "?" for a file directly in core/.
+# "cli/x.hpp" -> cli, "app/x.hpp" -> desktop); empty for a path outside core/, cli/ and app/, "?" for a file directly in core/.
 function(_kestrel_layer_of path out)
   if(path MATCHES "^cli/")
     set(layer cli)
+  elseif(path MATCHES "^app/")
+    set(layer desktop)
   elseif(path MATCHES "^core/sources/(stores|transcripts)/")
     set(layer "sources/${CMAKE_MATCH_1}")
   elseif(path MATCHES "^core/([^/]+)/")
@@ -51,7 +54,8 @@ endfunction()
 function(kestrel_check_layering root)
   file(GLOB_RECURSE files RELATIVE "${root}" LIST_DIRECTORIES false
     "${root}/core/*.hpp" "${root}/core/*.cpp" "${root}/core/*.h"
-    "${root}/cli/*.hpp" "${root}/cli/*.cpp" "${root}/cli/*.h")
+    "${root}/cli/*.hpp" "${root}/cli/*.cpp" "${root}/cli/*.h"
+    "${root}/app/*.hpp" "${root}/app/*.cpp" "${root}/app/*.h")
   list(SORT files)
   set(problems "")
   foreach(file IN LISTS files)
@@ -62,7 +66,7 @@ function(kestrel_check_layering root)
       continue()
     endif()
     set(allowed ${_kestrel_layer_${layer}})
-    file(STRINGS "${root}/${file}" lines REGEX "^[ \t]*#[ \t]*include[ \t]*[<\"](core|cli)/")
+    file(STRINGS "${root}/${file}" lines REGEX "^[ \t]*#[ \t]*include[ \t]*[<\"](core|cli|app)/")
     foreach(line IN LISTS lines)
       if(NOT line MATCHES "#[ \t]*include[ \t]*[<\"]([^>\"]+)[>\"]")
         continue()
