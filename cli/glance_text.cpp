@@ -1,8 +1,5 @@
 #include "cli/glance_text.hpp"
 
-#include <fmt/format.h>
-
-#include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -12,25 +9,6 @@
 namespace kestrel::cli {
 
 using ojson = nlohmann::ordered_json;
-
-std::optional<std::string> resetCountdown(std::optional<double> resetsAt, double now) {
-    if (!resetsAt || !std::isfinite(*resetsAt) || *resetsAt <= now) {
-        return std::nullopt;
-    }
-    return durationText(*resetsAt - now);
-}
-
-std::string durationText(double seconds) {
-    const auto total = static_cast<long long>(std::isfinite(seconds) ? std::max(0.0, seconds) : 0.0);
-    const long long days = total / 86400, hours = total % 86400 / 3600, minutes = total % 3600 / 60;
-    if (days > 0) {
-        return fmt::format("{}d {}h", days, hours);
-    }
-    if (hours > 0) {
-        return fmt::format("{}h {}m", hours, minutes);
-    }
-    return minutes > 0 ? fmt::format("{}m", minutes) : std::string("<1m");
-}
 
 std::string windowName(const DisplayChoices& show, const QuotaWindow& window) {
     std::string name = show.text(std::string("glance.window.") + std::string(rawValue(window.kind)));

@@ -1,6 +1,6 @@
 #pragma once
-// The pieces of text and JSON that `kestrel statusline` and `kestrel bar` share: reset
-// countdowns, window names, totals.
+// The pieces of text and JSON that `kestrel statusline` and `kestrel bar` share: window names,
+// window texts with their reset countdowns, totals.
 
 #include <optional>
 #include <string>
@@ -9,15 +9,9 @@
 
 #include "core/app/display_choices.hpp"
 #include "core/app/glance.hpp"
+#include "core/presentation/countdown_text.hpp"
 
 namespace kestrel::cli {
-
-// A span of time as "2d 4h", "3h 12m", "8m" or "<1m" (negative spans count as none).
-std::string durationText(double seconds);
-
-// The time left until `resetsAt`: "2d 4h", "3h 12m", "8m", "<1m". Absent without a reset time
-// and once it has passed: a window that has reset has nothing left to count down.
-std::optional<std::string> resetCountdown(std::optional<double> resetsAt, double now);
 
 // "5h", "7d opus", "month": the window's short name, with its scope.
 std::string windowName(const DisplayChoices& show, const QuotaWindow& window);

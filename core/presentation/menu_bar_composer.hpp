@@ -54,6 +54,7 @@ struct MenuBarFormatter {
     std::function<std::string(int64_t)> money;          // "$12.34" / "¥88.80"
     std::function<std::string(int64_t)> compactMoney;   // at most ~5 characters: "$12", "$1.2K"
     std::function<std::string(int64_t)> tokens;         // "1.2M"
+    std::function<std::string(double)> percent;         // "42%"
 };
 
 // What the frame is about, for an icon where the style asks for one.

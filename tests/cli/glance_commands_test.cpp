@@ -66,7 +66,7 @@ TEST(ResetCountdown, CountsDownAndStopsAtTheReset) {
         {now + 6 * 86'400 + 23 * 3600, "6d 23h"},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(cli::resetCountdown(c.resetsAt, now), c.text)
+        EXPECT_EQ(resetCountdown(c.resetsAt, now), c.text)
             << (c.resetsAt ? *c.resetsAt - now : -1.0);
     }
 }
