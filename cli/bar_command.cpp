@@ -24,8 +24,7 @@ std::string panelText(const DisplayChoices& show, const Glance& g) {
     std::string text = show.money(g.today.knownCostUSDMicros.value_or(0));
     if (g.tightest) {
         text += " · " + windowName(show, g.tightest->window) + " " +
-                std::to_string(static_cast<int>(std::lround(*g.tightest->window.usedPercent))) +
-                "%";
+                UsageFormatting::percent(*g.tightest->window.usedPercent);
     }
     return text;
 }
@@ -82,7 +81,7 @@ int percentage(const Glance& g) {
     if (!g.tightest) {
         return 0;
     }
-    return static_cast<int>(std::lround(std::clamp(*g.tightest->window.usedPercent, 0.0, 100.0)));
+    return glancePercent(*g.tightest->window.usedPercent);
 }
 
 }  // namespace

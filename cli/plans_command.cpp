@@ -64,6 +64,16 @@ std::string choiceText(const Texts& t, const std::optional<bool>& keep) {
     return t(*keep ? "plans.choice.keep" : "plans.choice.reject");
 }
 
+// "glm cn", or for an agent's sign-in "Claude Code sign-in".
+std::string planText(const Texts& t, const PlanCandidateRecord& c) {
+    if (c.family == PlanDiscovery::kOAuthFamily) {
+        if (const auto agent = agentSourceNamed(c.toolID)) {
+            return t("plans.signIn.plan", {{"agent", std::string(displayName(*agent))}});
+        }
+    }
+    return c.family + " " + c.region;
+}
+
 ojson candidateJSON(const PlanReviewRow& row) {
     const auto& c = row.candidate;
     const auto opt = [](const std::optional<std::string>& v) {
@@ -138,7 +148,7 @@ int runPlans(CommandContext& ctx, const PlansOptions& options) {
     for (const auto& row : review->rows) {
         const auto& c = row.candidate;
         table.addRow(
-            {c.id, c.family + " " + c.region + (c.isCurrent ? " *" : ""), c.sourceDisplayName,
+            {c.id, planText(t, c) + (c.isCurrent ? " *" : ""), c.sourceDisplayName,
              c.endpointBaseURL.value_or("-"),
              c.credentialFingerprint.value_or(t("plans.resolution." + c.credentialResolution)),
              stateText(t, c.validationState), choiceText(t, row.keep)});

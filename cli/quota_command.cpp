@@ -89,7 +89,9 @@ std::string amount(double value) {
 
 std::string accountTitle(const QuotaAccountRow& row) {
     if (row.source) {
-        return std::string(displayName(*row.source));
+        // A sign-in confirmed in a plan review names its account; the reading stays one row.
+        return std::string(displayName(*row.source)) +
+               (row.confirmedAccountID ? " (" + *row.confirmedAccountID + ")" : std::string());
     }
     if (row.snapshot && row.snapshot->identity.displayName) {
         return *row.snapshot->identity.displayName + " (" + row.accountID + ")";
@@ -189,6 +191,7 @@ ojson rowJSON(const QuotaAccountRow& row) {
     ojson doc;
     doc["account"] = row.accountID;
     doc["agent"] = row.source ? ojson(std::string(rawValue(*row.source))) : ojson(nullptr);
+    doc["confirmedAccount"] = optionalJSON(row.confirmedAccountID);
     if (row.skipped) {
         doc["skipped"] = row.skipped == QuotaSkipReason::quotaOff ? "quotaOff" : "noProbe";
     }

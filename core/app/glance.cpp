@@ -1,5 +1,6 @@
 #include "core/app/glance.hpp"
 
+#include <algorithm>
 #include <cmath>
 
 #include "core/ledger/settings_store.hpp"
@@ -9,13 +10,21 @@
 namespace kestrel {
 
 GlanceLevel glanceLevel(std::optional<double> usedPercent) {
-    if (!usedPercent || !std::isfinite(*usedPercent)) {
+    if (!usedPercent || std::isnan(*usedPercent)) {
         return GlanceLevel::normal;
     }
-    if (*usedPercent >= kGlanceCriticalPercent) {
+    const double shown = std::round(*usedPercent);
+    if (shown >= kGlanceCriticalPercent) {
         return GlanceLevel::critical;
     }
-    return *usedPercent >= kGlanceWarningPercent ? GlanceLevel::warning : GlanceLevel::normal;
+    return shown >= kGlanceWarningPercent ? GlanceLevel::warning : GlanceLevel::normal;
+}
+
+int glancePercent(double usedPercent) {
+    if (std::isnan(usedPercent)) {
+        return 0;
+    }
+    return static_cast<int>(std::round(std::clamp(usedPercent, 0.0, 100.0)));
 }
 
 std::optional<GlanceWindow> tightestWindow(const std::vector<StoredQuota>& quotas, double now,

@@ -33,8 +33,13 @@ struct EnumCases<GlanceLevel> {
     }};
 };
 
-// warning from 50 % used, critical from 80 %; normal below, and without a window.
+// Levels go by the whole percent the glance shows (rounded to the nearest, halves up, as every
+// text of it prints the share), so that a panel never shows "50%" in the normal colour: warning
+// from 50 % shown, critical from 80 %; normal below, and without a window.
 GlanceLevel glanceLevel(std::optional<double> usedPercent);
+
+// The whole percent shown for `usedPercent`, held to 0..100 (a gauge's range); 0 for NaN.
+int glancePercent(double usedPercent);
 
 // One quota window with the account it belongs to.
 struct GlanceWindow {

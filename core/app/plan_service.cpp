@@ -9,6 +9,7 @@
 #include "core/model/timestamp.hpp"
 #include "core/plans/plan_discovery.hpp"
 #include "core/plans/plan_salt.hpp"
+#include "core/plans/quota_state_store.hpp"
 
 namespace kestrel {
 namespace {
@@ -141,6 +142,12 @@ std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
     Draft draft = loadDraft(store);
     std::vector<PlanChoiceOutcome> out;
     const KeyProbeContext context{session.paths().env, options.timeout};
+    // A sign-in's validation may refresh its token: that token is kept with the quota state,
+    // as a refresh by `kestrel quota` would keep it, and the agent's file stays untouched.
+    QuotaRefresher refresher;
+    TokenCache tokens;
+    QuotaStateStore::load(session.paths().supportDir, refresher, tokens, epochNow());
+    bool validatedSignIn = false;
     for (const auto& id : candidateIDs) {
         PlanChoiceOutcome outcome;
         outcome.candidateID = id;
@@ -159,7 +166,8 @@ std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
                 out.push_back(std::move(outcome));
                 continue;
             }
-            auto result = PlanReview::validate(candidate, *inputs, context, epochNow());
+            auto result = PlanReview::validate(candidate, *inputs, context, epochNow(), &tokens);
+            validatedSignIn = validatedSignIn || candidate.family == PlanDiscovery::kOAuthFamily;
             PlanCandidateStore::recordPlanValidation(
                 store, candidate.id, result.revision, std::string(rawValue(result.state)),
                 result.reportJSON, std::string(rawValue(result.credentialResolution)), epochNow());
@@ -178,6 +186,9 @@ std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
         out.push_back(std::move(outcome));
     }
     saveDraft(store, draft);
+    if (validatedSignIn) {
+        QuotaStateStore::save(session.paths().supportDir, refresher, tokens, epochNow());
+    }
     return out;
 }
 
@@ -230,7 +241,11 @@ std::expected<PlanCommitOutcome, std::string> commitPlans(AppSession& session,
                         decision.integrationInstanceID = instance->rawValue;
                     }
                     decision.displayLabel =
-                        stored->family + " (" + stored->region + ") · " + stored->sourceDisplayName;
+                        stored->family == PlanDiscovery::kOAuthFamily
+                            ? std::string(displayName(*tool)) + " sign-in · " +
+                                  stored->sourceDisplayName
+                            : stored->family + " (" + stored->region + ") · " +
+                                  stored->sourceDisplayName;
                 }
             }
         }

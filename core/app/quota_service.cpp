@@ -21,6 +21,9 @@ void refreshPlanAccounts(AppSession& session, const QuotaRequest& request,
     auto& coordinator = session.integrations();
     const KeyProbeContext context{session.paths().env, request.timeout};
     for (const auto& record : PlanCandidateStore::confirmedPlanAccounts(store)) {
+        if (record.family == PlanDiscovery::kOAuthFamily) {
+            continue;  // read by its agent's probe, under the agent's row
+        }
         QuotaAccountRow row;
         row.accountID = "plan:" + record.id;
         const auto family = planFamilyFromRaw(record.family);
@@ -177,13 +180,30 @@ QuotaReport quotaReport(AppSession& session, const QuotaRequest& request, QuotaR
         it->snapshot = std::move(snapshot);
     }
     for (auto& [accountID, snapshot] : store.planQuotas()) {
+        if (accountID.starts_with(std::string(PlanDiscovery::kOAuthFamily) + "-")) {
+            continue;  // a sign-in's account reads as its agent's row
+        }
         const std::string id = "plan:" + accountID;
         auto it = std::ranges::find(rows, id, &QuotaAccountRow::accountID);
         if (it == rows.end()) {
-            rows.push_back(QuotaAccountRow{id, {}, {}, {}, {}});
+            rows.push_back(QuotaAccountRow{id, {}, {}, {}, {}, {}});
             it = rows.end() - 1;
         }
         it->snapshot = std::move(snapshot);
+    }
+    // A confirmed sign-in and the agent's direct reading are one account: the agent's row.
+    for (const auto& record : PlanCandidateStore::confirmedPlanAccounts(store)) {
+        const auto agent =
+            record.credentialHandle ? PlanDiscovery::signInAgent(*record.credentialHandle)
+                                    : std::nullopt;
+        if (record.family != PlanDiscovery::kOAuthFamily || !agent) {
+            continue;
+        }
+        const std::string id = "source:" + std::string(rawValue(*agent));
+        if (const auto it = std::ranges::find(rows, id, &QuotaAccountRow::accountID);
+            it != rows.end()) {
+            it->confirmedAccountID = "plan:" + record.id;
+        }
     }
     report.rows = std::move(rows);
     return report;

@@ -27,6 +27,9 @@ struct QuotaAccountRow {
     std::optional<AccountSnapshot> snapshot;     // the stored reading after any refresh
     std::optional<QuotaRefreshOutcome> refresh;  // when this call probed the account
     std::optional<QuotaSkipReason> skipped;      // when a refresh was asked and not made
+    // An agent's sign-in that a plan review confirmed: the account ("plan:oauth-...") this
+    // reading belongs to. The reading stays the agent's own; the account adds no second row.
+    std::optional<std::string> confirmedAccountID;
 
     bool operator==(const QuotaAccountRow&) const = default;
 };

@@ -150,6 +150,29 @@ void refresh(sqlite3* db) {
     transaction.commit();
 }
 
+std::optional<std::vector<int64_t>> markedQuarters(sqlite3* db, int64_t limit) {
+    // Marks repeat (one per written event): count them, cheaply capped, before sorting any.
+    {
+        sqlite::Statement rows(
+            db, "SELECT COUNT(*) FROM (SELECT 1 FROM ledger_rollup_dirty LIMIT ?);");
+        rows.bind(1, limit * 64 + 1);
+        rows.step();
+        if (rows.int64(0) > limit * 64) {
+            return std::nullopt;
+        }
+    }
+    sqlite::Statement s(db, "SELECT DISTINCT bucket FROM ledger_rollup_dirty ORDER BY bucket;");
+    std::vector<int64_t> out;
+    while (s.step()) {
+        const int64_t bucket = s.int64(0);
+        if (bucket == kEverything || static_cast<int64_t>(out.size()) >= limit) {
+            return std::nullopt;
+        }
+        out.push_back(bucket);
+    }
+    return out;
+}
+
 void markAll(sqlite3* db) {
     sqlite::Statement mark(db, "INSERT INTO ledger_rollup_dirty(bucket) VALUES(?);");
     mark.bind(1, kEverything);

@@ -9,6 +9,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,11 @@ std::string summaryColumns();
 // quarter hours are rebuilt one by one; many (a first scan, an import, a repricing) are rebuilt
 // in one pass over the events, which reads them in order and is the faster way then.
 void refresh(sqlite3* db);
+
+// The marked quarter hours, ascending: what a reader that cannot rebuild them must take from the
+// events. Absent when everything is marked or more than `limit` are (the events are then the
+// faster way anyway).
+std::optional<std::vector<int64_t>> markedQuarters(sqlite3* db, int64_t limit);
 
 // Marks every quarter hour: for writes that change totals without writing their events (the
 // costs of a repricing).

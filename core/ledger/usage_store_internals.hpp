@@ -5,16 +5,26 @@
 
 #include <sqlite3.h>
 
+#include <cstdint>
 #include <mutex>
+#include <vector>
 
 #include "core/ledger/usage_store.hpp"
 
 namespace kestrel {
 
+// What the rollups may answer, as the last refreshRollups() found: nothing (`usable` false: every
+// total from the events), or everything but the quarter hours a writer marked and has not rebuilt
+// yet, which a reader takes from the events.
+struct RollupFreshness {
+    bool usable = true;
+    std::vector<int64_t> markedQuarters;  // ascending, distinct
+};
+
 struct UsageStore::State {
     sqlite3* db = nullptr;
-    bool readOnly = false;  // opened with ReadOnlyLedger: never writes, rollups only when current
-    bool rollupsCurrent = true;  // as found by the last refreshRollups()
+    bool readOnly = false;  // opened with ReadOnlyLedger: never writes or rebuilds the rollups
+    RollupFreshness rollups;
     mutable std::recursive_mutex lock;  // the connection, compound operations, migrations
     std::mutex repricingLock;           // two repricings never interleave
     std::mutex sessionMaterialLock;     // the cached session salt and checkpoint key

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <map>
 #include <set>
 #include <variant>
@@ -79,18 +80,19 @@ void bindFilter(Statement& statement, const LedgerFilter& filter, int first = 1)
     }
 }
 
-// How a query is answered: whole quarter hours [firstQuarter, endQuarter) from the rollups, and
-// the parts of the range outside them from the events. Without rollups the query is one piece.
+using Freshness = RollupFreshness;
+
+// How a query is answered: runs of whole quarter hours [first, end) from the rollups, and the
+// parts of the range outside them from the events: its partial ends, and the quarter hours a
+// writer marked that a reader could not rebuild. Without rollups the query is one piece.
 struct Plan {
-    bool rollups = false;
-    int64_t firstQuarter = 0;
-    int64_t endQuarter = 0;
+    std::vector<std::pair<int64_t, int64_t>> rollupRuns;
     std::vector<LedgerQuery> rawPieces;
 };
 
-Plan plan(const LedgerQuery& q, bool rollupsCurrent) {
+Plan plan(const LedgerQuery& q, const Freshness& fresh) {
     Plan p;
-    if (!rollupsCurrent || !LedgerRollups::answers(q)) {
+    if (!fresh.usable || !LedgerRollups::answers(q)) {
         p.rawPieces.push_back(q);
         return p;
     }
@@ -110,9 +112,6 @@ Plan plan(const LedgerQuery& q, bool rollupsCurrent) {
         p.rawPieces.push_back(q);
         return p;
     }
-    p.rollups = true;
-    p.firstQuarter = first;
-    p.endQuarter = end;
     if (q.from && *q.from < LedgerRollups::quarterStart(first)) {
         LedgerQuery head = q;
         head.to = LedgerRollups::quarterStart(first);
@@ -123,19 +122,40 @@ Plan plan(const LedgerQuery& q, bool rollupsCurrent) {
         tail.from = LedgerRollups::quarterStart(end);
         p.rawPieces.push_back(tail);
     }
+    // Marked quarter hours inside the range split it: each run of them is read from the events.
+    const auto& marked = fresh.markedQuarters;
+    int64_t at = first;
+    for (auto it = std::ranges::lower_bound(marked, first); it != marked.end() && *it < end;) {
+        const int64_t runFirst = *it;
+        int64_t runEnd = runFirst + 1;
+        for (++it; it != marked.end() && *it == runEnd && runEnd < end; ++it) {
+            ++runEnd;
+        }
+        if (at < runFirst) {
+            p.rollupRuns.emplace_back(at, runFirst);
+        }
+        LedgerQuery piece = q;
+        piece.from = LedgerRollups::quarterStart(runFirst);
+        piece.to = LedgerRollups::quarterStart(runEnd);
+        p.rawPieces.push_back(piece);
+        at = runEnd;
+    }
+    if (at < end) {
+        p.rollupRuns.emplace_back(at, end);
+    }
     return p;
 }
 
 // Totals per `key` (an SQL expression over events `e`, and the same column of rollup rows `r`).
 template <class Key, class ReadKey>
-std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, bool rollupsCurrent,
+std::map<Key, LedgerSummary> groupedTotals(sqlite3* db, const Freshness& fresh,
                                            const LedgerQuery& query,
                                            const std::string& eventKey,
                                            const std::string& rollupKey, ReadKey&& readKey) {
     std::map<Key, LedgerSummary> out;
-    const Plan p = plan(query, rollupsCurrent);
-    if (p.rollups) {
-        for (const auto& run : LedgerRollups::cover(p.firstQuarter, p.endQuarter)) {
+    const Plan p = plan(query, fresh);
+    for (const auto& [first, end] : p.rollupRuns) {
+        for (const auto& run : LedgerRollups::cover(first, end)) {
             const auto f = LedgerRollups::filter(query, run);
             Statement s(db, "SELECT " + rollupKey + ", " + LedgerRollups::summaryColumns() +
                                 " FROM " + LedgerRollups::table(run.level) + " r WHERE 1=1" +
@@ -189,7 +209,7 @@ class LocalStarts {
 // Totals per (local start of the day or hour, key). Rollup hours that a local day or hour
 // boundary cuts (time zones offset by half or quarter hours) are taken by their quarter hours.
 template <class Key, class ReadKey>
-std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, bool rollupsCurrent,
+std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, const Freshness& fresh,
                                                             const LedgerQuery& query,
                                                             LedgerBucketUnit unit,
                                                             const std::string& eventKey,
@@ -200,10 +220,14 @@ std::map<std::pair<double, Key>, LedgerSummary> localTotals(sqlite3* db, bool ro
     const auto addQuarter = [&](int64_t quarter, Statement& s) {
         out[{localStart(LedgerRollups::quarterStart(quarter)), readKey(s)}] += readSummary(s, 2);
     };
-    const Plan p = plan(query, rollupsCurrent);
-    if (p.rollups) {
+    const Plan p = plan(query, fresh);
+    std::vector<LedgerRollups::Run> runs;
+    for (const auto& [first, end] : p.rollupRuns) {
+        std::ranges::move(LedgerRollups::coverByHours(first, end), std::back_inserter(runs));
+    }
+    if (!runs.empty()) {
         std::vector<int64_t> cutHours;
-        for (const auto& run : LedgerRollups::coverByHours(p.firstQuarter, p.endQuarter)) {
+        for (const auto& run : runs) {
             const auto f = LedgerRollups::filter(query, run);
             Statement s(db, "SELECT r.bucket, " + rollupKey + ", " +
                                 LedgerRollups::summaryColumns() + " FROM " +
@@ -287,18 +311,24 @@ std::optional<AgentSource> sourceAt(const Statement& s, int column) {
 
 // --- Freshness of the rollups -----------------------------------------------------------------
 
+namespace {
+// Past this many marked quarter hours (four days of continuous use) a reader's queries would be
+// split into more pieces than reading the events whole costs.
+constexpr int64_t kReaderMarkedLimit = 384;
+}  // namespace
+
 void UsageStore::refreshRollups() {
     std::lock_guard guard(state_->lock);
     if (state_->readOnly) {
-        // A reader cannot rebuild them: it reads the events wherever they might be behind.
-        Statement dirty(state_->connection(),
-                        "SELECT EXISTS(SELECT 1 FROM ledger_rollup_dirty);");
-        dirty.step();
-        state_->rollupsCurrent = dirty.int64(0) == 0;
+        // A reader cannot rebuild them: it reads the events of the quarter hours that are behind
+        // (a scan's commit marks a few), or every event when too many are.
+        auto marked = LedgerRollups::markedQuarters(state_->connection(), kReaderMarkedLimit);
+        state_->rollups.usable = marked.has_value();
+        state_->rollups.markedQuarters = std::move(marked).value_or(std::vector<int64_t>{});
         return;
     }
     LedgerRollups::refresh(state_->connection());
-    state_->rollupsCurrent = true;
+    state_->rollups = {};
 }
 
 // --- Entries ----------------------------------------------------------------------------------
@@ -414,7 +444,7 @@ int64_t UsageStore::usageObservationCount(const std::optional<std::string>& inst
 LedgerSummary UsageStore::ledgerSummary(const LedgerQuery& query) {
     std::lock_guard guard(state_->lock);
     refreshRollups();
-    const auto byNothing = groupedTotals<int>(state_->connection(), state_->rollupsCurrent, query, "0", "0",
+    const auto byNothing = groupedTotals<int>(state_->connection(), state_->rollups, query, "0", "0",
                                               [](const Statement&) { return 0; });
     return byNothing.empty() ? LedgerSummary{} : byNothing.begin()->second;
 }
@@ -434,7 +464,7 @@ std::vector<LedgerSummary> UsageStore::ledgerSummaries(const std::vector<LedgerQ
             refreshRollups();  // whether they are current in this very snapshot
         }
         for (const auto& query : queries) {
-            const auto byNothing = groupedTotals<int>(db, state_->rollupsCurrent, query, "0", "0",
+            const auto byNothing = groupedTotals<int>(db, state_->rollups, query, "0", "0",
                                                       [](const Statement&) { return 0; });
             out.push_back(byNothing.empty() ? LedgerSummary{} : byNothing.begin()->second);
         }
@@ -450,7 +480,7 @@ std::map<AgentSource, LedgerSummary> UsageStore::ledgerSummariesBySource(const L
     std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto bySource =
-        groupedTotals<std::string>(state_->connection(), state_->rollupsCurrent, query, "e.source", "r.source",
+        groupedTotals<std::string>(state_->connection(), state_->rollups, query, "e.source", "r.source",
                                    [](const Statement& s) { return s.text(0); });
     std::map<AgentSource, LedgerSummary> out;
     for (const auto& [key, summary] : bySource) {
@@ -466,7 +496,7 @@ std::vector<LedgerModelSummary> UsageStore::ledgerSummariesByModel(const LedgerQ
     refreshRollups();
     // Per (model, source); the sources of a model are those that contributed rows.
     const auto rows = groupedTotals<std::pair<std::string, std::string>>(
-        state_->connection(), state_->rollupsCurrent, query, "e.model || char(31) || e.source",
+        state_->connection(), state_->rollups, query, "e.model || char(31) || e.source",
         "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(0);
             const auto cut = key.rfind('\x1f');
@@ -503,7 +533,7 @@ std::vector<LedgerTimeBucket> UsageStore::ledgerTimeBuckets(const LedgerQuery& q
     std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto rows =
-        localTotals<std::string>(state_->connection(), state_->rollupsCurrent, query, unit, "e.source", "r.source",
+        localTotals<std::string>(state_->connection(), state_->rollups, query, unit, "e.source", "r.source",
                                  [](const Statement& s) { return s.text(1); });
     std::map<std::pair<double, AgentSource>, LedgerSummary> grouped;
     for (const auto& [key, summary] : rows) {
@@ -523,7 +553,7 @@ std::vector<LedgerModelTimeBucket> UsageStore::ledgerModelTimeBuckets(const Ledg
     std::lock_guard guard(state_->lock);
     refreshRollups();
     const auto rows = localTotals<std::pair<std::string, std::string>>(
-        state_->connection(), state_->rollupsCurrent, query, unit, "e.model || char(31) || e.source",
+        state_->connection(), state_->rollups, query, unit, "e.model || char(31) || e.source",
         "r.model || char(31) || r.source", [](const Statement& s) {
             const auto key = s.text(1);
             const auto cut = key.rfind('\x1f');
@@ -548,7 +578,7 @@ std::vector<LedgerDailyTotal> UsageStore::ledgerDailyTotals(double from, double 
     LedgerQuery query;
     query.from = from;
     query.to = to;
-    const auto rows = localTotals<int>(state_->connection(), state_->rollupsCurrent, query, LedgerBucketUnit::day, "0", "0",
+    const auto rows = localTotals<int>(state_->connection(), state_->rollups, query, LedgerBucketUnit::day, "0", "0",
                                        [](const Statement&) { return 0; });
     const auto calendar = Calendar::current();
     std::vector<LedgerDailyTotal> out;

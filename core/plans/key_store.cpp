@@ -335,6 +335,14 @@ std::unique_ptr<KeyStore> makeFileKeyStore(const std::filesystem::path& folder) 
     return std::make_unique<FileKeyStore>(folder);
 }
 
+bool secretServiceBuilt() {
+#ifdef KESTREL_HAVE_LIBSECRET
+    return true;
+#else
+    return false;
+#endif
+}
+
 std::unique_ptr<KeyStore> makeSecretServiceKeyStore() {
 #ifdef KESTREL_HAVE_LIBSECRET
     GError* error = nullptr;

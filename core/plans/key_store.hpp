@@ -54,6 +54,9 @@ class KeyStore {
 // The enciphered file store in `folder` (keys.enc and keys.key).
 std::unique_ptr<KeyStore> makeFileKeyStore(const std::filesystem::path& folder);
 
+// Whether this build can use the Secret Service at all (libsecret was there to build with).
+bool secretServiceBuilt();
+
 // The Secret Service store, or null when libsecret is missing or no service answers on the
 // session bus.
 std::unique_ptr<KeyStore> makeSecretServiceKeyStore();

@@ -327,11 +327,14 @@ std::filesystem::path grokAuthPath(const std::filesystem::path& home) {
     return home / ".grok" / "auth.json";
 }
 
-std::optional<double> jwtExpiry(std::string_view jwt) {
+namespace {
+
+// The claims of a JWT; empty when it is none.
+json jwtClaims(std::string_view jwt) {
     const auto first = jwt.find('.');
     const auto second = first == std::string_view::npos ? first : jwt.find('.', first + 1);
     if (second == std::string_view::npos) {
-        return std::nullopt;
+        return json::object();
     }
     std::string payload(jwt.substr(first + 1, second - first - 1));
     std::replace(payload.begin(), payload.end(), '-', '+');
@@ -340,10 +343,105 @@ std::optional<double> jwtExpiry(std::string_view jwt) {
         payload.push_back('=');
     }
     const auto decoded = base64::decode(payload);
-    if (!decoded) {
+    return decoded ? parseObject(*decoded) : json::object();
+}
+
+}  // namespace
+
+std::optional<double> jwtExpiry(std::string_view jwt) {
+    return number(jwtClaims(jwt), "exp");
+}
+
+std::filesystem::path signInFile(AgentSource source, const std::filesystem::path& home) {
+    switch (source) {
+        case AgentSource::claude:
+            return claudeCredentialsPath(home);
+        case AgentSource::codex:
+            return codexAuthPath(home);
+        case AgentSource::kimi: {
+            auto path = kimiCredentialsPath(home);
+            std::error_code ec;
+            return std::filesystem::exists(path, ec)
+                       ? path
+                       : home / ".kimi" / "credentials" / "kimi-code.json";
+        }
+        case AgentSource::grok:
+            return grokAuthPath(home);
+        default:
+            return {};
+    }
+}
+
+std::optional<std::string> signInIdentity(AgentSource source, const std::filesystem::path& home) {
+    const auto file = signInFile(source, home);
+    if (file.empty()) {
         return std::nullopt;
     }
-    return number(parseObject(*decoded), "exp");
+    const auto content = readFile(file);
+    if (!content) {
+        return std::nullopt;
+    }
+    std::optional<OAuthTokens> tokens;
+    std::optional<std::string> account;
+    switch (source) {
+        case AgentSource::claude:
+            tokens = claudeTokens(*content);
+            if (const auto profile = readFile(home / ".claude.json")) {
+                const json root = parseObject(*profile);
+                const auto it = root.find("oauthAccount");
+                if (it != root.end() && it->is_object()) {
+                    if (auto uuid = text(*it, "accountUuid")) {
+                        account = *uuid + "/" + text(*it, "organizationUuid").value_or("");
+                    }
+                }
+            }
+            break;
+        case AgentSource::codex:
+            tokens = codexTokens(*content);
+            if (tokens) {
+                account = tokens->accountID;
+            }
+            break;
+        case AgentSource::kimi:
+            tokens = kimiTokens(*content);
+            if (tokens) {
+                const json claims = jwtClaims(tokens->accessToken);
+                account = text(claims, "sub");
+                if (!account) {
+                    account = text(claims, "user_id");
+                }
+            }
+            break;
+        case AgentSource::grok: {
+            // The id token's subject or the address itself (a masked one could match another's).
+            tokens = grokTokens(*content);
+            const json root = parseObject(*content);
+            const auto nested = root.find("tokens");
+            const json& holder = nested != root.end() && nested->is_object() ? *nested : root;
+            json claims = json::object();
+            if (auto idToken = text(holder, "id_token")) {
+                claims = jwtClaims(*idToken);
+            }
+            for (const json* from : std::initializer_list<const json*>{&claims, &holder, &root}) {
+                for (const char* key : {"sub", "email"}) {
+                    if (!account) {
+                        account = text(*from, key);
+                    }
+                }
+            }
+            break;
+        }
+        default:
+            return std::nullopt;
+    }
+    if (!tokens) {
+        return std::nullopt;  // no usable sign-in, whatever the profile says
+    }
+    if (account && !account->empty()) {
+        return "account:" + *account;
+    }
+    return !tokens->refreshToken.empty() ? "refresh:" + tokens->refreshToken
+                                         : "access:" + tokens->accessToken;
 }
 
 std::optional<OAuthTokens> claudeTokens(std::string_view fileText) {
@@ -633,19 +731,7 @@ AccountIdentity grokIdentity(std::string_view authText) {
     const auto nested = root.find("tokens");
     const json& holder = nested != root.end() && nested->is_object() ? *nested : root;
     if (auto idToken = text(holder, "id_token")) {
-        const auto first = idToken->find('.');
-        const auto second = first == std::string::npos ? first : idToken->find('.', first + 1);
-        if (second != std::string::npos) {
-            std::string payload = idToken->substr(first + 1, second - first - 1);
-            std::replace(payload.begin(), payload.end(), '-', '+');
-            std::replace(payload.begin(), payload.end(), '_', '/');
-            while (payload.size() % 4 != 0) {
-                payload.push_back('=');
-            }
-            if (auto decoded = base64::decode(payload)) {
-                claims = parseObject(*decoded);
-            }
-        }
+        claims = jwtClaims(*idToken);
     }
     for (const json* source : std::initializer_list<const json*>{&claims, &holder, &root}) {
         if (!identity.displayName) {

@@ -74,6 +74,17 @@ std::optional<OAuthTokens> grokTokens(std::string_view fileText);
 // The `exp` claim of a JWT, in epoch seconds.
 std::optional<double> jwtExpiry(std::string_view jwt);
 
+// What tells the agent's OAuth sign-in apart from another, stable while the agent refreshes its
+// tokens: the account the files name (Claude Code's profile in ~/.claude.json, Codex's
+// account_id, Kimi's token subject, Grok's id-token name and e-mail), else the refresh token,
+// else the access token. Absent when the agent is not signed in. Never shown or stored as is:
+// plan discovery keeps only its salted fingerprint.
+std::optional<std::string> signInIdentity(AgentSource source, const std::filesystem::path& home);
+
+// The credential file the agent's sign-in is read from (Kimi's legacy place when the current
+// one is missing); empty for an agent without a live probe.
+std::filesystem::path signInFile(AgentSource source, const std::filesystem::path& home);
+
 // Body parsers. Keys are read generically: an unknown window key still becomes a window.
 std::expected<AccountSnapshot, ProbeError> parseClaude(std::string_view body, double now);
 std::expected<AccountSnapshot, ProbeError> parseCodex(std::string_view body, double now);

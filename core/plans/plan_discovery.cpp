@@ -12,6 +12,7 @@
 #include "core/plans/crypto_internals.hpp"
 #include "core/plans/endpoint_classifier.hpp"
 #include "core/plans/key_store.hpp"
+#include "core/plans/live_quota.hpp"
 #include "core/plans/plan_salt.hpp"
 
 namespace kestrel {
@@ -274,7 +275,47 @@ std::string joined(std::initializer_list<std::string_view> parts) {
     return out;
 }
 
+// A sign-in's candidate: its account is the agent's subscription, probed with the agent's own
+// sign-in; its revision changes with the sign-in (another account signed in), not with tokens.
+std::optional<PlanCandidateRecord> signInCandidate(const PlanFinding& finding,
+                                                   std::string_view salt, double now) {
+    if (!finding.fingerprint || !finding.locator) {
+        return std::nullopt;
+    }
+    PlanCandidateRecord c;
+    c.family = std::string(kOAuthFamily);
+    c.region = "global";
+    c.toolID = std::string(rawValue(finding.tool));
+    c.bindingKey = c.toolID + "|" + finding.sourceEntryID;
+    c.id = "pc-" + saltedDigest(salt, joined({c.bindingKey, c.family, c.region}));
+    c.sourceDisplayName = finding.sourceDisplayName;
+    c.sourceEntryID = finding.sourceEntryID;
+    c.isCurrent = finding.isCurrent;
+    c.credentialOrigin = std::string(rawValue(finding.origin));
+    c.credentialLocator = finding.locator;
+    c.credentialFingerprint = finding.fingerprint;
+    c.credentialResolution = std::string(rawValue(finding.resolution));
+    c.revision = saltedDigest(
+        salt, joined({*finding.locator, *finding.fingerprint, c.credentialResolution}));
+    c.proposedAccountID = "oauth-" + c.toolID + "-" + finding.fingerprint->substr(3);
+    c.adapterVersion = std::string(kAdapterVersion);
+    c.firstSeenAt = now;
+    c.lastSeenAt = now;
+    return c;
+}
+
 }  // namespace
+
+std::optional<AgentSource> signInAgent(std::string_view locator) {
+    if (!locator.starts_with("oauth:")) {
+        return std::nullopt;
+    }
+    const auto agent = fromRawValue<AgentSource>(locator.substr(6));
+    if (!agent || !LiveQuota::probeFor(*agent)) {
+        return std::nullopt;
+    }
+    return agent;
+}
 
 bool isPlaceholder(std::string_view value) {
     std::string lower(value);
@@ -420,10 +461,36 @@ std::vector<PlanFinding> ccSwitch(const PlanDiscoveryInputs& inputs) {
     return out;
 }
 
+std::vector<PlanFinding> oauthSignIns(const PlanDiscoveryInputs& inputs) {
+    std::vector<PlanFinding> out;
+    for (const auto agent :
+         {AgentSource::claude, AgentSource::codex, AgentSource::kimi, AgentSource::grok}) {
+        const auto identity = LiveQuota::signInIdentity(agent, inputs.home);
+        if (!identity) {
+            continue;
+        }
+        PlanFinding finding;
+        finding.tool = agent;
+        std::error_code ec;
+        const auto file = LiveQuota::signInFile(agent, inputs.home);
+        finding.sourceDisplayName =
+            "~/" + std::filesystem::relative(file, inputs.home, ec).generic_string();
+        finding.sourceEntryID = "oauth";
+        finding.isCurrent = true;
+        finding.origin = CredentialOrigin::oauth;
+        finding.locator = "oauth:" + std::string(rawValue(agent));
+        // An identity is no template value: an account may well be named "your-team".
+        finding.resolution = CredentialResolution::available;
+        finding.fingerprint = credentialFingerprint(inputs.salt, *identity);
+        out.push_back(std::move(finding));
+    }
+    return out;
+}
+
 std::vector<PlanFinding> findAll(const PlanDiscoveryInputs& inputs) {
     std::vector<PlanFinding> out;
-    for (auto part :
-         {claudeSettings(inputs), codexConfig(inputs), environment(inputs), ccSwitch(inputs)}) {
+    for (auto part : {claudeSettings(inputs), codexConfig(inputs), environment(inputs),
+                      ccSwitch(inputs), oauthSignIns(inputs)}) {
         std::ranges::move(part, std::back_inserter(out));
     }
     return out;
@@ -433,6 +500,12 @@ std::vector<PlanCandidateRecord> candidates(const std::vector<PlanFinding>& find
                                             std::string_view salt, double now) {
     std::vector<PlanCandidateRecord> out;
     for (const auto& finding : findings) {
+        if (finding.origin == CredentialOrigin::oauth) {
+            if (auto c = signInCandidate(finding, salt, now)) {
+                out.push_back(std::move(*c));
+            }
+            continue;
+        }
         const auto kind = EndpointClassifier::classify(
             finding.baseURL, finding.codingPlanKey ? "sk-cp-" : "", false);
         // A plan family's pay-as-you-go endpoint often serves its plan too (GLM's Anthropic
@@ -504,6 +577,20 @@ ResolvedCredential resolve(std::string_view locator, const PlanDiscoveryInputs& 
 
     if (locator.starts_with("env:")) {
         return from(envValue(inputs, locator.substr(4)));
+    }
+    if (locator.starts_with("oauth:")) {
+        const auto agent = signInAgent(locator);
+        if (!agent) {
+            return from(std::nullopt);
+        }
+        if (unreadableButPresent(LiveQuota::signInFile(*agent, inputs.home))) {
+            return {CredentialResolution::permissionDenied, std::nullopt};
+        }
+        auto identity = LiveQuota::signInIdentity(*agent, inputs.home);
+        if (!identity) {
+            return from(std::nullopt);
+        }
+        return {CredentialResolution::available, std::move(identity)};
     }
     if (locator.starts_with("keystore:")) {
         if (!inputs.keys) {

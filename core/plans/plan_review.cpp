@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/model/account_snapshot_json.hpp"
+#include "core/plans/live_quota.hpp"
 #include "core/plans/plan_quota.hpp"
 #include "core/plans/plan_salt.hpp"
 
@@ -72,13 +73,103 @@ std::optional<CandidateValidationState> validationStateFromRaw(std::string_view 
     return std::nullopt;
 }
 
+namespace {
+
+// The credential behind the candidate's locator, read again and held to the fingerprint taken
+// at discovery; absent when it can be used, else the result that says why not.
+std::optional<CandidateValidationResult> checkCredential(const PlanCandidateRecord& candidate,
+                                                         const PlanDiscoveryInputs& inputs,
+                                                         CandidateValidationResult& result,
+                                                         ResolvedCredential& credential) {
+    if (!candidate.credentialLocator) {
+        result.state = CandidateValidationState::credentialRejected;
+        result.diagnosticCode = "noCredential";
+        return result;
+    }
+    credential = PlanDiscovery::resolve(*candidate.credentialLocator, inputs);
+    result.credentialResolution = credential.resolution;
+    if (credential.resolution != CredentialResolution::available) {
+        result.state = credential.resolution == CredentialResolution::permissionDenied
+                           ? CandidateValidationState::localPermissionDenied
+                           : CandidateValidationState::credentialRejected;
+        result.diagnosticCode = std::string(rawValue(credential.resolution));
+        return result;
+    }
+    if (credentialFingerprint(inputs.salt, *credential.secret) != candidate.credentialFingerprint) {
+        // The key changed after discovery: a new scan makes a new revision to validate.
+        result.credentialResolution = CredentialResolution::sourceChanged;
+        result.state = CandidateValidationState::credentialRejected;
+        result.diagnosticCode = "sourceChanged";
+        return result;
+    }
+    return std::nullopt;
+}
+
+// Turns the provider's answer into the result: valid with its report when a plan answered.
+CandidateValidationResult fromProbe(const PlanCandidateRecord& candidate,
+                                    const std::expected<AccountSnapshot, ProbeError>& probed,
+                                    CandidateValidationResult result, double now) {
+    if (!probed) {
+        result.state = stateFor(probed.error());
+        result.diagnosticCode = std::string(ProbeErrors::kindName(probed.error().kind));
+        return result;
+    }
+    if (probed->windows.empty()) {
+        // The key works but no plan answers for it: a pay-as-you-go key on a plan endpoint.
+        result.state = CandidateValidationState::planInvalid;
+        result.diagnosticCode = "noQuotaWindow";
+        return result;
+    }
+    nlohmann::json report = {
+        {"credentialFingerprint", *candidate.credentialFingerprint},
+        {"validatedAt", now},
+        {"adapterVersion", candidate.adapterVersion},
+        {"planEvidence",
+         {{"recognizedPlanID", nullptr},
+          {"activeSubscriptionName", probed->identity.planLabel.empty()
+                                         ? nlohmann::json(nullptr)
+                                         : nlohmann::json(probed->identity.planLabel)},
+          {"quotaWindowCount", probed->windows.size()}}},
+        {"quotaPreview", *probed},
+    };
+    result.state = CandidateValidationState::valid;
+    result.reportJSON = report.dump();
+    return result;
+}
+
+}  // namespace
+
 namespace PlanReview {
 
 CandidateValidationResult validate(const PlanCandidateRecord& candidate,
                                    const PlanDiscoveryInputs& inputs,
-                                   const KeyProbeContext& context, double now) {
+                                   const KeyProbeContext& context, double now, TokenCache* tokens) {
     CandidateValidationResult result;
     result.revision = candidate.revision;
+    ResolvedCredential credential;
+
+    // A sign-in is validated by the agent's own live probe, under its own tokens.
+    if (const auto agent = candidate.credentialLocator
+                               ? PlanDiscovery::signInAgent(*candidate.credentialLocator)
+                               : std::nullopt) {
+        if (auto refused = checkCredential(candidate, inputs, result, credential)) {
+            return *refused;
+        }
+        const ProbeContext probeContext{inputs.home, context.env, context.timeout, tokens};
+        auto probed = LiveQuota::probeFor(*agent)(probeContext, now);
+        if (probed && !*probed) {
+            // The file lost its sign-in between the two reads.
+            result.state = CandidateValidationState::credentialRejected;
+            result.credentialResolution = CredentialResolution::missing;
+            result.diagnosticCode = "notSignedIn";
+            return result;
+        }
+        return fromProbe(candidate,
+                         probed ? std::expected<AccountSnapshot, ProbeError>(std::move(**probed))
+                                : std::unexpected(probed.error()),
+                         std::move(result), now);
+    }
+
     const auto family = planFamilyFromRaw(candidate.family);
     const auto region = planRegionFromRaw(candidate.region);
     // A family without a usage endpoint is said so before any key is read.
@@ -93,55 +184,11 @@ CandidateValidationResult validate(const PlanCandidateRecord& candidate,
         result.diagnosticCode = "noUsageEndpoint";
         return result;
     }
-    if (!candidate.credentialLocator) {
-        result.state = CandidateValidationState::credentialRejected;
-        result.diagnosticCode = "noCredential";
-        return result;
+    if (auto refused = checkCredential(candidate, inputs, result, credential)) {
+        return *refused;
     }
-    auto credential = PlanDiscovery::resolve(*candidate.credentialLocator, inputs);
-    result.credentialResolution = credential.resolution;
-    if (credential.resolution != CredentialResolution::available) {
-        result.state = credential.resolution == CredentialResolution::permissionDenied
-                           ? CandidateValidationState::localPermissionDenied
-                           : CandidateValidationState::credentialRejected;
-        result.diagnosticCode = std::string(rawValue(credential.resolution));
-        return result;
-    }
-    const std::string fingerprint = credentialFingerprint(inputs.salt, *credential.secret);
-    if (fingerprint != candidate.credentialFingerprint) {
-        // The key changed after discovery: a new scan makes a new revision to validate.
-        result.credentialResolution = CredentialResolution::sourceChanged;
-        result.state = CandidateValidationState::credentialRejected;
-        result.diagnosticCode = "sourceChanged";
-        return result;
-    }
-    const auto probed = PlanQuota::probe(account, *credential.secret, context, now);
-    if (!probed) {
-        result.state = stateFor(probed.error());
-        result.diagnosticCode = std::string(ProbeErrors::kindName(probed.error().kind));
-        return result;
-    }
-    if (probed->windows.empty()) {
-        // The key works but no plan answers for it: a pay-as-you-go key on a plan endpoint.
-        result.state = CandidateValidationState::planInvalid;
-        result.diagnosticCode = "noQuotaWindow";
-        return result;
-    }
-    nlohmann::json report = {
-        {"credentialFingerprint", fingerprint},
-        {"validatedAt", now},
-        {"adapterVersion", candidate.adapterVersion},
-        {"planEvidence",
-         {{"recognizedPlanID", nullptr},
-          {"activeSubscriptionName", probed->identity.planLabel.empty()
-                                         ? nlohmann::json(nullptr)
-                                         : nlohmann::json(probed->identity.planLabel)},
-          {"quotaWindowCount", probed->windows.size()}}},
-        {"quotaPreview", *probed},
-    };
-    result.state = CandidateValidationState::valid;
-    result.reportJSON = report.dump();
-    return result;
+    return fromProbe(candidate, PlanQuota::probe(account, *credential.secret, context, now),
+                     std::move(result), now);
 }
 
 std::string batchID(const std::vector<PlanCandidateRecord>& candidates, std::string_view salt) {

@@ -13,6 +13,8 @@
 
 namespace kestrel {
 
+class TokenCache;
+
 enum class PlanCandidateDecision { pending, accepted, rejected };
 enum class CandidateValidationState {
     unverified,
@@ -52,10 +54,14 @@ struct PlanReviewMessage {
 namespace PlanReview {
 
 // Reads the key, checks its fingerprint and probes the family's endpoint. Families without a
-// usage endpoint are `unsupported`; no request is made for a key that is missing or changed.
+// usage endpoint are `unsupported`; no request is made for a key that is missing or changed. A
+// sign-in ("oauth:AGENT") is checked against the sign-in found at discovery and probed with the
+// agent's live quota probe; a token it refreshes goes into `tokens` (Kestrel's own, never the
+// agent's file).
 CandidateValidationResult validate(const PlanCandidateRecord& candidate,
                                    const PlanDiscoveryInputs& inputs,
-                                   const KeyProbeContext& context, double now);
+                                   const KeyProbeContext& context, double now,
+                                   TokenCache* tokens = nullptr);
 
 // The review batch's id: a digest of the candidates and revisions it shows.
 std::string batchID(const std::vector<PlanCandidateRecord>& candidates, std::string_view salt);

@@ -21,20 +21,26 @@ namespace {
 
 using test_support::TempDir;
 
-TEST(GlanceLevel, TurnsWarningAtHalfAndCriticalAtFourFifths) {
+TEST(GlanceLevel, TurnsWarningAtHalfAndCriticalAtFourFifthsOfTheShownPercent) {
     struct Case {
         std::optional<double> percent;
         GlanceLevel level;
+        int shown;
     };
     const Case cases[] = {
-        {std::nullopt, GlanceLevel::normal}, {0, GlanceLevel::normal},
-        {49.99, GlanceLevel::normal},        {50, GlanceLevel::warning},
-        {79.99, GlanceLevel::warning},       {80, GlanceLevel::critical},
-        {100, GlanceLevel::critical},        {140, GlanceLevel::critical},
-        {std::nan(""), GlanceLevel::normal},
+        {std::nullopt, GlanceLevel::normal, 0}, {0, GlanceLevel::normal, 0},
+        {-3, GlanceLevel::normal, 0},           {49.49, GlanceLevel::normal, 49},
+        {49.5, GlanceLevel::warning, 50},       {49.99, GlanceLevel::warning, 50},
+        {50, GlanceLevel::warning, 50},         {79.49, GlanceLevel::warning, 79},
+        {79.5, GlanceLevel::critical, 80},      {80, GlanceLevel::critical, 80},
+        {100, GlanceLevel::critical, 100},      {140, GlanceLevel::critical, 100},
+        {std::nan(""), GlanceLevel::normal, 0},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(glanceLevel(c.percent), c.level) << c.percent.value_or(-1);
+        if (c.percent) {
+            EXPECT_EQ(glancePercent(*c.percent), c.shown) << *c.percent;
+        }
     }
 }
 

@@ -239,10 +239,13 @@ TEST_F(GlanceCommandsTest, BarClassFollowsTheTightestWindow) {
         const char* cls;
         int percentage;
     };
+    // The class goes by the percent the panel shows, so the two never disagree at a boundary.
     const Case cases[] = {{std::nullopt, "normal", 0}, {12.4, "normal", 12},
-                          {49.9, "normal", 50},        {50, "warning", 50},
-                          {79.5, "warning", 80},       {80, "critical", 80},
-                          {100, "critical", 100}};
+                          {49.49, "normal", 49},       {49.5, "warning", 50},
+                          {49.9, "warning", 50},       {50, "warning", 50},
+                          {79.49, "warning", 79},      {79.5, "critical", 80},
+                          {80, "critical", 80},        {100, "critical", 100},
+                          {140, "critical", 100}};
     for (const auto& c : cases) {
         {
             UsageStore store(support.path());
@@ -261,6 +264,11 @@ TEST_F(GlanceCommandsTest, BarClassFollowsTheTightestWindow) {
         EXPECT_EQ(keys, (std::vector<std::string>{"class", "percentage", "text", "tooltip"}));
         EXPECT_EQ(doc["class"], c.cls) << c.percent.value_or(-1);
         EXPECT_EQ(doc["percentage"], c.percentage) << c.percent.value_or(-1);
+        if (c.percent && *c.percent <= 100) {
+            EXPECT_NE(doc["text"].get<std::string>().find(" " + std::to_string(c.percentage) + "%"),
+                      std::string::npos)
+                << doc["text"];
+        }
     }
 }
 

@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <random>
+#include <set>
 
 #include "core/ledger/ledger_query.hpp"
 #include "core/ledger/sqlite_statement.hpp"
@@ -285,6 +287,79 @@ TEST_F(LedgerQueriesTest, EveryViewAgreesWithAFullAggregationThroughWrites) {
     // Repricing rewrites every cost row.
     store.repriceLedger(PriceTable::bundled(), BillingMode::apiEquivalent);
     expectAgreement(rng, "after repricing");
+}
+
+// A reader cannot rebuild the rollups. After a scan's small commit it takes the quarter hours
+// the commit marked from the events and everything else from the rollups: every view still
+// agrees with a full pass, and the unmarked days do come from the rollups.
+TEST_F(LedgerQueriesTest, AReaderAfterASmallCommitReadsOnlyTheMarkedQuarterHoursFromEvents) {
+    TimeZone zone("Asia/Kolkata");  // local hours cut UTC hours in half
+    std::mt19937 rng(5);
+    std::vector<UsageObservation> all;
+    for (int i = 0; i < 1200; ++i) {
+        all.push_back(randomObservation(i, rng, kStart, 10 * kDay));
+    }
+    commit(all, "run-1");
+    (void)store.ledgerSummary({});  // the writer brings the rollups up to date
+
+    // New requests within two hours of one day, and a few known events moved to another.
+    std::vector<UsageObservation> changed;
+    for (int i = 0; i < 30; ++i) {
+        changed.push_back(randomObservation(5000 + i, rng, kStart + 4 * kDay, 2 * 3600));
+    }
+    for (int i = 0; i < 5; ++i) {
+        changed.push_back(randomObservation(i * 7, rng, kStart + 8 * kDay, 3600));
+    }
+    commit(changed, "run-2");
+    {
+        sqlite::Statement marked(ledger.get(),
+                                 "SELECT COUNT(DISTINCT bucket) FROM ledger_rollup_dirty;");
+        marked.step();
+        ASSERT_GT(marked.int64(0), 0);
+        ASSERT_LT(marked.int64(0), 40);
+    }
+
+    UsageStore reader(dir.path(), ReadOnlyLedger{});
+    for (const auto& q : queries(rng)) {
+        const auto expected = reference(q);
+        ASSERT_EQ(reader.ledgerSummaries({q}).at(0), expected);
+        LedgerSummary bySource, byModel, byDay, byHour;
+        for (const auto& [source, s] : reader.ledgerSummariesBySource(q)) {
+            bySource += s;
+        }
+        for (const auto& m : reader.ledgerSummariesByModel(q)) {
+            byModel += m.summary;
+        }
+        for (const auto& b : reader.ledgerTimeBuckets(q, LedgerBucketUnit::day)) {
+            byDay += b.summary;
+        }
+        for (const auto& b : reader.ledgerModelTimeBuckets(q, LedgerBucketUnit::hour)) {
+            byHour += b.summary;
+        }
+        EXPECT_EQ(bySource, expected);
+        EXPECT_EQ(byModel, expected);
+        EXPECT_EQ(byDay, expected);
+        EXPECT_EQ(byHour, expected);
+    }
+
+    // A day the commit did not touch is read from its rollup row, not from its events.
+    std::set<int64_t> touchedDays;
+    {
+        sqlite::Statement marks(ledger.get(), "SELECT DISTINCT bucket FROM ledger_rollup_dirty;");
+        while (marks.step()) {
+            touchedDays.insert(static_cast<int64_t>(std::floor(marks.int64(0) / 96.0)));
+        }
+    }
+    auto untouchedDay = static_cast<int64_t>(std::floor(kStart / kDay)) + 1;
+    while (touchedDays.contains(untouchedDay)) {
+        ++untouchedDay;
+    }
+    sqlite::exec(ledger.get(), "UPDATE ledger_rollups_day SET event_count = event_count + 1000 "
+                               "WHERE bucket = " + std::to_string(untouchedDay) + ";");
+    const int rows = sqlite3_changes(ledger.get());  // one per kept dimension of that day
+    ASSERT_GT(rows, 0);
+    EXPECT_EQ(reader.ledgerSummaries({LedgerQuery{}}).at(0).eventCount,
+              reference({}).eventCount + 1000 * rows);
 }
 
 // Local days follow the process's calendar exactly, in zones whose offsets are not whole hours

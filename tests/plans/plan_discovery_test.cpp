@@ -7,8 +7,10 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <functional>
 #include <map>
 
+#include "core/model/base64.hpp"
 #include "core/plans/key_store.hpp"
 #include "core/plans/plan_salt.hpp"
 #include "tests/support/temp_dir.hpp"
@@ -226,6 +228,122 @@ TEST_F(PlanDiscoveryTest, LocatorsReadOnlyWhereTheyPoint) {
         EXPECT_EQ(got.resolution, c.resolution);
         EXPECT_EQ(got.secret, c.secret);
     }
+}
+
+// A JWT whose claims are `claims` (unsigned: only its claims are read).
+std::string jwtWith(const std::string& claims) {
+    std::string part = base64::encode(claims);
+    for (char& c : part) {
+        c = c == '+' ? '-' : c == '/' ? '_' : c;
+    }
+    std::erase(part, '=');
+    return "e30." + part + ".sig";
+}
+
+// Each agent's sign-in is one candidate that holds neither a token nor the account's name; it
+// keeps its id and revision while the agent refreshes its tokens, gets a new revision (and
+// account) when another account signs in, and is gone when the agent signs out.
+TEST(PlanDiscoverySignIns, ASignInStaysOneCandidateWhileItsTokensChange) {
+    struct Case {
+        AgentSource agent;
+        const char* file;
+        const char* shown;
+        // The files of a sign-in of `account` holding tokens made from `token`.
+        std::function<void(const TempDir&, const std::string&, const std::string&)> write;
+    };
+    const Case cases[] = {
+        {AgentSource::claude, ".claude/.credentials.json", "~/.claude/.credentials.json",
+         [](const TempDir& home, const std::string& account, const std::string& token) {
+             home.write(".claude/.credentials.json",
+                        R"({"claudeAiOauth": {"accessToken": "sk-ant-oat01-)" + token +
+                            R"(", "refreshToken": "sk-ant-ort01-)" + token +
+                            R"(", "expiresAt": 4102444800000, "subscriptionType": "max"}})");
+             home.write(".claude.json", R"({"oauthAccount": {"accountUuid": ")" + account +
+                                            R"(", "organizationUuid": "org-1"}})");
+         }},
+        {AgentSource::codex, ".codex/auth.json", "~/.codex/auth.json",
+         [](const TempDir& home, const std::string& account, const std::string& token) {
+             home.write(".codex/auth.json", R"({"tokens": {"access_token": ")" + token +
+                                                R"(", "refresh_token": "rt-)" + token +
+                                                R"(", "account_id": ")" + account + R"("}})");
+         }},
+        {AgentSource::kimi, ".kimi-code/credentials/kimi-code.json",
+         "~/.kimi-code/credentials/kimi-code.json",
+         [](const TempDir& home, const std::string& account, const std::string& token) {
+             home.write(".kimi-code/credentials/kimi-code.json",
+                        R"({"access_token": ")" +
+                            jwtWith(R"({"sub": ")" + account + R"(", "n": ")" + token + "\"}") +
+                            R"(", "refresh_token": "rt-)" + token +
+                            R"(", "expires_at": 4102444800})");
+         }},
+        {AgentSource::grok, ".grok/auth.json", "~/.grok/auth.json",
+         [](const TempDir& home, const std::string& account, const std::string& token) {
+             home.write(".grok/auth.json",
+                        R"({"tokens": {"access_token": ")" + token +
+                            R"(", "refresh_token": "rt-)" + token + R"(", "id_token": ")" +
+                            jwtWith(R"({"sub": ")" + account + R"(", "email": ")" + account +
+                                    R"(@example.com"})") +
+                            "\"}}");
+         }},
+    };
+    for (const auto& c : cases) {
+        const std::string agent(rawValue(c.agent));
+        SCOPED_TRACE(agent);
+        TempDir home;
+        const PlanDiscoveryInputs inputs{home.path(), {}, kSalt, nullptr};
+        const auto discover = [&] {
+            return PlanDiscovery::candidates(PlanDiscovery::oauthSignIns(inputs), kSalt, 100);
+        };
+        EXPECT_TRUE(discover().empty()) << "not signed in";
+
+        c.write(home, "ACCOUNT-ALPHA-1", "TOKEN-FIRST-1");
+        const auto first = discover();
+        ASSERT_EQ(first.size(), 1u);
+        const auto& f = first[0];
+        EXPECT_EQ(f.family, "oauth");
+        EXPECT_EQ(f.toolID, agent);
+        EXPECT_EQ(f.credentialOrigin, "oauth");
+        EXPECT_EQ(f.credentialLocator, "oauth:" + agent);
+        EXPECT_EQ(f.sourceDisplayName, c.shown);
+        EXPECT_EQ(f.credentialResolution, "available");
+        ASSERT_TRUE(f.credentialFingerprint && f.credentialFingerprint->starts_with("fp:"));
+        EXPECT_TRUE(f.proposedAccountID.starts_with("oauth-" + agent + "-"));
+        const std::string fields = f.id + f.revision + f.bindingKey + f.sourceDisplayName +
+                                   f.sourceEntryID + *f.credentialLocator +
+                                   *f.credentialFingerprint + f.proposedAccountID;
+        for (const char* secret : {"TOKEN-FIRST-1", "ACCOUNT-ALPHA-1"}) {
+            EXPECT_EQ(fields.find(secret), std::string::npos) << secret;
+        }
+        // Reading the sign-in again finds the one that was fingerprinted.
+        const auto again = PlanDiscovery::resolve(*f.credentialLocator, inputs);
+        ASSERT_EQ(again.resolution, CredentialResolution::available);
+        EXPECT_EQ(credentialFingerprint(kSalt, *again.secret), f.credentialFingerprint);
+
+        c.write(home, "ACCOUNT-ALPHA-1", "TOKEN-REFRESHED-2");
+        const auto refreshed = discover();
+        ASSERT_EQ(refreshed.size(), 1u);
+        EXPECT_EQ(refreshed[0].id, f.id);
+        EXPECT_EQ(refreshed[0].revision, f.revision);
+        EXPECT_EQ(refreshed[0].proposedAccountID, f.proposedAccountID);
+
+        c.write(home, "ACCOUNT-BRAVO-2", "TOKEN-REFRESHED-2");
+        const auto other = discover();
+        ASSERT_EQ(other.size(), 1u);
+        EXPECT_EQ(other[0].id, f.id);
+        EXPECT_NE(other[0].revision, f.revision);
+        EXPECT_NE(other[0].proposedAccountID, f.proposedAccountID);
+
+        std::filesystem::remove(home / c.file);
+        EXPECT_TRUE(discover().empty()) << "signed out";
+        EXPECT_EQ(PlanDiscovery::resolve(*f.credentialLocator, inputs).resolution,
+                  CredentialResolution::missing);
+    }
+    // A locator that names no agent with a sign-in reads nothing.
+    TempDir home;
+    const PlanDiscoveryInputs inputs{home.path(), {}, kSalt, nullptr};
+    EXPECT_FALSE(PlanDiscovery::signInAgent("oauth:cursor"));
+    EXPECT_EQ(PlanDiscovery::resolve("oauth:nobody", inputs).resolution,
+              CredentialResolution::missing);
 }
 
 TEST(PlanDiscoveryPlaceholders, TemplateValuesAreNoKeys) {
