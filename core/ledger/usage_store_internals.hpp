@@ -14,7 +14,7 @@ namespace kestrel {
 struct UsageStore::State {
     sqlite3* db = nullptr;
     bool readOnly = false;  // opened with ReadOnlyLedger: never writes, rollups only when current
-    bool rollupsCurrent = true;  // as found by the last refreshRollups()
+    bool rollupsCurrent = true;         // as found by the last refreshRollups()
     mutable std::recursive_mutex lock;  // the connection, compound operations, migrations
     std::mutex repricingLock;           // two repricings never interleave
     std::mutex sessionMaterialLock;     // the cached session salt and checkpoint key
@@ -23,6 +23,10 @@ struct UsageStore::State {
     // compound operation.
     sqlite3* connection() const;
 };
+
+// Finishes a first import that a stopped process left half done (usage_store_first_import.cpp);
+// nothing when there is none. For the writable open.
+void finishInterruptedFirstImport(sqlite3* db);
 
 struct UsageStoreAccess {
     static UsageStore::State& state(UsageStore& store) { return *store.state_; }

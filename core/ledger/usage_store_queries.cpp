@@ -297,7 +297,14 @@ void UsageStore::refreshRollups() {
         state_->rollupsCurrent = dirty.int64(0) == 0;
         return;
     }
-    LedgerRollups::refresh(state_->connection());
+    sqlite3* db = state_->connection();
+    // During a first import the triggers are gone, so marks would be missed: the rollups are
+    // rebuilt once at its end and read as stale until then.
+    if (firstImportPending()) {
+        state_->rollupsCurrent = false;
+        return;
+    }
+    LedgerRollups::refresh(db);
     state_->rollupsCurrent = true;
 }
 
