@@ -77,13 +77,19 @@ struct Ingestor::PendingShare {
 
 // What the commits of one source came to.
 struct Ingestor::ShareTally {
+    // The latest verdict on one observation, by a hash of its id: 16 bytes a usage, so that a
+    // source of millions of usages keeps its tally small (two ids of one hash would count once).
     struct Verdict {
+        uint64_t id = 0;
+        int32_t findings = 0;
         bool eligible = false;
-        int64_t findings = 0;
     };
-    std::unordered_map<std::string, Verdict> verdicts;  // by observation id, the latest one
+    std::vector<Verdict> verdicts;  // sorted by id, one per id
     int64_t adapterIssues = 0;
     int64_t duplicateRuns = 0;
+    // The ledger held no usage of the source before these commits: an id not in `verdicts`
+    // cannot be in the ledger yet, so its commit need not look for a stored row.
+    bool trackIDs = false;
     bool committed = false;
     bool replaced = false;
     bool quotaSaved = false;
@@ -96,8 +102,9 @@ class Ingestor::ShareCommitter {
   public:
     using Commit = std::function<void(PendingShare&, ShareTally&)>;
 
-    explicit ShareCommitter(Commit commit)
-        : commit_(std::move(commit)), thread_([this] { run(); }) {}
+    // With `trackIDs`, the commits learn which ids earlier ones wrote (see ShareTally).
+    ShareCommitter(Commit commit, bool trackIDs)
+        : commit_(std::move(commit)), tally_(startingTally(trackIDs)), thread_([this] { run(); }) {}
     ~ShareCommitter() { finish(); }
     ShareCommitter(const ShareCommitter&) = delete;
     ShareCommitter& operator=(const ShareCommitter&) = delete;
@@ -118,6 +125,12 @@ class Ingestor::ShareCommitter {
     }
 
   private:
+    static ShareTally startingTally(bool trackIDs) {
+        ShareTally tally;
+        tally.trackIDs = trackIDs;
+        return tally;
+    }
+
     void run() {
         while (auto share = queue_.pop()) {
             try {
@@ -146,7 +159,45 @@ struct Ingestor::Planned {
     std::vector<std::filesystem::path> files;
     const std::map<std::string, SourceCheckpoint>* stored = nullptr;  // by stable id
     std::string defaultModel;
+    bool firstImport = false;  // the ledger held no usage when the scan began
 };
+
+namespace {
+
+uint64_t idHash(std::string_view id) {
+    return std::hash<std::string_view>{}(id);
+}
+
+// Ends a first import however the scan ends. A failure here is left to the next open, which
+// finishes what the marker in the ledger says is unfinished.
+class FirstImport {
+  public:
+    explicit FirstImport(UsageStore& store) : store_(store), active_(store.beginFirstImport()) {}
+    ~FirstImport() {
+        if (active_) {
+            try {
+                store_.finishFirstImport();
+            } catch (const std::exception&) {
+            }
+        }
+    }
+    FirstImport(const FirstImport&) = delete;
+    FirstImport& operator=(const FirstImport&) = delete;
+    bool active() const { return active_; }
+    // Builds the indexes and rollups now; errors reach the caller.
+    void finish() {
+        if (active_) {
+            active_ = false;
+            store_.finishFirstImport();
+        }
+    }
+
+  private:
+    UsageStore& store_;
+    bool active_;
+};
+
+}  // namespace
 
 Ingestor::Ingestor(UsageStore& store, PriceTable prices, ScanGate* gate, EnvironmentLookup env,
                    ReaderLookup readers)
@@ -229,6 +280,10 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
         return progress;
     }
 
+    // Into an empty ledger the commits go without indexes and rollup triggers, built once at
+    // the end.
+    FirstImport firstImport(store_);
+
     // Discover everything first, so that progress has its total before the first file is read.
     std::vector<Planned> plans;
     std::vector<SourceScanReport> reports;
@@ -239,6 +294,7 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
         }
         Planned planned;
         planned.source = source;
+        planned.firstImport = firstImport.active();
         planned.reader = *readers_(source);
         planned.roots = AgentCatalog::installedRoots(source, home, env_);
         for (const auto& root : planned.roots) {
@@ -297,7 +353,9 @@ ScanProgress Ingestor::scan(const std::filesystem::path& home, const AppSettings
         std::lock_guard guard(stateMutex_);
         lastReports_ = reports;
     }
-    if (progress.changed) {
+    if (firstImport.active()) {
+        firstImport.finish();  // builds the rollups too
+    } else if (progress.changed) {
         // The totals the views read are brought up to date while the new rows are warm, so
         // that the next report answers at once.
         store_.refreshRollups();
@@ -333,20 +391,25 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     // the share before. Each share carries whole files with their checkpoints, so every commit
     // leaves the ledger as a scan that stopped after those files would; a full rescan is one
     // share, since its removals need every file's usage in one run.
-    ShareCommitter committer([&](PendingShare& share, ShareTally& tally) {
-        commitShare(planned, settings, prices, startedAt, share, tally);
-    });
+    // A full rescan is one share, so it has no earlier commit of this scan to know about.
+    ShareCommitter committer(
+        [&](PendingShare& share, ShareTally& tally) {
+            commitShare(planned, settings, prices, startedAt, share, tally);
+        },
+        planned.firstImport && !force);
     PendingShare share;
     MergedEvents events;
     std::vector<UsageEvent> fileEvents;
     bool formatChanged = false;
     bool readFailed = false;
     std::set<std::pair<uint64_t, uint64_t>> identities;
+    bool committerFailed = false;
     auto handOver = [&] {
         share.events = std::move(events.events());
         events.release();
         const bool accepted = committer.submit(std::move(share));
         share = PendingShare{};
+        committerFailed = committerFailed || !accepted;
         return accepted;
     };
 
@@ -397,7 +460,34 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
         context.file = file;
         context.checkpoint = std::move(previous);
         context.defaultModel = planned.defaultModel;
-        context.sink = [&](UsageEvent&& e) { fileEvents.push_back(std::move(e)); };
+        // A file with more usage than a share is handed over in parts, each with the checkpoint
+        // of a line, so that memory does not grow with the file. The part goes when the next
+        // usage arrives: one that ended at the end of the file would only delay its last
+        // checkpoint, which also says the file was read through.
+        std::optional<SourceCheckpoint> partEnd;
+        context.sink = [&](UsageEvent&& e) {
+            if (partEnd) {
+                for (auto& before : fileEvents) {
+                    events.add(std::move(before));
+                }
+                fileEvents.clear();
+                // The file goes on past this point: the next scan must read on, not skip it.
+                partEnd->fileStamp.reset();
+                share.checkpoints.push_back(std::move(*partEnd));
+                partEnd.reset();
+                handOver();
+            }
+            fileEvents.push_back(std::move(e));
+        };
+        if (!force) {
+            context.wantsHandOver = [&] {
+                return !partEnd && !committerFailed &&
+                       events.events().size() + fileEvents.size() >= eventsPerShare_;
+            };
+            context.handOver = [&](SourceCheckpoint&& checkpoint) {
+                partEnd = std::move(checkpoint);
+            };
+        }
         std::expected<IngestResult, FileError> result;
         try {
             result = reader.ingest(context);
@@ -483,7 +573,7 @@ SourceScanReport Ingestor::scanSource(Planned& planned, const AppSettings& setti
     report.committed = tally.committed;
     report.replaced = tally.replaced;
     if (tally.committed) {
-        for (const auto& [id, verdict] : tally.verdicts) {
+        for (const auto& verdict : tally.verdicts) {
             ++(verdict.eligible ? report.counts.accepted : report.counts.rejected);
             report.counts.coverageIssues += verdict.findings;
         }
@@ -528,13 +618,38 @@ void Ingestor::commitShare(Planned& planned, const AppSettings& settings, const 
     std::vector<UsageEvent>().swap(share.events);
     // A usage met in several shares is one observation: its counts follow its latest verdict,
     // as they would after one commit of the whole source.
+    std::vector<ShareTally::Verdict> verdicts;
+    verdicts.reserve(batch->observations.size());
     for (const auto& o : batch->observations) {
         const auto verdict = LedgerValidator::validate(o);
-        tally.verdicts.insert_or_assign(
-            o.id, ShareTally::Verdict{verdict.isLedgerEligible,
-                                      static_cast<int64_t>(verdict.findings.size())});
+        verdicts.push_back({idHash(o.id), static_cast<int32_t>(verdict.findings.size()),
+                            verdict.isLedgerEligible});
     }
-    const auto outcome = store_.ingest({}, share.checkpoints, share.replacing, batch);
+    const auto byID = [](const ShareTally::Verdict& a, const ShareTally::Verdict& b) {
+        return a.id < b.id;
+    };
+    std::ranges::stable_sort(verdicts, byID);
+    std::function<bool(std::string_view)> mayHold;
+    if (tally.trackIDs) {
+        mayHold = [&known = tally.verdicts, byID](std::string_view id) {
+            return std::ranges::binary_search(known, ShareTally::Verdict{idHash(id)}, byID);
+        };
+    }
+    const auto outcome = store_.ingest({}, share.checkpoints, share.replacing, batch, mayHold);
+    // Merged in place (the stable merge puts the later verdict of an id after the earlier
+    // one), then only the last of each id is kept.
+    auto& all = tally.verdicts;
+    const auto before = static_cast<std::ptrdiff_t>(all.size());
+    all.insert(all.end(), verdicts.begin(), verdicts.end());
+    std::inplace_merge(all.begin(), all.begin() + before, all.end(), byID);
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < all.size(); ++i) {
+        if (i + 1 < all.size() && all[i + 1].id == all[i].id) {
+            continue;
+        }
+        all[kept++] = all[i];
+    }
+    all.resize(kept);
     tally.committed = true;
     tally.replaced = tally.replaced || share.replacing.has_value();
     if (outcome) {

@@ -384,25 +384,48 @@ CREATE INDEX IF NOT EXISTS idx_plan_candidates_account
     "  PRIMARY KEY(bucket, source, model, provider, account_id, integration_instance_id)\n" \
     ") WITHOUT ROWID;\n"
 
+// Costs change under their events only when the ledger is repriced, which marks everything;
+// every other write of a cost writes its event too.
+#define KESTREL_ROLLUP_TRIGGERS \
+    "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_insert AFTER INSERT ON ledger_events\n" \
+    "BEGIN " KESTREL_MARK_DIRTY("NEW.occurred_at") " END;\n"                                  \
+    "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_delete AFTER DELETE ON ledger_events\n" \
+    "BEGIN " KESTREL_MARK_DIRTY("OLD.occurred_at") " END;\n"                                  \
+    "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_update AFTER UPDATE ON ledger_events\n" \
+    "BEGIN\n"                                                                                  \
+    "  " KESTREL_MARK_DIRTY("OLD.occurred_at") "\n"                                            \
+    "  " KESTREL_MARK_DIRTY("NEW.occurred_at") "\n"                                            \
+    "END;\n"
+
 const std::string_view kVersion5Script =
     KESTREL_ROLLUP_TABLE("ledger_rollups")
     KESTREL_ROLLUP_TABLE("ledger_rollups_hour")
     KESTREL_ROLLUP_TABLE("ledger_rollups_day")
     "CREATE TABLE IF NOT EXISTS ledger_rollup_dirty (bucket INTEGER NOT NULL);\n"
-    // Costs change under their events only when the ledger is repriced, which marks everything;
-    // every other write of a cost writes its event too.
-    "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_insert AFTER INSERT ON ledger_events\n"
-    "BEGIN " KESTREL_MARK_DIRTY("NEW.occurred_at") " END;\n"
-    "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_delete AFTER DELETE ON ledger_events\n"
-    "BEGIN " KESTREL_MARK_DIRTY("OLD.occurred_at") " END;\n"
-    "CREATE TRIGGER IF NOT EXISTS ledger_events_rollup_update AFTER UPDATE ON ledger_events\n"
-    "BEGIN\n"
-    "  " KESTREL_MARK_DIRTY("OLD.occurred_at") "\n"
-    "  " KESTREL_MARK_DIRTY("NEW.occurred_at") "\n"
-    "END;\n"
+    KESTREL_ROLLUP_TRIGGERS
     "INSERT INTO ledger_rollup_dirty(bucket) SELECT DISTINCT " KESTREL_BUCKET_OF(
         "occurred_at") " FROM ledger_events;\n";
 
+// Kept while the ledger is empty: the commit's own look-ups (observations of a source, findings
+// of an observation) and the primary keys and unique columns the upserts resolve on.
+const std::string_view kFirstImportDrop =
+    "DROP TRIGGER IF EXISTS ledger_events_rollup_insert;\n"
+    "DROP TRIGGER IF EXISTS ledger_events_rollup_delete;\n"
+    "DROP TRIGGER IF EXISTS ledger_events_rollup_update;\n"
+    "DROP INDEX IF EXISTS idx_usage_observations_run;\n"
+    "DROP INDEX IF EXISTS idx_usage_observations_account_time;\n"
+    "DROP INDEX IF EXISTS idx_ledger_events_time_id;\n"
+    "DROP INDEX IF EXISTS idx_ledger_events_source_time;\n"
+    "DROP INDEX IF EXISTS idx_ledger_events_account_time;\n"
+    "DROP INDEX IF EXISTS idx_ledger_events_instance_time;\n"
+    "DROP INDEX IF EXISTS idx_ledger_events_session;\n"
+    "DROP INDEX IF EXISTS idx_ledger_costs_known_amount;\n"
+    "DROP INDEX IF EXISTS idx_coverage_issues_open;\n"
+    "DROP INDEX IF EXISTS idx_coverage_issues_run;\n";
+
+const std::string_view kFirstImportRebuild = KESTREL_ROLLUP_TRIGGERS;
+
+#undef KESTREL_ROLLUP_TRIGGERS
 #undef KESTREL_MARK_DIRTY
 #undef KESTREL_ROLLUP_TABLE
 #undef KESTREL_BUCKET_OF

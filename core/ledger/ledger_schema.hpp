@@ -50,6 +50,14 @@ extern const std::string_view kVersion4Script;
 // events is marked dirty once, so the first query fills the totals.
 extern const std::string_view kVersion5Script;
 
+// A first import into an empty ledger runs without the secondary indexes that its commits do
+// not read and without the rollup triggers: kFirstImportDrop removes them, kFirstImportRebuild
+// (with kLedgerScript and kSessionIndex, which recreate the indexes) puts the triggers back. The
+// settings row kFirstImportKey says the ledger is in that state.
+extern const std::string_view kFirstImportDrop;
+extern const std::string_view kFirstImportRebuild;
+inline constexpr std::string_view kFirstImportKey = "ledger_first_import";
+
 // The index behind one session's totals (a status line asks for them every few seconds), and the
 // query that finds it; a row when it exists.
 extern const std::string_view kSessionIndex;

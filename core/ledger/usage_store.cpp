@@ -333,6 +333,17 @@ void UsageStore::migrate() {
         std::lock_guard guard(state_->lock);
         migrationStep(db, "window key backfill", std::nullopt, [&] { backfillWindowKeys(db); });
     }
+
+    {
+        std::lock_guard guard(state_->lock);
+        try {
+            finishInterruptedFirstImport(db);
+        } catch (const std::exception& e) {
+            throw StoreError(
+                StoreErrorCode::migrate,
+                std::string("finishing an interrupted first import failed: ") + e.what());
+        }
+    }
 }
 
 std::vector<SourceCheckpoint> UsageStore::checkpoints(AgentSource source) {

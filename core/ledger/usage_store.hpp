@@ -6,20 +6,22 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "core/model/integration_instance_repository.hpp"
 #include "core/ledger/ledger_query.hpp"
 #include "core/ledger/ledger_records.hpp"
 #include "core/ledger/store_error.hpp"
+#include "core/model/account_snapshot.hpp"
+#include "core/model/integration_instance_repository.hpp"
 #include "core/model/source_checkpoint.hpp"
 #include "core/model/usage_event.hpp"
 #include "core/pricing/price_override_source.hpp"
-#include "core/model/account_snapshot.hpp"
 #include "core/sources/agent_catalog.hpp"
 
 namespace kestrel {
@@ -77,8 +79,27 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
                                               std::optional<AgentSource> replacingSource,
                                               const std::optional<UsageBatch>& formalBatch);
 
+    // As above, with `mayHold` telling which observation ids the ledger may already hold (a
+    // caller that tracks what its earlier commits wrote); the others skip the look-up of a
+    // stored row to merge with and the removal of its earlier findings. Absent: every id may.
+    std::optional<LedgerIngestOutcome> ingest(const std::vector<UsageEvent>& legacyEvents,
+                                              const std::vector<SourceCheckpoint>& checkpoints,
+                                              std::optional<AgentSource> replacingSource,
+                                              const std::optional<UsageBatch>& formalBatch,
+                                              const std::function<bool(std::string_view)>& mayHold);
+
     // Commits `batch` alone as a full rescan of `source`.
     LedgerIngestOutcome replaceLedgerSource(AgentSource source, const UsageBatch& batch);
+
+    // A ledger without usage is filled much faster without its secondary indexes and the
+    // triggers that keep the rollups: beginFirstImport drops them when the ledger holds no
+    // observation at all (and says whether it did); finishFirstImport builds them again and
+    // then the rollups in one pass. The state is kept in the file, so that a process stopped in
+    // between leaves a ledger whose next writable open finishes the job.
+    bool beginFirstImport();
+    void finishFirstImport();
+    // Whether a first import is under way (or was cut short and not yet finished).
+    bool firstImportPending();
 
     // Recomputes the cost of every stored observation and its ledger event; returns how many
     // observations were repriced.
@@ -102,9 +123,9 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     //
     // Every filter goes through ledgerFilter. Totals over whole quarter hours come from the
     // ledger_rollups table when the filter allows it (time, source, instance, account, provider,
-    // model; not project, session or search), with the partial quarter hours at the ends of the range
-    // read from the events; the results equal a full aggregation of the events. Local days and
-    // hours are whole runs of quarter hours in every time zone in use today. Each throws
+    // model; not project, session or search), with the partial quarter hours at the ends of the
+    // range read from the events; the results equal a full aggregation of the events. Local days
+    // and hours are whole runs of quarter hours in every time zone in use today. Each throws
     // StoreError(sql) on failure.
 
     // A page of entries in (occurredAt, id) order, starting after `after`.

@@ -284,22 +284,21 @@ struct Rows {
     }
 };
 
-// Merges rows [from, to) with what the ledger holds of them (`select` is
+// Merges the rows `which` with what the ledger holds of them (`select` is
 // LedgerUpserts::storedObservations for that many rows): a later scan weighs its records against
 // the stored row as one scan weighs them among themselves, without reading old files again.
-void mergeWithStored(Statement& select, Rows& rows, std::size_t from, std::size_t to) {
-    for (std::size_t k = from; k < to; ++k) {
-        select.bind(static_cast<int>(k - from) + 1, rows.observation[k]->id);
+void mergeWithStored(Statement& select, Rows& rows, const std::vector<std::size_t>& which) {
+    for (std::size_t r = 0; r < which.size(); ++r) {
+        select.bind(static_cast<int>(r) + 1, rows.observation[which[r]]->id);
     }
     while (select.step()) {
         const std::string id = select.text(0);
-        std::size_t k = from;
-        while (k < to && rows.observation[k]->id != id) {
-            ++k;
-        }
-        if (k == to) {
+        auto it = std::ranges::find_if(
+            which, [&](std::size_t k) { return rows.observation[k]->id == id; });
+        if (it == which.end()) {
             continue;
         }
+        const std::size_t k = *it;
         UsageObservation merged = *rows.observation[k];
         readStored(select, merged);
         UsageMerge::merge(merged, *rows.observation[k]);
@@ -329,8 +328,10 @@ static bool holdsObservationsOf(sqlite3* db, const UsageBatch& batch) {
 // Observations that share an id are folded into one by UsageMerge and, with `mergeStored`, that
 // one is merged with the row the ledger holds, so the ledger ends as if every record had been
 // merged in turn. The outcome still counts every observation of the batch, as a commit of each in
-// turn would.
+// turn would. Rows `mayHold` rules out (none when `anyStored` is false) cannot have a stored
+// row, findings or event, so they skip looking for them.
 static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, bool mergeStored,
+                              bool anyStored, const std::function<bool(std::string_view)>& mayHold,
                               Statement& upsertIssue, LedgerIngestOutcome& outcome) {
     const auto& all = batch.observations;
     std::vector<LedgerValidationResult> verdicts;
@@ -366,26 +367,37 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, 
     StatementCache events(db, LedgerUpserts::events);
     StatementCache costs(db, LedgerUpserts::costs);
     std::vector<std::string> eventIDs;
+    std::vector<std::size_t> held;  // rows of the chunk the ledger may hold already
     const std::size_t count = rows.observation.size();
     for (std::size_t from = 0; from < count; from += kRowsPerStatement) {
         const std::size_t to = std::min(count, from + kRowsPerStatement);
         const int n = static_cast<int>(to - from);
 
-        if (mergeStored) {
-            mergeWithStored(stored.get(n), rows, from, to);
+        held.clear();
+        for (std::size_t k = from; anyStored && k < to; ++k) {
+            if (!mayHold || mayHold(rows.observation[k]->id)) {
+                held.push_back(k);
+            }
+        }
+        if (mergeStored && !held.empty()) {
+            mergeWithStored(stored.get(static_cast<int>(held.size())), rows, held);
         }
         auto& obs = observations.get(n);
-        auto& findings = deleteFindings.get(n);
         for (std::size_t k = from; k < to; ++k) {
             const auto& o = *rows.observation[k];
             const int row = static_cast<int>(k - from);
             bindObservation(obs, row * LedgerUpserts::kObservationColumns, o, batch.id,
                             rows.verdict[k]->normalizedCost);
-            findings.bind(row + 1, o.id);
         }
         obs.run();
-        // Findings always reflect the latest validation only.
-        findings.run();
+        if (!held.empty()) {
+            // Findings always reflect the latest validation only.
+            auto& findings = deleteFindings.get(static_cast<int>(held.size()));
+            for (std::size_t r = 0; r < held.size(); ++r) {
+                findings.bind(static_cast<int>(r) + 1, rows.observation[held[r]]->id);
+            }
+            findings.run();
+        }
 
         std::vector<std::size_t> eligible, rejected;
         for (std::size_t k = from; k < to; ++k) {
@@ -404,7 +416,11 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, 
                 issue.detectedAt = now;
                 writeIssue(upsertIssue, issue);
             }
-            (verdict.isLedgerEligible ? eligible : rejected).push_back(k);
+            if (verdict.isLedgerEligible) {
+                eligible.push_back(k);
+            } else if (std::ranges::binary_search(held, k)) {
+                rejected.push_back(k);
+            }
         }
         if (!rejected.empty()) {
             // Accepted once, rejected now: it leaves the ledger (its cost goes by cascade).
@@ -440,7 +456,9 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, 
 static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEvent>& legacyEvents,
                                         const std::vector<SourceCheckpoint>& checkpoints,
                                         std::optional<AgentSource> replacing,
-                                        const UsageBatch* batch, bool& wroteBatch) {
+                                        const UsageBatch* batch,
+                                        const std::function<bool(std::string_view)>& mayHold,
+                                        bool& wroteBatch) {
     sqlite::Transaction transaction(db);
     LedgerIngestOutcome outcome;
     wroteBatch = false;
@@ -497,8 +515,11 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
         const double now = epochNow();
         // A full rescan stands for everything the files hold now, merged in memory; rows kept
         // from files since gone must not outweigh it.
-        const bool mergeStored = !replacing && holdsObservationsOf(db, *batch);
-        writeObservations(db, *batch, now, mergeStored, s.upsertIssue, outcome);
+        const bool anyStored = replacing || holdsObservationsOf(db, *batch);
+        const bool mergeStored = !replacing && anyStored;
+        writeObservations(db, *batch, now, mergeStored, anyStored,
+                          replacing ? std::function<bool(std::string_view)>() : mayHold,
+                          s.upsertIssue, outcome);
 
         for (auto issue : batch->coverageIssues) {
             issue.runID = issue.runID.value_or(batch->id);
@@ -540,13 +561,20 @@ static LedgerIngestOutcome commitLocked(sqlite3* db, const std::vector<UsageEven
 std::optional<LedgerIngestOutcome> UsageStore::ingest(
     const std::vector<UsageEvent>& legacyEvents, const std::vector<SourceCheckpoint>& checkpoints,
     std::optional<AgentSource> replacingSource, const std::optional<UsageBatch>& formalBatch) {
+    return ingest(legacyEvents, checkpoints, replacingSource, formalBatch, {});
+}
+
+std::optional<LedgerIngestOutcome> UsageStore::ingest(
+    const std::vector<UsageEvent>& legacyEvents, const std::vector<SourceCheckpoint>& checkpoints,
+    std::optional<AgentSource> replacingSource, const std::optional<UsageBatch>& formalBatch,
+    const std::function<bool(std::string_view)>& mayHold) {
     if (formalBatch) {
         checkBatch(*formalBatch, replacingSource);
     }
     std::lock_guard guard(state_->lock);
     bool wroteBatch = false;
     auto outcome = commitLocked(state_->connection(), legacyEvents, checkpoints, replacingSource,
-                                formalBatch ? &*formalBatch : nullptr, wroteBatch);
+                                formalBatch ? &*formalBatch : nullptr, mayHold, wroteBatch);
     if (!formalBatch) {
         return std::nullopt;
     }

@@ -34,6 +34,10 @@ struct UsageStore::State {
     sqlite3* connection() const;
 };
 
+// Finishes a first import that a stopped process left half done (usage_store_first_import.cpp);
+// nothing when there is none. For the writable open.
+void finishInterruptedFirstImport(sqlite3* db);
+
 struct UsageStoreAccess {
     static UsageStore::State& state(UsageStore& store) { return *store.state_; }
 };

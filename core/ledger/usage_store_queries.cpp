@@ -319,6 +319,12 @@ constexpr int64_t kReaderMarkedLimit = 384;
 
 void UsageStore::refreshRollups() {
     std::lock_guard guard(state_->lock);
+    // During a first import the triggers are gone, so marks would be missed: the rollups are
+    // rebuilt once at its end and every total comes from the events until then.
+    if (firstImportPending()) {
+        state_->rollups = {.usable = false, .markedQuarters = {}};
+        return;
+    }
     if (state_->readOnly) {
         // A reader cannot rebuild them: it reads the events of the quarter hours that are behind
         // (a scan's commit marks a few), or every event when too many are.

@@ -149,11 +149,27 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
     facts.sessionFromName = transcript.stem().string();
     facts.projectKey = projectKey(transcript);
 
+    // The checkpoint of the lines before `next`; no state is kept between lines, so it is the
+    // whole of what a later read needs.
+    const auto checkpointAt = [&](int64_t next, std::optional<int64_t> partialStart) {
+        SourceCheckpoint cp;
+        cp.source = AgentSource::claude;
+        cp.stableID = SourceCheckpoint::stableIDFor(transcript);
+        cp.pathHint = transcript.string();
+        cp.inode = JSONL::inode(transcript);
+        cp.byteOffset = next;
+        cp.partialLineStart = partialStart;
+        cp.contentFingerprint = JSONL::boundaryFingerprint(transcript, next);
+        cp.parserVersion = parserVersion;
+        cp.schemaVersion = checkpointSchemaVersion;
+        return cp;
+    };
+
     IngestResult result;
     ClaudeLineReader reader;
     ClaudeRecord record;
     int64_t usable = 0, unreadable = 0;
-    auto end = JSONL::forEachCompleteLine(transcript, start, [&](std::string_view line, int64_t) {
+    const auto onLine = [&](std::string_view line, int64_t offset) {
         ++result.stats.lines;
         switch (reader.read(line, JSONL::kLinePadding, record)) {
             case ClaudeLineKind::usage:
@@ -177,7 +193,11 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
             case ClaudeLineKind::blank:
                 break;
         }
-    });
+        if (context.wantsHandOver && context.wantsHandOver()) {
+            context.handOver(checkpointAt(JSONL::offsetAfter(line, offset), std::nullopt));
+        }
+    };
+    auto end = JSONL::forEachCompleteLine(transcript, start, onLine);
     if (!end) {
         return std::unexpected(end.error());
     }
@@ -189,16 +209,7 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
     // odd record appended to a file that read well is damage, not a new format.)
     result.formatChanged = start == 0 && unreadable > 0 && usable == 0;
 
-    SourceCheckpoint& cp = result.checkpoint;
-    cp.source = AgentSource::claude;
-    cp.stableID = SourceCheckpoint::stableIDFor(transcript);
-    cp.pathHint = transcript.string();
-    cp.inode = JSONL::inode(transcript);
-    cp.byteOffset = end->nextOffset;
-    cp.partialLineStart = end->partialStart;
-    cp.contentFingerprint = JSONL::boundaryFingerprint(transcript, end->nextOffset);
-    cp.parserVersion = parserVersion;
-    cp.schemaVersion = checkpointSchemaVersion;
+    result.checkpoint = checkpointAt(end->nextOffset, end->partialStart);
     return result;
 }
 

@@ -180,6 +180,12 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
     return end;
 }
 
+int64_t offsetAfter(std::string_view line, int64_t offset) {
+    // The handler's view points into the read buffer, where its terminator still follows it.
+    const bool trimmedReturn = line.data()[line.size()] == '\r';
+    return offset + static_cast<int64_t>(line.size()) + (trimmedReturn ? 2 : 1);
+}
+
 std::expected<Slice, FileError> readCompleteLines(const std::filesystem::path& path, int64_t from) {
     Slice slice;
     auto end = forEachCompleteLine(

@@ -44,6 +44,10 @@ inline constexpr std::size_t kLinePadding = 64;
 // first byte. The view is valid only during the call.
 using LineHandler = std::function<void(std::string_view line, int64_t offset)>;
 
+// The offset just past the line feed of a line handed to a LineHandler (`line` and `offset` as
+// given to it; a "\r" removed before the line feed counts too).
+int64_t offsetAfter(std::string_view line, int64_t offset);
+
 // Streams the complete lines from `from` to the end of the file through `onLine`. Empty lines
 // are delivered too; lines longer than `maxLineBytes` are consumed but not delivered. Fails only
 // when the file cannot be opened or read.

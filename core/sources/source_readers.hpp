@@ -44,6 +44,12 @@ struct SourceReadContext {
     // Receives the events in file order as they are read. Readers that collect a store's rows
     // first may instead return them in the result's `events`.
     SourceEventSink sink;
+    // When set, a reader that can resume at any line boundary (one that keeps no state between
+    // lines) asks it after each line whether to hand over; when it answers true, the reader
+    // calls `handOver` with the checkpoint of everything read so far, the events of which it
+    // has all passed to `sink`. Lets one huge file be committed in parts.
+    std::function<bool()> wantsHandOver;
+    std::function<void(SourceCheckpoint&&)> handOver;
 };
 
 // Reads one file or store. Fails with a FileError when it cannot be opened or read (for a

@@ -93,6 +93,11 @@ class Ledger {
             out += std::string("-- ") + table + "\n" +
                    query("SELECT " + columns + " FROM " + table + " ORDER BY 1");
         }
+        // A first import drops indexes and triggers while it fills the ledger: a kill must not
+        // leave them missing.
+        out += "-- indexes and triggers\n" +
+               query("SELECT type || ' ' || name FROM sqlite_master WHERE type IN ('index', "
+                     "'trigger') ORDER BY 1");
         return out;
     }
 

@@ -105,7 +105,8 @@ struct Case {
 };
 
 // Runs every case in a fresh ledger: the days after the last scan, through the rollups and
-// straight from the events, and the totals over all days.
+// straight from the events, and the totals over all days. Each case runs twice: committed whole,
+// and one usage per commit, so that copies of a usage meet across commits of one first import.
 void expectDaysOfEveryCase(const std::vector<Case>& cases, const Days& expected) {
     test_support::ScopedTimeZone utc("UTC");
     int64_t events = 0, output = 0;
@@ -114,21 +115,24 @@ void expectDaysOfEveryCase(const std::vector<Case>& cases, const Days& expected)
         output += totals.second;
     }
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Scanner s(c.source);
-        for (const auto& [file, text] : c.firstScan) {
-            s.write(file, text);
+        for (const std::size_t perCommit : {std::size_t{8192}, std::size_t{1}}) {
+            SCOPED_TRACE(std::string(c.name) + ", usages per commit " + std::to_string(perCommit));
+            Scanner s(c.source);
+            s.ingestor.setEventsPerCommit(perCommit);
+            for (const auto& [file, text] : c.firstScan) {
+                s.write(file, text);
+            }
+            s.scan();
+            for (const auto& [file, text] : c.secondScan) {
+                s.write(file, text);
+            }
+            s.scan();
+            EXPECT_EQ(s.days(), expected);
+            EXPECT_EQ(s.daysFromEvents(), expected);
+            const auto all = s.store.ledgerSummary({});
+            EXPECT_EQ(all.eventCount, events);
+            EXPECT_EQ(all.outputVisible.value_or(0), output);
         }
-        s.scan();
-        for (const auto& [file, text] : c.secondScan) {
-            s.write(file, text);
-        }
-        s.scan();
-        EXPECT_EQ(s.days(), expected);
-        EXPECT_EQ(s.daysFromEvents(), expected);
-        const auto all = s.store.ledgerSummary({});
-        EXPECT_EQ(all.eventCount, events);
-        EXPECT_EQ(all.outputVisible.value_or(0), output);
     }
 }
 

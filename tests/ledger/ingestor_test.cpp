@@ -365,7 +365,8 @@ TEST_F(IngestorTest, CommittingInSharesGivesTheLedgerOfOneCommit) {
     const std::set<AgentSource> claude{AgentSource::claude};
 
     std::optional<SourceScanReport> reference;
-    for (std::size_t perCommit : {std::size_t{8192}, std::size_t{1}, std::size_t{2}, std::size_t{3}}) {
+    for (std::size_t perCommit :
+         {std::size_t{8192}, std::size_t{1}, std::size_t{2}, std::size_t{3}}) {
         SCOPED_TRACE("usages per commit: " + std::to_string(perCommit));
         TempDir ledger;
         UsageStore own(ledger.path());
@@ -421,6 +422,89 @@ TEST_F(IngestorTest, ACommitFailingMidSourceKeepsTheSharesBeforeIt) {
     EXPECT_EQ(ledgerEvents(AgentSource::claude), 3);
     const auto summary = store.ledgerSummariesBySource({});
     EXPECT_EQ(summary.at(AgentSource::claude).outputVisible, 7);
+}
+
+// One file with more usage than a share goes in parts, each with the checkpoint of a line inside
+// the file: the ledger ends as after one commit (a usage logged twice, once on each side of a
+// part's end, is still one), no line is read twice, and appending later reads on from the end.
+TEST_F(IngestorTest, OneLargeFileIsCommittedInPartsAsIfWhole) {
+    std::string text;
+    for (int i = 0; i < 9; ++i) {
+        text += claudeLine("m" + std::to_string(i), 1 << i);
+        if (i == 1) {
+            text += claudeLine("dup", 3);  // a streaming placeholder...
+        }
+    }
+    text += "{\"type\":\"user\"}\n" + claudeLine("dup", 1000);  // ...and its complete line
+    home.write(kClaudeFile, text);
+    const std::set<AgentSource> claude{AgentSource::claude};
+    const int64_t expectedOutput = 511 + 1000;
+
+    for (std::size_t perCommit :
+         {std::size_t{8192}, std::size_t{1}, std::size_t{2}, std::size_t{4}}) {
+        SCOPED_TRACE("usages per commit: " + std::to_string(perCommit));
+        TempDir ledger;
+        UsageStore own(ledger.path());
+        Ingestor reader(own, PriceTable::bundled(), nullptr);
+        reader.setEventsPerCommit(perCommit);
+        reader.scan(home.path(), settings, claude, false);
+        const auto report = reader.lastReports().at(0);
+        EXPECT_EQ(report.counts.accepted, 10);
+        EXPECT_EQ(report.events, 11);
+        EXPECT_EQ(own.ledgerSummary({}).outputVisible, expectedOutput);
+        {
+            test_support::LedgerConnection db(own.databasePath());
+            sqlite::Statement runs(db.get(), "SELECT COUNT(*) FROM ingest_runs;");
+            runs.step();
+            if (perCommit < 11) {
+                EXPECT_GE(runs.int64(0), 10 / static_cast<int64_t>(perCommit))
+                    << "the file was committed in parts";
+            } else {
+                EXPECT_EQ(runs.int64(0), 1);
+            }
+        }
+        reader.scan(home.path(), settings, claude, false);
+        EXPECT_EQ(reader.lastReports().at(0).filesUnchanged, 1) << "its last checkpoint landed";
+
+        const std::string more = claudeLine("m9", 1 << 9) + claudeLine("m3", 1 << 3);
+        home.append(kClaudeFile, more);
+        reader.scan(home.path(), settings, claude, false);
+        EXPECT_EQ(reader.lastReports().at(0).bytes, static_cast<int64_t>(more.size()));
+        EXPECT_EQ(own.ledgerSummary({}).eventCount, 11);
+        EXPECT_EQ(own.ledgerSummary({}).outputVisible, expectedOutput + 512);
+        home.write(kClaudeFile, text);  // as it was, for the next round
+    }
+}
+
+// Stopped after some parts of a file landed, the next scan reads on from the last of them.
+TEST_F(IngestorTest, AFileCutShortAfterSomePartsResumesInsideIt) {
+    std::string text;
+    for (int i = 0; i < 8; ++i) {
+        text += claudeLine("m" + std::to_string(i), 1 << i);
+    }
+    home.write(kClaudeFile, text);
+    ingestor.setEventsPerCommit(2);
+    {
+        test_support::LedgerConnection db(support.path() / UsageStore::kFileName);
+        sqlite::exec(db.get(),
+                     "CREATE TRIGGER refuse_third BEFORE INSERT ON usage_observations\n"
+                     "WHEN (SELECT count(*) FROM usage_observations) >= 4\n"
+                     "BEGIN SELECT RAISE(ABORT, 'refused'); END;");
+    }
+    const std::set<AgentSource> claude{AgentSource::claude};
+    EXPECT_ANY_THROW(scan(claude));
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 4);
+    {
+        test_support::LedgerConnection db(support.path() / UsageStore::kFileName);
+        sqlite::exec(db.get(), "DROP TRIGGER refuse_third;");
+    }
+    scan(claude);
+    const auto again = reportOf(AgentSource::claude);
+    EXPECT_EQ(again.filesRead, 1);
+    EXPECT_GT(again.bytes, 0);
+    EXPECT_LT(again.bytes, static_cast<int64_t>(text.size())) << "resumed inside the file";
+    EXPECT_EQ(ledgerEvents(AgentSource::claude), 8);
+    EXPECT_EQ(store.ledgerSummariesBySource({}).at(AgentSource::claude).outputVisible, 255);
 }
 
 TEST_F(IngestorTest, CodexRateLimitsAreStoredAndDroppedWithTheAgent) {
