@@ -125,7 +125,7 @@ TEST(NotificationPolicy, BudgetsNotifyOncePerPeriodWhenReached) {
     AppSettings settings;
     settings.cnyPerUsdE4 = 70000;       // 7 yuan per dollar
     settings.dailyBudgetCNYFen = 700;   // 7 yuan: one dollar
-    settings.monthlyBudgetCNYFen = 7000;
+    settings.monthlyBudgetCNYFen = 7000;  // 70 yuan: ten dollars
     const struct {
         const char* name;
         std::optional<int64_t> today;
@@ -135,9 +135,11 @@ TEST(NotificationPolicy, BudgetsNotifyOncePerPeriodWhenReached) {
     } steps[] = {
         {"below both", 999'999, 5'000'000, "2027-01-15", {}},
         {"daily reached exactly", 1'000'000, 6'000'000, "2027-01-15", {K::dailyBudget}},
-        {"still over: told already", 2'000'000, 7'000'000, "2027-01-15", {K::monthlyBudget}},
-        {"a new day over again", 1'500'000, 9'000'000, "2027-01-16", {K::dailyBudget}},
-        {"nothing priced today", std::nullopt, 9'000'000, "2027-01-17", {}},
+        {"daily told already, monthly reached", 2'000'000, 10'000'000, "2027-01-15",
+         {K::monthlyBudget}},
+        {"a new day over again, the month told already", 1'500'000, 12'000'000, "2027-01-16",
+         {K::dailyBudget}},
+        {"nothing priced today", std::nullopt, 12'000'000, "2027-01-17", {}},
     };
     NotificationPolicy policy;
     for (const auto& s : steps) {
