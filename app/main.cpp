@@ -65,6 +65,7 @@ int main(int argc, char** argv) {
     QApplication::setApplicationName(QStringLiteral("kestrel"));
     QApplication::setApplicationDisplayName(QStringLiteral("Kestrel"));
     QApplication::setDesktopFileName(QStringLiteral("kestrel"));
+    QApplication::setWindowIcon(appIcon());
     // The tray item keeps running with the window closed.
     QApplication::setQuitOnLastWindowClosed(false);
 

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QStyle>
 #include <QStyleFactory>
+#include <cstdlib>
 
 namespace kestrel::desktop {
 
@@ -47,6 +48,12 @@ QPalette themePalette(AppTheme theme, const QPalette& systemPalette) {
         }
     }
     return systemPalette;
+}
+
+QIcon appIcon() {
+    const char* dir = std::getenv("KESTREL_RESOURCE_DIR");
+    return QIcon(QString::fromLocal8Bit(dir != nullptr ? dir : KESTREL_RESOURCE_DIR) +
+                 QStringLiteral("/desktop/kestrel.svg"));
 }
 
 void applyTheme(AppTheme theme) {

@@ -83,13 +83,19 @@ void HeatmapWidget::paintEvent(QPaintEvent*) {
         p.drawText(at, locale_.monthName(label.month, QLocale::ShortFormat));
     }
     const QFontMetricsF fm(small);
-    for (int row : model_.labeledRows) {
+    const auto dayOf = [this](int row) {
         const int weekday = (calendar_.firstWeekday + row) % 7;  // 0 = Sunday
-        const int qtDay = weekday == 0 ? 7 : weekday;
-        QString name = locale_.dayName(qtDay, QLocale::ShortFormat);
-        if (fm.horizontalAdvance(name) > m.weekdayCol - 2) {
-            name = locale_.dayName(qtDay, QLocale::NarrowFormat);  // "M", "一"
+        return weekday == 0 ? 7 : weekday;
+    };
+    // One format for every row: the short names when all of them fit, else the narrow ones.
+    QLocale::FormatType format = QLocale::ShortFormat;
+    for (int row : model_.labeledRows) {
+        if (fm.horizontalAdvance(locale_.dayName(dayOf(row), format)) > m.weekdayCol - 2) {
+            format = QLocale::NarrowFormat;  // "M", "一"
         }
+    }
+    for (int row : model_.labeledRows) {
+        const QString name = locale_.dayName(dayOf(row), format);
         const QRectF cell = cellRect(0, row);
         p.drawText(QRectF(kMargin, cell.top() - 2, m.weekdayCol - 2, cell.height() + 4),
                    Qt::AlignLeft | Qt::AlignVCenter, name);
