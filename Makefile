@@ -8,14 +8,22 @@ deps:
 
 build: deps
 	@cmake --preset release >/dev/null
-	@cmake --build --preset release --target kestrel
+	@cmake --build --preset release --target kestrel kestrel-app
 
 build-ci: deps
 	@cmake --preset ci >/dev/null
 	@cmake --build --preset ci
 
+# The desktop app when there is a display; otherwise the command line's overview, and how to
+# start the app (or see it: --screenshot draws its pages without a display).
 run: build
-	@./build/release/cli/kestrel $(ARGS)
+	@if [ -n "$${DISPLAY:-}" ] || [ -n "$${WAYLAND_DISPLAY:-}" ]; then \
+	  ./build/release/app/kestrel-app $(ARGS); \
+	else \
+	  ./build/release/cli/kestrel $(ARGS); \
+	  echo; \
+	  echo "No display: the desktop app needs one (run ./build/release/app/kestrel-app on your desktop, or add --screenshot DIR to draw its pages to PNG here)."; \
+	fi
 
 # Then each fuzz harness for a few seconds over its corpus (clang 16 with the sanitizers; the
 # fuzz preset builds the harnesses and the core libraries they use, nothing else).

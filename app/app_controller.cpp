@@ -1,0 +1,408 @@
+#include "app/app_controller.hpp"
+
+#include <QApplication>
+#include <QMessageBox>
+#include <utility>
+
+#include "app/figures.hpp"
+#include "app/main_window.hpp"
+#include "app/notifications/desktop_notifier.hpp"
+#include "app/theme.hpp"
+#include "app/tray/tray_item.hpp"
+#include "core/app/display_choices.hpp"
+#include "core/app/quota_service.hpp"
+#include "core/app/usage_rows.hpp"
+#include "core/app/usage_scan.hpp"
+#include "core/app/usage_watch.hpp"
+#include "core/ledger/store_error.hpp"
+#include "core/model/timestamp.hpp"
+
+namespace kestrel::desktop {
+namespace {
+
+constexpr int kReloadDelayMs = 300;  // commits in a burst become one reload
+
+}  // namespace
+
+AppController::AppController(std::unique_ptr<AppSession> session, AppLanguage language,
+                             ControllerOptions options, QObject* parent)
+    : QObject(parent),
+      session_(std::move(session)),
+      text_(language),
+      options_(options),
+      appliedSettings_(session_->settings()),
+      scans_(std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-scan"))),
+      network_(std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-network"))),
+      pulses_(std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-pulses"))),
+      window_(std::make_unique<MainWindow>(text_)) {
+    tray_ = new TrayItem(text_, this);
+    notifier_ = new DesktopNotifier(QDBusConnection::sessionBus(), this);
+    if (options_.follow) {
+        live_ = std::make_unique<LiveActivity>(session_->paths(), appliedSettings_);
+    }
+
+    reloadTimer_.setSingleShot(true);
+    reloadTimer_.setInterval(kReloadDelayMs);
+    connect(&reloadTimer_, &QTimer::timeout, this, &AppController::reloadNow);
+    connect(tray_, &TrayItem::rotationDue, this, &AppController::recompose);
+    connect(tray_, &TrayItem::refreshRequested, this, &AppController::requestRefresh);
+    connect(tray_, &TrayItem::openRequested, this, &AppController::raiseWindow);
+    connect(tray_, &TrayItem::quitRequested, this, &AppController::quit);
+    connect(window_.get(), &MainWindow::closeRequested, this, &AppController::quit);
+    connect(this, &AppController::statusChanged, window_.get(), &MainWindow::setStatus);
+
+    // Settings change on whichever thread changed them; the window hears of it on its own.
+    session_->onSettingsChanged([this](const AppSettings& settings) {
+        QMetaObject::invokeMethod(
+            this, [this, settings] { onSettingsChanged(settings); }, Qt::QueuedConnection);
+    });
+}
+
+AppController::~AppController() {
+    shutdown();
+    // The pages and the tray item read the session: they go before it.
+    window_.reset();
+}
+
+void AppController::addPage(Page* page) {
+    window_->addPage(page);
+}
+
+void AppController::runInBackground(std::function<void()> work, std::function<void()> done) {
+    scans_->post([this, work = std::move(work), done = std::move(done)] {
+        work();
+        if (done) {
+            QMetaObject::invokeMethod(this, done, Qt::QueuedConnection);
+        }
+    });
+}
+
+void AppController::start() {
+    window_->setHideOnClose(TrayItem::hostAvailable() && appliedSettings_.keepMenuBar);
+    reloadNow();
+    if (!TrayItem::hostAvailable()) {
+        explainMissingTray();
+        window_->show();
+    } else if (!appliedSettings_.keepMenuBar || !appliedSettings_.didCompleteOnboarding) {
+        window_->show();
+    }
+    if (!options_.follow) {
+        return;
+    }
+
+    WatchOptions watchOptions;
+    watchOptions.fullRefreshEvery = options_.periodicRefresh;
+    WatchCallbacks callbacks;
+    callbacks.onCommit = [this](const CommitNotice&) {
+        QMetaObject::invokeMethod(this, [this] { scheduleReload(); }, Qt::QueuedConnection);
+    };
+    callbacks.onScanError = [this](const std::string& message) {
+        const QString text = text_("desktop.status.scanFailed", {{"detail", message}});
+        QMetaObject::invokeMethod(this, [this, text] { emit statusChanged(text); },
+                                  Qt::QueuedConnection);
+    };
+    callbacks.onPending = [this] { postPending(); };
+    callbacks.onBatch = [this](const FileWatcherBatch& batch) {
+        if (live_) {
+            live_->observe(batch, epochNow());
+        }
+    };
+    watch_ = &session_->watch(watchOptions, std::move(callbacks));
+    // The watcher first, so that nothing written during the first scan goes unnoticed.
+    if (auto started = watch_->start(); !started) {
+        emit statusChanged(text_("desktop.status.watchFailed", {{"detail", started.error()}}));
+    }
+
+    emit statusChanged(text_("desktop.status.scanning"));
+    scans_->post([this, stop = stop_.get_token()] {
+        bool wasEmpty = false;
+        try {
+            wasEmpty = session_->store().ledgerSummary(LedgerQuery{}).eventCount == 0;
+        } catch (const StoreError&) {
+        }
+        ScanRequest request;
+        request.discoverPlans = true;
+        auto outcome = scanUsage(*session_, request, {}, stop);
+        std::optional<int64_t> imported;
+        if (outcome && wasEmpty) {
+            imported = outcome->totals.events;
+        }
+        QString status = outcome ? text_("desktop.status.scanned",
+                                         {{"events", std::to_string(outcome->totals.events)},
+                                          {"files", std::to_string(outcome->totals.files)}})
+                                 : text_("desktop.status.scanFailed", {{"detail", outcome.error().message}});
+        QMetaObject::invokeMethod(
+            this,
+            [this, imported, status] {
+                firstImportEvents_ = imported;
+                emit statusChanged(status);
+                reloadNow();
+                emit firstScanDone();
+            },
+            Qt::QueuedConnection);
+    });
+
+    if (live_) {
+        live_->prime(epochNow());
+        pulseTimer_.setInterval(static_cast<int>(options_.pulsePoll.count()));
+        connect(&pulseTimer_, &QTimer::timeout, this, &AppController::pollPulses);
+        pulseTimer_.start();
+    }
+    // The watch decides when its full refresh is due; the timer only gives it the chance, and
+    // asks the providers for new quota readings at the same pace.
+    refreshTimer_.setInterval(static_cast<int>(std::min<int64_t>(options_.periodicRefresh.count(), 60'000)));
+    connect(&refreshTimer_, &QTimer::timeout, this, [this] {
+        postPending();
+        if (++refreshTicks_ * refreshTimer_.interval() >= options_.periodicRefresh.count()) {
+            refreshTicks_ = 0;
+            refreshQuotas();
+        }
+    });
+    refreshTimer_.start();
+    refreshQuotas();
+}
+
+void AppController::postPending() {
+    if (watch_ == nullptr || pendingPosted_.exchange(true)) {
+        return;  // one waiting job handles everything that arrived before it runs
+    }
+    scans_->post([this, stop = stop_.get_token()] {
+        pendingPosted_ = false;
+        watch_->runPending(stop);
+    });
+}
+
+void AppController::requestRefresh() {
+    emit statusChanged(text_("desktop.status.scanning"));
+    scans_->post([this, stop = stop_.get_token()] {
+        std::expected<ScanOutcome, ScanFailure> outcome =
+            watch_ != nullptr ? watch_->scanNow({}, stop) : scanUsage(*session_, ScanRequest{}, {}, stop);
+        QString status = outcome ? text_("desktop.status.scanned",
+                                         {{"events", std::to_string(outcome->totals.events)},
+                                          {"files", std::to_string(outcome->totals.files)}})
+                                 : text_("desktop.status.scanFailed", {{"detail", outcome.error().message}});
+        QMetaObject::invokeMethod(
+            this, [this, status] {
+                emit statusChanged(status);
+                scheduleReload();
+            },
+            Qt::QueuedConnection);
+    });
+    if (options_.follow) {
+        refreshQuotas();
+    }
+}
+
+void AppController::refreshQuotas() {
+    network_->post([this] {
+        QuotaRequest request;
+        request.refresh = true;
+        try {
+            quotaReport(*session_, request, refresher_, tokens_);
+        } catch (const StoreError&) {
+            return;  // the readings stay as stored; the next round tries again
+        }
+        QMetaObject::invokeMethod(this, [this] { scheduleReload(); }, Qt::QueuedConnection);
+    });
+}
+
+void AppController::pollPulses() {
+    if (!live_ || pulsePosted_.exchange(true)) {
+        return;
+    }
+    pulses_->post([this] {
+        const double now = epochNow();
+        auto notices = live_->refresh(now);
+        LiveView view = live_->view(now);
+        pulsePosted_ = false;
+        QMetaObject::invokeMethod(
+            this,
+            [this, notices = std::move(notices), view = std::move(view)] {
+                const bool changed = view.sessions != figures_.live.sessions;
+                figures_.live = view;
+                if (options_.notifications) {
+                    const AppSettings settings = session_->settings();
+                    for (const auto& n : notices) {
+                        if (activityNoticeWanted(settings, n)) {
+                            notifier_->send(notificationMessage(text_, n));
+                        }
+                    }
+                }
+                if (changed) {
+                    recompose();
+                }
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void AppController::scheduleReload() {
+    if (!reloadTimer_.isActive()) {
+        reloadTimer_.start();
+    }
+}
+
+void AppController::reloadNow() {
+    window_->reloadPages();
+    readFigures();
+    recompose();
+    evaluateNotifications(options_.notifications);
+    emit ledgerChanged();
+}
+
+void AppController::readFigures() {
+    LiveView live = std::move(figures_.live);
+    try {
+        figures_ = readTrayFigures(session_->store(), Calendar::current(), epochNow());
+    } catch (const StoreError& e) {
+        emit statusChanged(text_("desktop.overview.readFailed", {{"detail", e.what()}}));
+    }
+    figures_.live = std::move(live);
+}
+
+void AppController::recompose() {
+    const AppSettings settings = session_->settings();
+    const DisplayChoices display = displayChoices(settings, text_.language());
+    const double now = epochNow();
+    figures_.now = now;
+    composed_ = MenuBarComposer::compose(settings, menuBarInputs(figures_), menuBarFormatter(display));
+
+    const auto figure = [&](const LedgerSummary& s) {
+        return text_("desktop.tray.figure",
+                     {{"cost", moneyText(display, s).toStdString()},
+                      {"tokens", tokenText(display, totalTokens(s)).toStdString()}});
+    };
+    TrayMenuLines lines;
+    lines.today = text_("period.today") + QStringLiteral("  ") + figure(figures_.headline.today);
+    lines.last7Days = text_("period.last7Days") + QStringLiteral("  ") + figure(figures_.headline.last7Days);
+    for (const auto& [source, summary] : figures_.todayBySource) {
+        if (summary.eventCount > 0) {
+            lines.agents << QString::fromStdString(std::string(displayName(source))) +
+                                QStringLiteral("  ") + figure(summary);
+        }
+    }
+    for (const auto& s : figures_.live.sessions) {
+        if (s.state == ActivityState::completed) {
+            continue;
+        }
+        QString line = QString::fromStdString(std::string(displayName(s.source))) + QStringLiteral(" — ") +
+                       text_("live.state." + std::string(rawValue(s.state)));
+        if (s.projectDisplayName) {
+            line += QStringLiteral(" — ") + QString::fromStdString(*s.projectDisplayName);
+        }
+        line += QStringLiteral(" (") + waitText(s.elapsed(now)) + QStringLiteral(")");
+        lines.liveSessions << line;
+    }
+    tray_->show(composed_, lines, now);
+}
+
+void AppController::evaluateNotifications(bool deliver) {
+    const AppSettings settings = session_->settings();
+    const Calendar calendar = Calendar::current();
+    NotificationFacts facts;
+    facts.now = epochNow();
+    facts.quotas = figures_.quotas;
+    const LedgerSummary& today = figures_.headline.today;
+    if (today.pricedEventCount > 0) {
+        facts.todayCostUSDMicros = today.knownCostUSDMicros.value_or(0);
+    }
+    facts.dayKey = calendar.dayKey(facts.now);
+    facts.monthKey = facts.dayKey.substr(0, 7);
+    if (settings.monthlyBudgetCNYFen) {
+        try {
+            LedgerQuery month;
+            month.from = calendar.startOfDay(facts.monthKey + "-01");
+            const LedgerSummary s = session_->store().ledgerSummary(month);
+            if (s.pricedEventCount > 0) {
+                facts.monthCostUSDMicros = s.knownCostUSDMicros.value_or(0);
+            }
+        } catch (const StoreError&) {
+        }
+    }
+    facts.firstImportEvents = firstImportEvents_;
+    if (!policyPrimed_) {
+        // What is already true when the app opens is not news; the first import is.
+        const auto imported = facts.firstImportEvents;
+        facts.firstImportEvents.reset();
+        policy_.prime(settings, facts);
+        policyPrimed_ = true;
+        facts.firstImportEvents = imported;
+    }
+    const auto notifications = policy_.evaluate(settings, facts);
+    if (!deliver) {
+        return;
+    }
+    const DisplayChoices display = displayChoices(settings, text_.language());
+    for (const auto& n : notifications) {
+        notifier_->send(notificationMessage(text_, display, n, facts.now));
+    }
+}
+
+void AppController::onSettingsChanged(const AppSettings& settings) {
+    const AppSettings before = std::exchange(appliedSettings_, settings);
+    if (settings.language != before.language) {
+        setLanguage(settings.language);
+    }
+    if (settings.theme != before.theme) {
+        setTheme(settings.theme);
+    }
+    window_->setHideOnClose(TrayItem::hostAvailable() && settings.keepMenuBar);
+    scheduleReload();
+}
+
+void AppController::setLanguage(AppLanguage language) {
+    text_.setLanguage(language);
+    window_->retranslate();
+    tray_->retranslate();
+    recompose();
+}
+
+void AppController::setTheme(AppTheme theme) {
+    applyTheme(theme);
+    scheduleReload();  // the heatmap's legend and squares follow the palette's lightness
+}
+
+void AppController::explainMissingTray() {
+    // Said once, in the window, which then stays the app: closing it quits.
+    window_->showBanner(text_("desktop.tray.missing"));
+}
+
+void AppController::raiseWindow() {
+    window_->show();
+    window_->setWindowState((window_->windowState() & ~Qt::WindowMinimized) | Qt::WindowActive);
+    window_->raise();
+    window_->activateWindow();
+}
+
+bool AppController::quit() {
+    if (options_.confirmDialogs && session_->settings().confirmBeforeQuit) {
+        const auto answer = QMessageBox::question(
+            window_->isVisible() ? window_.get() : nullptr, text_("desktop.quit.title"),
+            text_("desktop.quit.question"), QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
+        if (answer != QMessageBox::Yes) {
+            return false;
+        }
+    }
+    shutdown();
+    QApplication::quit();
+    return true;
+}
+
+void AppController::shutdown() {
+    if (shutDown_) {
+        return;
+    }
+    shutDown_ = true;
+    reloadTimer_.stop();
+    refreshTimer_.stop();
+    pulseTimer_.stop();
+    stop_.request_stop();  // a scan under way stops between files
+    pulses_->stop();
+    network_->stop();
+    scans_->stop();
+    // The watcher stops before anything the store backs goes away.
+    session_->stopWatching();
+    watch_ = nullptr;
+}
+
+}  // namespace kestrel::desktop
