@@ -75,7 +75,7 @@ QString refreshText(const UiText& t, const QuotaAccountRow& row, double now) {
             return t("quota.skip.noProbe");
         case S::backingOff:
             return t("quota.refresh.backingOff",
-                     {{"wait", waitText(o.retryAt.value_or(now) - now).toStdString()}});
+                     {{"wait", intervalText(o.retryAt.value_or(now) - now).toStdString()}});
         case S::failed:
             break;
     }
@@ -283,7 +283,7 @@ void AccountsPage::showQuota() {
             head += QStringLiteral(" · ") +
                     text_(std::string("quota.provenance.") + std::string(rawValue(s.provenance))) +
                     QStringLiteral(" · ") +
-                    text_("quota.fetchedAgo", {{"wait", waitText(now - s.fetchedAt).toStdString()}});
+                    text_("quota.fetchedAgo", {{"wait", intervalText(now - s.fetchedAt).toStdString()}});
             if (s.stale) {
                 head += QStringLiteral(" · <span style='color:#c0392b'>%1</span>")
                             .arg(text_("quota.stale"));
@@ -322,10 +322,10 @@ void AccountsPage::showQuota() {
                 }
                 if (w.resetsAt && *w.resetsAt > now) {
                     facts << text_("quota.resetsIn",
-                                   {{"wait", waitText(*w.resetsAt - now).toStdString()}});
+                                   {{"wait", intervalText(*w.resetsAt - now).toStdString()}});
                 } else if (w.resetsAt) {
                     facts << text_("pages.accounts.hasReset",
-                                   {{"wait", waitText(now - *w.resetsAt).toStdString()}});
+                                   {{"wait", intervalText(now - *w.resetsAt).toStdString()}});
                 }
                 auto* factLabel = new QLabel(facts.join(QStringLiteral(" · ")));
                 factLabel->setObjectName(QStringLiteral("windowFacts"));
@@ -389,6 +389,7 @@ void AccountsPage::showReview() {
         }
         ++r;
     }
+    candidates_->resizeColumnsToContents();
     const bool any = !review_.rows.empty();
     keep_->setEnabled(any);
     reject_->setEnabled(any);
@@ -544,6 +545,7 @@ void AccountsPage::showKeys() {
         keyTable_->setItem(r, 1, new QTableWidgetItem(fingerprint));
         keyTable_->setItem(r, 2, new QTableWidgetItem(qstr(keys_->backend())));
     }
+    keyTable_->resizeColumnsToContents();
     removeKey_->setEnabled(!names->empty());
 }
 

@@ -303,6 +303,7 @@ void EventsPage::showPage() {
     next_ = page.next;
     const bool empty = page.entries.empty();
     model_->setEntries(std::move(page.entries), pageDisplay(host().session(), t));
+    table_->resizeColumnsToContents();
     if (empty) {
         status_->setText(page.ledgerEmpty ? t("pages.events.ledgerEmpty") : t("events.none"));
     } else {

@@ -216,7 +216,7 @@ void IntegrationsPage::rebuild() {
             if (health.lastEmissionAt) {
                 line += QStringLiteral(" · ") +
                         t("hooks.status.ago",
-                          {{"wait", waitText(now - *health.lastEmissionAt).toStdString()}});
+                          {{"wait", intervalText(now - *health.lastEmissionAt).toStdString()}});
             }
             if (health.detail) {
                 line += QStringLiteral(" · ") + QString::fromStdString(*health.detail);

@@ -27,7 +27,7 @@ QString countOrDash(const std::optional<int64_t>& value) {
     return value ? groupedCount(*value) : QStringLiteral("-");
 }
 
-QString waitText(double seconds) {
+QString intervalText(double seconds) {
     const auto total = static_cast<long long>(std::max(0.0, seconds));
     const long long days = total / 86400, hours = total % 86400 / 3600, minutes = total % 3600 / 60;
     if (days > 0) {

@@ -29,7 +29,7 @@ QString groupedCount(int64_t value);
 QString countOrDash(const std::optional<int64_t>& value);
 
 // "2d 4h", "3h 12m", "8m", "<1m"; negative waits read as none.
-QString waitText(double seconds);
+QString intervalText(double seconds);
 
 // The language the pages show now with the currency and rate of the stored settings.
 DisplayChoices pageDisplay(AppSession& session, const UiText& text);
