@@ -191,6 +191,7 @@ void PricesPage::fillTable() {
         }
         table_->item(r, pattern)->setData(Qt::UserRole, static_cast<int>(i));
     }
+    table_->resizeColumnsToContents();
     summary_->setText(text_("pages.prices.summary",
                             {{"version", std::to_string(list_.version)},
                              {"count", std::to_string(list_.rows.size())},
