@@ -60,7 +60,8 @@ AppController::AppController(std::unique_ptr<AppSession> session, AppLanguage la
 
 AppController::~AppController() {
     shutdown();
-    // The pages and the tray item read the session: they go before it.
+    // The pages, the onboarding and the tray item read the session: they go before it.
+    delete onboarding_.data();
     window_.reset();
 }
 
@@ -80,12 +81,43 @@ void AppController::runInBackground(std::function<void()> work, std::function<vo
 void AppController::start() {
     window_->setHideOnClose(TrayItem::hostAvailable() && appliedSettings_.keepMenuBar);
     reloadNow();
+    if (options_.follow && !session_->settings().didCompleteOnboarding) {
+        onboarding_ = new OnboardingView(*this);
+        onboarding_->setAttribute(Qt::WA_DeleteOnClose);
+        onboarding_->setWindowTitle(text_("desktop.window.title"));
+        connect(onboarding_, &OnboardingView::finished, this, [this] {
+            if (onboarding_) {
+                onboarding_->close();
+            }
+            appliedSettings_ = session_->settings();
+            reloadNow();
+            window_->show();
+            startFollowing();
+        });
+        // Closed before the end: nothing was agreed to, so there is nothing to follow.
+        connect(onboarding_, &QObject::destroyed, this, [this] {
+            if (!shutDown_ && !session_->settings().didCompleteOnboarding) {
+                shutdown();
+                QApplication::quit();
+            }
+        });
+        onboarding_->show();
+        return;
+    }
+    showStartWindow();
+    startFollowing();
+}
+
+void AppController::showStartWindow() {
     if (!TrayItem::hostAvailable()) {
         explainMissingTray();
         window_->show();
     } else if (!appliedSettings_.keepMenuBar || !appliedSettings_.didCompleteOnboarding) {
         window_->show();
     }
+}
+
+void AppController::startFollowing() {
     if (!options_.follow) {
         return;
     }
@@ -354,6 +386,9 @@ void AppController::setLanguage(AppLanguage language) {
     text_.setLanguage(language);
     window_->retranslate();
     tray_->retranslate();
+    if (onboarding_) {
+        onboarding_->retranslate();
+    }
     recompose();
 }
 

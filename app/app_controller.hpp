@@ -13,6 +13,7 @@
 #include <stop_token>
 
 #include "app/background_queue.hpp"
+#include "app/onboarding/onboarding_view.hpp"
 #include "app/page.hpp"
 #include "app/tray/tray_figures.hpp"
 #include "app/ui_text.hpp"
@@ -62,8 +63,11 @@ class AppController : public QObject, public PageHost {
     void addPage(Page* page);
 
     // Starts following (watcher first, then the first scan with plan discovery, timers, pulses)
-    // and shows the window or the tray item.
+    // and shows the window or the tray item. Before the user has been through onboarding, the
+    // onboarding comes first and nothing of the home is read until it has finished.
     void start();
+    // The onboarding on show, if any (tests walk it).
+    OnboardingView* onboarding() const { return onboarding_; }
     // Reads every figure again now (pages, tray, notifications); the screenshot mode and the
     // tests call it after a scan of their own.
     void reloadNow();
@@ -98,6 +102,8 @@ class AppController : public QObject, public PageHost {
     void pollPulses();
     void onSettingsChanged(const AppSettings& settings);
     void explainMissingTray();
+    void showStartWindow();
+    void startFollowing();
 
     std::unique_ptr<AppSession> session_;
     UiText text_;
@@ -121,6 +127,7 @@ class AppController : public QObject, public PageHost {
     std::atomic<bool> pulsePosted_{false};
 
     std::unique_ptr<MainWindow> window_;
+    QPointer<OnboardingView> onboarding_;
     TrayItem* tray_ = nullptr;
     DesktopNotifier* notifier_ = nullptr;
     QTimer reloadTimer_;
