@@ -27,14 +27,21 @@ using namespace kestrel::desktop;
 namespace {
 
 // Pictures are drawn offscreen: the platform has to be chosen before the application exists.
-bool wantsScreenshot(int argc, char** argv) {
+bool hasOption(int argc, char** argv, const char* name) {
+    const size_t length = std::strlen(name);
     for (int i = 1; i < argc; ++i) {
-        if (std::strcmp(argv[i], "--screenshot") == 0 ||
-            std::strncmp(argv[i], "--screenshot=", 13) == 0) {
+        if (std::strcmp(argv[i], name) == 0 ||
+            (std::strncmp(argv[i], name, length) == 0 && argv[i][length] == '=')) {
             return true;
         }
     }
     return false;
+}
+
+bool displayPresent() {
+    const char* x11 = std::getenv("DISPLAY");
+    const char* wayland = std::getenv("WAYLAND_DISPLAY");
+    return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
 }
 
 // SIGTERM (a logout) and SIGINT end the app as Quit does, without asking: the handler only
@@ -57,9 +64,18 @@ int fail(const QString& message, bool quiet) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const bool screenshot = wantsScreenshot(argc, argv);
-    if (screenshot && std::getenv("QT_QPA_PLATFORM") == nullptr) {
-        setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    const bool screenshot = hasOption(argc, argv, "--screenshot");
+    const bool help = hasOption(argc, argv, "--help") || hasOption(argc, argv, "-h");
+    if (std::getenv("QT_QPA_PLATFORM") == nullptr) {
+        if (screenshot || help) {
+            setenv("QT_QPA_PLATFORM", "offscreen", 1);
+        } else if (!displayPresent()) {
+            std::fprintf(stderr,
+                         "kestrel-app: no display (DISPLAY and WAYLAND_DISPLAY are unset); "
+                         "`kestrel-app --screenshot DIR` draws the pages without one, and the "
+                         "`kestrel` command reads the same ledger\n");
+            return 2;
+        }
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("kestrel"));
