@@ -144,9 +144,13 @@ TEST_F(AppShellTest, WatcherBatchesReachTheOverview) {
     options.periodicRefresh = std::chrono::minutes(5);
     auto app = openApp(AppLanguage::en, options);
     ASSERT_TRUE(app);
+    auto settings = app->session().settings();
+    settings.didCompleteOnboarding = true;  // a returning user: the app follows at once
+    app->session().updateSettings(settings);
     bool firstScan = false;
     QObject::connect(app.get(), &desktop::AppController::firstScanDone, [&] { firstScan = true; });
     app->start();
+    EXPECT_EQ(app->onboarding(), nullptr);
     ASSERT_TRUE(waitFor([&] { return firstScan; }));
     auto* page = app->window().findChild<desktop::OverviewPage*>();
     ASSERT_NE(page, nullptr);
@@ -177,6 +181,30 @@ TEST_F(AppShellTest, RefreshScansOnTheWorkerAndTheWindowStaysFree) {
     // requestRefresh returns before the scan: nothing is read yet on this thread.
     EXPECT_EQ(page->overview().today.eventCount, 0);
     EXPECT_TRUE(waitFor([&] { return reloaded && page->overview().today.eventCount == 1; }));
+}
+
+}  // namespace
+}  // namespace kestrel
+
+namespace kestrel {
+namespace {
+
+// A new user is asked first: nothing is scanned until the onboarding has finished, then the app
+// follows as usual.
+TEST_F(AppShellTest, OnboardingComesBeforeTheFirstScan) {
+    usage("a", "first", test_support::kSonnet, 100, 10, earlierToday(5));
+    auto options = quiet();
+    options.follow = true;
+    auto app = openApp(AppLanguage::en, options);
+    ASSERT_TRUE(app);
+    bool firstScan = false;
+    QObject::connect(app.get(), &desktop::AppController::firstScanDone, [&] { firstScan = true; });
+    app->start();
+    ASSERT_NE(app->onboarding(), nullptr);
+    EXPECT_FALSE(waitFor([&] { return firstScan; }, 500));
+    app->onboarding()->finish();
+    EXPECT_TRUE(waitFor([&] { return firstScan; }));
+    EXPECT_TRUE(app->session().settings().didCompleteOnboarding);
 }
 
 }  // namespace
