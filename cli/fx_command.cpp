@@ -32,14 +32,11 @@ struct FxSession {
 
 // The language is checked before the ledger is opened, so a typo costs nothing.
 std::expected<FxSession, int> openFxSession(CommandContext& ctx, const std::string& language) {
-    std::optional<AppLanguage> asked;
-    if (!language.empty()) {
-        asked = fromRawValue<AppLanguage>(language);
-        if (!asked || *asked == AppLanguage::system) {
-            ctx.err << "kestrel: unknown language \"" << language << "\" (known: en, zh-Hans)\n";
-            return std::unexpected(kExitUsage);
-        }
+    const auto parsed = parseLanguageOption(ctx, language);
+    if (!parsed) {
+        return std::unexpected(kExitUsage);
     }
+    const std::optional<AppLanguage> asked = *parsed;
     FxSession session;
     session.app = openSession(ctx);
     if (!session.app) {

@@ -39,15 +39,11 @@ std::filesystem::path resourceDirectory(const CommandContext& ctx) {
 }
 
 std::expected<HooksSession, int> openHooks(CommandContext& ctx, const HooksOptions& options) {
-    std::optional<AppLanguage> asked;
-    if (!options.language.empty()) {
-        asked = fromRawValue<AppLanguage>(options.language);
-        if (!asked || *asked == AppLanguage::system) {
-            ctx.err << "kestrel: unknown language \"" << options.language
-                    << "\" (known: en, zh-Hans)\n";
-            return std::unexpected(kExitUsage);
-        }
+    const auto parsed = parseLanguageOption(ctx, options.language);
+    if (!parsed) {
+        return std::unexpected(kExitUsage);
     }
+    const std::optional<AppLanguage> asked = *parsed;
     HooksSession session;
     session.app = openSession(ctx);
     if (!session.app) {

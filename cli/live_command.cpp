@@ -37,15 +37,11 @@ struct LiveSession {
 };
 
 std::expected<LiveSession, int> openLive(CommandContext& ctx, const LiveOptions& options) {
-    std::optional<AppLanguage> asked;
-    if (!options.language.empty()) {
-        asked = fromRawValue<AppLanguage>(options.language);
-        if (!asked || *asked == AppLanguage::system) {
-            ctx.err << "kestrel: unknown language \"" << options.language
-                    << "\" (known: en, zh-Hans)\n";
-            return std::unexpected(kExitUsage);
-        }
+    const auto parsed = parseLanguageOption(ctx, options.language);
+    if (!parsed) {
+        return std::unexpected(kExitUsage);
     }
+    const std::optional<AppLanguage> asked = *parsed;
     LiveSession s;
     s.app = openSession(ctx);
     if (!s.app) {

@@ -32,15 +32,11 @@ struct PlansSession {
 };
 
 std::optional<PlansSession> openPlans(CommandContext& ctx, const PlansOptions& options) {
-    std::optional<AppLanguage> asked;
-    if (!options.language.empty()) {
-        asked = fromRawValue<AppLanguage>(options.language);
-        if (!asked || *asked == AppLanguage::system) {
-            ctx.err << "kestrel: unknown language \"" << options.language
-                    << "\" (known: en, zh-Hans)\n";
-            return std::nullopt;
-        }
+    const auto parsed = parseLanguageOption(ctx, options.language);
+    if (!parsed) {
+        return std::nullopt;
     }
+    const std::optional<AppLanguage> asked = *parsed;
     PlansSession s;
     s.app = openSession(ctx);
     if (!s.app) {

@@ -4,6 +4,8 @@
 
 #include "cli/text_table.hpp"
 #include "core/app/usage_overview.hpp"
+#include "core/model/app_language.hpp"
+#include "core/model/enum_cases.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/pricing/money_format.hpp"
 
@@ -34,6 +36,19 @@ std::expected<ScanOutcome, ScanFailure> scanWithProgress(CommandContext& ctx, Ap
     };
     callbacks.onSourceDone = onSourceDone;
     return scanUsage(session, request, callbacks, std::move(stop));
+}
+
+std::optional<std::optional<AppLanguage>> parseLanguageOption(CommandContext& ctx,
+                                                              const std::string& name) {
+    if (name.empty()) {
+        return std::optional<AppLanguage>{};
+    }
+    const auto language = fromRawValue<AppLanguage>(name);
+    if (!language || *language == AppLanguage::system) {
+        ctx.err << "kestrel: unknown language \"" << name << "\" (known: en, zh-Hans)\n";
+        return std::nullopt;
+    }
+    return std::optional<AppLanguage>{language};
 }
 
 std::optional<std::optional<std::set<AgentSource>>> parseSources(

@@ -33,6 +33,11 @@ std::expected<ScanOutcome, ScanFailure> scanWithProgress(CommandContext& ctx, Ap
 std::optional<std::optional<std::set<AgentSource>>> parseSources(
     CommandContext& ctx, const std::vector<std::string>& names);
 
+// The language named by --lang: absent when none was given; prints the reason and returns absent
+// (outer) for a name that is not en or zh-Hans.
+std::optional<std::optional<AppLanguage>> parseLanguageOption(CommandContext& ctx,
+                                                              const std::string& name);
+
 // "claude, codex, ...": the sources' raw values, for messages that list what is accepted.
 std::string sourceNames(std::span<const AgentSource> sources);
 
