@@ -1,7 +1,9 @@
 #include "app/app_controller.hpp"
 
 #include <QApplication>
+#include <QFile>
 #include <QMessageBox>
+#include <QSaveFile>
 #include <utility>
 
 #include "app/figures.hpp"
@@ -329,6 +331,9 @@ void AppController::recompose() {
 }
 
 void AppController::evaluateNotifications(bool deliver) {
+    if (!deliver) {
+        return;  // nothing is decided, so nothing is spent, until notices can be sent
+    }
     const AppSettings settings = session_->settings();
     const Calendar calendar = Calendar::current();
     NotificationFacts facts;
@@ -352,18 +357,11 @@ void AppController::evaluateNotifications(bool deliver) {
         }
     }
     facts.firstImportEvents = firstImportEvents_;
-    if (!policyPrimed_) {
-        // What is already true when the app opens is not news; the first import is.
-        const auto imported = facts.firstImportEvents;
-        facts.firstImportEvents.reset();
-        policy_.prime(settings, facts);
-        policyPrimed_ = true;
-        facts.firstImportEvents = imported;
+    if (!policyRestored_) {
+        restoreNotificationMemory();
     }
     const auto notifications = policy_.evaluate(settings, facts);
-    if (!deliver) {
-        return;
-    }
+    saveNotificationMemory();
     const DisplayChoices display = displayChoices(settings, text_.language());
     for (const auto& n : notifications) {
         notifier_->send(notificationMessage(text_, display, n, facts.now));
@@ -397,9 +395,47 @@ void AppController::setTheme(AppTheme theme) {
     scheduleReload();  // the heatmap's legend and squares follow the palette's lightness
 }
 
+void AppController::restoreNotificationMemory() {
+    policyRestored_ = true;
+    QFile file(notificationMemoryPath());
+    if (file.open(QIODevice::ReadOnly)) {
+        const QByteArray bytes = file.readAll();
+        policy_.restoreMemory(std::string_view(bytes.constData(), size_t(bytes.size())));
+    }
+    savedMemory_ = policy_.memoryJson();
+}
+
+void AppController::saveNotificationMemory() {
+    std::string memory = policy_.memoryJson();
+    if (memory == savedMemory_) {
+        return;
+    }
+    // Whole or not at all: a torn file would be refused and everything told again.
+    QSaveFile file(notificationMemoryPath());
+    if (file.open(QIODevice::WriteOnly) &&
+        file.write(memory.data(), qint64(memory.size())) == qint64(memory.size()) && file.commit()) {
+        savedMemory_ = std::move(memory);
+    }
+}
+
+QString AppController::notificationMemoryPath() const {
+    return QString::fromStdString((session_->paths().supportDir / "notification-memory.json").string());
+}
+
 void AppController::explainMissingTray() {
-    // Said once, in the window, which then stays the app: closing it quits.
+    // Said in the window, which then stays the app (closing it quits), until the user has read
+    // it and closed the note.
+    if (session_->settings().didDismissTrayHint) {
+        return;
+    }
     window_->showBanner(text_("desktop.tray.missing"));
+    connect(window_.get(), &MainWindow::bannerDismissed, this, [this] {
+        AppSettings settings = session_->settings();
+        if (!settings.didDismissTrayHint) {
+            settings.didDismissTrayHint = true;
+            session_->updateSettings(settings);
+        }
+    }, Qt::SingleShotConnection);
 }
 
 void AppController::raiseWindow() {

@@ -97,6 +97,9 @@ class AppController : public QObject, public PageHost {
     void readFigures();
     void recompose();
     void evaluateNotifications(bool deliver);
+    void restoreNotificationMemory();
+    void saveNotificationMemory();
+    QString notificationMemoryPath() const;
     void postPending();
     void refreshQuotas();
     void pollPulses();
@@ -115,7 +118,8 @@ class AppController : public QObject, public PageHost {
     QuotaRefresher refresher_;
     TokenCache tokens_;
     NotificationPolicy policy_;
-    bool policyPrimed_ = false;
+    bool policyRestored_ = false;
+    std::string savedMemory_;  // the memory as last written to the support folder
     std::optional<int64_t> firstImportEvents_;
 
     std::unique_ptr<BackgroundQueue> scans_;  // scans and page work, in order

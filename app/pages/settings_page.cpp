@@ -182,13 +182,15 @@ SettingsPage::SettingsPage(PageHost& host, QWidget* parent)
     // Notifications
     QFormLayout* noticeForm = group(notices_, "pages.settings.notifications");
     quotaNotices_ = check("quotaNotifications", "pages.settings.quotaNotifications");
+    budgetNotices_ = check("budgetNotifications", "pages.settings.budgetNotifications");
+    importNotices_ = check("importNotifications", "pages.settings.importNotifications");
     activityNotices_ = check("activityNotifications", "pages.settings.activityNotifications");
     noticeCompleted_ = check("notifyCompleted", "pages.settings.notifyCompleted");
     noticeApproval_ = check("notifyApproval", "pages.settings.notifyApproval");
     noticeQuestion_ = check("notifyQuestion", "pages.settings.notifyQuestion");
     noticeFailure_ = check("notifyFailure", "pages.settings.notifyFailure");
-    for (auto* box : {quotaNotices_, activityNotices_, noticeCompleted_, noticeApproval_,
-                      noticeQuestion_, noticeFailure_}) {
+    for (auto* box : {quotaNotices_, budgetNotices_, importNotices_, activityNotices_,
+                      noticeCompleted_, noticeApproval_, noticeQuestion_, noticeFailure_}) {
         noticeForm->addRow(box);
     }
     column->addStretch(1);
@@ -278,6 +280,8 @@ void SettingsPage::reload() {
     storeProject_->setChecked(s.storeProject);
     storeSession_->setChecked(s.storeSession);
     quotaNotices_->setChecked(s.quotaNotificationsEnabled);
+    budgetNotices_->setChecked(s.budgetNotificationsEnabled);
+    importNotices_->setChecked(s.importNotificationsEnabled);
     activityNotices_->setChecked(s.activityNotificationsEnabled);
     noticeCompleted_->setChecked(s.activityNotifyCompleted);
     noticeApproval_->setChecked(s.activityNotifyApproval);
@@ -318,6 +322,8 @@ std::expected<AppSettings, QString> SettingsPage::fromWidgets() {
     s.storeProject = storeProject_->isChecked();
     s.storeSession = storeSession_->isChecked();
     s.quotaNotificationsEnabled = quotaNotices_->isChecked();
+    s.budgetNotificationsEnabled = budgetNotices_->isChecked();
+    s.importNotificationsEnabled = importNotices_->isChecked();
     s.activityNotificationsEnabled = activityNotices_->isChecked();
     s.activityNotifyCompleted = noticeCompleted_->isChecked();
     s.activityNotifyApproval = noticeApproval_->isChecked();

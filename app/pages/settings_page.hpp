@@ -95,6 +95,8 @@ class SettingsPage : public Page {
     QLineEdit* importSince_ = nullptr;
 
     QCheckBox* quotaNotices_ = nullptr;
+    QCheckBox* budgetNotices_ = nullptr;
+    QCheckBox* importNotices_ = nullptr;
     QCheckBox* activityNotices_ = nullptr;
     QCheckBox* noticeCompleted_ = nullptr;
     QCheckBox* noticeApproval_ = nullptr;

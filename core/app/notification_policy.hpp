@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "core/app/glance.hpp"
@@ -55,18 +56,18 @@ bool activityNoticeWanted(const AppSettings& settings, const ActivityNotice& not
 
 class NotificationPolicy {
   public:
-    // Takes what is true now as known: windows already past a threshold and budgets already
-    // reached when the app starts are not news.
-    void prime(const AppSettings& settings, const NotificationFacts& facts);
-
-    // The notifications that are new since the last call (or prime), those the settings switch
-    // off left out (and not remembered, so switching them on later does not replay them).
+    // The notifications that are new since the last call, those the settings switch off left
+    // out (and not remembered, so switching them on later still tells them).
     std::vector<Notification> evaluate(const AppSettings& settings, const NotificationFacts& facts);
 
-  private:
-    std::vector<Notification> decide(const AppSettings& settings, const NotificationFacts& facts,
-                                     bool deliver);
+    // What has been told, as JSON, kept across launches: a restart neither repeats a notice nor
+    // swallows one that became true while the app was closed (a window that passed 80 % over
+    // night is told at the next launch, once).
+    std::string memoryJson() const;
+    // Takes a memory written by memoryJson; false (and an empty memory) for anything else.
+    bool restoreMemory(std::string_view json);
 
+  private:
     // The highest threshold (0, 80 or 100) each window has reached, keyed by account, window
     // kind and scope; it falls back when the window resets, so the next period notifies again.
     std::map<std::string, int> reached_;

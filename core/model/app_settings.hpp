@@ -68,6 +68,11 @@ struct AppSettings {
     bool activityNotifyApproval = true;
     bool activityNotifyQuestion = true;
     bool activityNotifyFailure = true;
+    // Two notification kinds of the desktop app with no switch above, and whether the user has
+    // dismissed the hint that explains a missing tray.
+    bool budgetNotificationsEnabled = true;
+    bool importNotificationsEnabled = true;
+    bool didDismissTrayHint = false;
 
     std::vector<ConsoleModuleKind> consoleModules{
         ConsoleModuleKind::overview, ConsoleModuleKind::heatmap, ConsoleModuleKind::models,

@@ -176,6 +176,9 @@ void forEachField(Visit&& visit) {
     visit("activityNotifyApproval", &S::activityNotifyApproval, Flag{});
     visit("activityNotifyQuestion", &S::activityNotifyQuestion, Flag{});
     visit("activityNotifyFailure", &S::activityNotifyFailure, Flag{});
+    visit("budgetNotificationsEnabled", &S::budgetNotificationsEnabled, Flag{});
+    visit("importNotificationsEnabled", &S::importNotificationsEnabled, Flag{});
+    visit("didDismissTrayHint", &S::didDismissTrayHint, Flag{});
     visit("consoleModules", &S::consoleModules, Choices<ConsoleModuleKind>{});
     visit("autoSyncModelPrices", &S::autoSyncModelPrices, Flag{});
     visit("autoCheckAppUpdates", &S::autoCheckAppUpdates, Flag{});

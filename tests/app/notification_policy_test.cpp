@@ -95,30 +95,71 @@ TEST(NotificationPolicy, AWindowWhoseResetHasPassedIsIgnored) {
     EXPECT_TRUE(policy.evaluate(AppSettings{}, facts({quota(99, kNow - 1)})).empty());
 }
 
-TEST(NotificationPolicy, PrimingTakesThePresentAsKnown) {
-    NotificationPolicy policy;
+TEST(NotificationPolicy, MemoryCarriesWhatWasToldAcrossLaunches) {
     AppSettings settings;
     settings.dailyBudgetCNYFen = 100;
     auto f = facts({quota(90)});
     f.todayCostUSDMicros = 1'000'000;  // 7.20 yuan at the default rate: over 1 yuan
-    policy.prime(settings, f);
-    EXPECT_TRUE(policy.evaluate(settings, f).empty());
+    f.firstImportEvents = 5;
+
+    // A launch with no memory: a window already past 80 % is news.
+    NotificationPolicy first;
+    EXPECT_EQ(kinds(first.evaluate(settings, f)),
+              (std::vector<K>{K::quotaWarning, K::dailyBudget, K::firstScan}));
+
+    // The next launch remembers all three, and still tells the next crossing.
+    NotificationPolicy second;
+    ASSERT_TRUE(second.restoreMemory(first.memoryJson()));
+    EXPECT_TRUE(second.evaluate(settings, f).empty());
     f.quotas = {quota(100)};
-    EXPECT_EQ(kinds(policy.evaluate(settings, f)), std::vector<K>{K::quotaExhausted});
+    EXPECT_EQ(kinds(second.evaluate(settings, f)), std::vector<K>{K::quotaExhausted});
+
+    // A window that reset while the app was closed and climbed again is told again.
+    NotificationPolicy third;
+    ASSERT_TRUE(third.restoreMemory(second.memoryJson()));
+    f.quotas = {quota(10)};
+    EXPECT_TRUE(third.evaluate(settings, f).empty());
+    f.quotas = {quota(85)};
+    EXPECT_EQ(kinds(third.evaluate(settings, f)), std::vector<K>{K::quotaWarning});
+
+    // Yesterday's budget key is not carried into a new day's memory.
+    f.dayKey = "2027-01-16";
+    f.todayCostUSDMicros.reset();
+    third.evaluate(settings, f);
+    EXPECT_EQ(third.memoryJson().find("2027-01-15"), std::string::npos);
+}
+
+TEST(NotificationPolicy, ForeignMemoryIsRefusedAndForgotten) {
+    const char* bad[] = {"", "not json", "[]", "{}", R"({"version":2,"reached":{},"delivered":[]})",
+                         R"({"version":1,"reached":[],"delivered":[]})",
+                         R"({"version":1,"reached":{},"delivered":{}})"};
+    for (const char* text : bad) {
+        NotificationPolicy policy;
+        auto f = facts({quota(90)});
+        policy.evaluate(AppSettings{}, f);  // something to forget
+        EXPECT_FALSE(policy.restoreMemory(text)) << text;
+        EXPECT_EQ(kinds(policy.evaluate(AppSettings{}, f)), std::vector<K>{K::quotaWarning})
+            << text;
+    }
 }
 
 TEST(NotificationPolicy, SwitchedOffKindsStaySilentAndAreNotSpent) {
     NotificationPolicy policy;
     AppSettings settings;
     settings.quotaNotificationsEnabled = false;
-    settings.activityNotificationsEnabled = false;
+    settings.budgetNotificationsEnabled = false;
+    settings.importNotificationsEnabled = false;
+    settings.dailyBudgetCNYFen = 100;
     auto f = facts({quota(90)});
     f.firstImportEvents = 12;
+    f.todayCostUSDMicros = 1'000'000;
     EXPECT_TRUE(policy.evaluate(settings, f).empty());
-    // Switched on again while the window is still past 80 %: now it is told.
+    // Switched on again while all three are still true: now they are told.
     settings.quotaNotificationsEnabled = true;
-    settings.activityNotificationsEnabled = true;
-    EXPECT_EQ(kinds(policy.evaluate(settings, f)), (std::vector<K>{K::quotaWarning, K::firstScan}));
+    settings.budgetNotificationsEnabled = true;
+    settings.importNotificationsEnabled = true;
+    EXPECT_EQ(kinds(policy.evaluate(settings, f)),
+              (std::vector<K>{K::quotaWarning, K::dailyBudget, K::firstScan}));
 }
 
 TEST(NotificationPolicy, BudgetsNotifyOncePerPeriodWhenReached) {

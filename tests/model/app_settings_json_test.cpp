@@ -52,6 +52,9 @@ const std::vector<std::string> kStoredKeys = {"menuBarElements",
                                               "activityNotifyApproval",
                                               "activityNotifyQuestion",
                                               "activityNotifyFailure",
+                                              "budgetNotificationsEnabled",
+                                              "importNotificationsEnabled",
+                                              "didDismissTrayHint",
                                               "consoleModules",
                                               "autoSyncModelPrices",
                                               "autoCheckAppUpdates",
@@ -108,6 +111,9 @@ AppSettings everyFieldChanged() {
     s.activityNotifyApproval = false;
     s.activityNotifyQuestion = false;
     s.activityNotifyFailure = false;
+    s.budgetNotificationsEnabled = false;
+    s.importNotificationsEnabled = false;
+    s.didDismissTrayHint = true;
     s.consoleModules = {ConsoleModuleKind::events, ConsoleModuleKind::overview};
     s.autoSyncModelPrices = true;
     s.autoCheckAppUpdates = true;

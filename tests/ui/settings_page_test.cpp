@@ -84,6 +84,7 @@ TEST_F(SettingsPageTest, WidgetsReachTheStoredSettingsAndANewPageShowsThem) {
         tick(*page, "confirmBeforeQuit", false);
         tick(*page, "storeSession", false);
         tick(*page, "quotaNotifications", false);
+        tick(*page, "importNotifications", false);
         tick(*page, "notifyApproval", false);
         page->findChild<QSpinBox*>("retention")->setValue(90);
         type(*page, "dailyBudget", "30");
@@ -98,6 +99,8 @@ TEST_F(SettingsPageTest, WidgetsReachTheStoredSettingsAndANewPageShowsThem) {
     EXPECT_FALSE(stored.storeSession);
     EXPECT_TRUE(stored.storeProject);
     EXPECT_FALSE(stored.quotaNotificationsEnabled);
+    EXPECT_FALSE(stored.importNotificationsEnabled);
+    EXPECT_TRUE(stored.budgetNotificationsEnabled);
     EXPECT_FALSE(stored.activityNotifyApproval);
     EXPECT_TRUE(stored.activityNotifyFailure);
     EXPECT_EQ(stored.retentionDays, 90);
