@@ -30,7 +30,10 @@ MainWindow::MainWindow(const UiText& text, QWidget* parent) : QMainWindow(parent
     bannerClose_ = new QToolButton(banner_);
     bannerClose_->setText(QStringLiteral("✕"));
     bannerClose_->setAutoRaise(true);
-    connect(bannerClose_, &QToolButton::clicked, banner_, &QWidget::hide);
+    connect(bannerClose_, &QToolButton::clicked, this, [this] {
+        banner_->hide();
+        emit bannerDismissed();
+    });
     bannerRow->addWidget(bannerLabel_, 1);
     bannerRow->addWidget(bannerClose_, 0, Qt::AlignTop);
     banner_->hide();

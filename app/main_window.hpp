@@ -44,6 +44,7 @@ class MainWindow : public QMainWindow {
 
   signals:
     void closeRequested();  // the window's close button when it does not just hide
+    void bannerDismissed();  // the user closed the banner
 
   protected:
     void closeEvent(QCloseEvent* event) override;

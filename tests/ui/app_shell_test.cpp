@@ -7,6 +7,7 @@
 #include <QImage>
 #include <QListWidget>
 #include <QPainter>
+#include <QToolButton>
 #include <set>
 
 #include "app/main_window.hpp"
@@ -205,6 +206,36 @@ TEST_F(AppShellTest, OnboardingComesBeforeTheFirstScan) {
     app->onboarding()->finish();
     EXPECT_TRUE(waitFor([&] { return firstScan; }));
     EXPECT_TRUE(app->session().settings().didCompleteOnboarding);
+}
+
+// Without a tray host the window explains why, until the user closes the note; it does not
+// come back at the next launch.
+TEST_F(AppShellTest, MissingTrayNoteStaysClosedOnceDismissed) {
+    if (desktop::TrayItem::hostAvailable()) {
+        GTEST_SKIP() << "a tray host is present on this bus";
+    }
+    const auto launch = [&] {
+        auto app = openApp();
+        auto settings = app->session().settings();
+        settings.didCompleteOnboarding = true;
+        app->session().updateSettings(settings);
+        app->start();
+        return app;
+    };
+    {
+        auto app = launch();
+        ASSERT_TRUE(app->window().bannerVisible());
+        EXPECT_TRUE(app->window().bannerText().contains(QStringLiteral("tray")));
+        auto* close = app->window().findChild<QWidget*>(QStringLiteral("banner"))->findChild<QToolButton*>();
+        ASSERT_NE(close, nullptr);
+        close->click();
+        EXPECT_FALSE(app->window().bannerVisible());
+        EXPECT_TRUE(app->session().settings().didDismissTrayHint);
+        app->shutdown();
+    }
+    auto again = launch();
+    EXPECT_FALSE(again->window().bannerVisible());
+    again->shutdown();
 }
 
 }  // namespace
