@@ -15,12 +15,15 @@ build-ci: deps
 	@cmake --build --preset ci
 
 # The desktop app when there is a display; otherwise the command line's overview, and how to
-# start the app (or see it: --screenshot draws its pages without a display).
+# start the app (or see it: --screenshot draws its pages without a display). ARGS="..." runs the
+# command line with them; APP_ARGS="..." goes to the app.
 run: build
-	@if [ -n "$${DISPLAY:-}" ] || [ -n "$${WAYLAND_DISPLAY:-}" ]; then \
-	  ./build/release/app/kestrel-app $(ARGS); \
-	else \
+	@if [ -n "$(ARGS)" ]; then \
 	  ./build/release/cli/kestrel $(ARGS); \
+	elif [ -n "$${DISPLAY:-}" ] || [ -n "$${WAYLAND_DISPLAY:-}" ]; then \
+	  ./build/release/app/kestrel-app $(APP_ARGS); \
+	else \
+	  ./build/release/cli/kestrel; \
 	  echo; \
 	  echo "No display: the desktop app needs one (run ./build/release/app/kestrel-app on your desktop, or add --screenshot DIR to draw its pages to PNG here)."; \
 	fi
