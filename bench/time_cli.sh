@@ -8,10 +8,13 @@
 # Each is run N times; the table shows the median, min and max. "Cold" means an empty ledger,
 # not an empty page cache: the corpus is read once beforehand so that every run finds it cached.
 #
-# usage: bench/time_cli.sh [--runs N] [--size 1G] [--json] [--kestrel PATH]
+# usage: bench/time_cli.sh [--runs N] [--size 1G] [--json] [--kestrel PATH] [--against PATH]
+#                          [--no-watch]
 # The home is written once to ${KESTREL_BENCH_DIR:-/tmp/kestrel-bench}/home and reused while its
 # size and seed stay the same. --kestrel times another build of the command (a copy of an older
-# one, to compare in one sitting); the release build is timed otherwise.
+# one, to compare in one sitting); the release build is timed otherwise, and built first only
+# then. --against times a second binary in the same runs, alternating with the first (which one
+# goes first swaps every run), and adds its medians and the ratios; (c) is not run for it.
 set -euo pipefail
 
 runs=5
@@ -19,13 +22,17 @@ size=1G
 seed=1
 json=0
 kestrel_arg=""
+against_arg=""
+watch=1
 while [ $# -gt 0 ]; do
   case "$1" in
     --runs) runs=${2:?--runs needs a number}; shift 2 ;;
     --size) size=${2:?--size needs a size such as 1G}; shift 2 ;;
     --json) json=1; shift ;;
     --kestrel) kestrel_arg=${2:?--kestrel needs a path}; shift 2 ;;
-    -h|--help) sed -n '2,13p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+    --against) against_arg=${2:?--against needs a path}; shift 2 ;;
+    --no-watch) watch=0; shift ;;
+    -h|--help) sed -n '2,16p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
     *) echo "time_cli.sh: unknown argument $1 (try --help)" >&2; exit 2 ;;
   esac
 done
@@ -43,23 +50,35 @@ home=$bench_dir/home
 support=$bench_dir/support
 kestrel=$repo/build/release/cli/kestrel
 gen=$repo/build/release/tools/kestrel-gen-home
-if [ -n "$kestrel_arg" ]; then
-  kestrel=$(cd "$(dirname "$kestrel_arg")" && pwd)/$(basename "$kestrel_arg")
-fi
+absolute() { echo "$(cd "$(dirname "$1")" && pwd)/$(basename "$1")"; }
+if [ -n "$kestrel_arg" ]; then kestrel=$(absolute "$kestrel_arg"); fi
+against=""
+if [ -n "$against_arg" ]; then against=$(absolute "$against_arg"); fi
 
 say() { echo "time_cli: $*" >&2; }  # progress goes to stderr, so that --json output stays clean
 
 # --- build --------------------------------------------------------------------------------------
-say "building the release targets"
-(cd "$repo" && cmake --preset release >/dev/null &&
-   cmake --build --preset release --target kestrel kestrel-gen-home) >&2
-if [ ! -x "$kestrel" ]; then echo "time_cli.sh: $kestrel is not an executable" >&2; exit 2; fi
-
-# --- corpus -------------------------------------------------------------------------------------
 mkdir -p "$bench_dir"
 wanted="size=$size seed=$seed"
+have_corpus=0
 if [ -f "$bench_dir/corpus.json" ] && [ "$(cat "$bench_dir/corpus.args" 2>/dev/null)" = "$wanted" ]
 then
+  have_corpus=1
+fi
+targets=()
+if [ -z "$kestrel_arg" ]; then targets+=(kestrel); fi
+if [ "$have_corpus" -eq 0 ]; then targets+=(kestrel-gen-home); fi
+if [ "${#targets[@]}" -gt 0 ]; then
+  say "building ${targets[*]} (release)"
+  (cd "$repo" && cmake --preset release >/dev/null &&
+     cmake --build --preset release --target "${targets[@]}") >&2
+fi
+for binary in "$kestrel" ${against:+"$against"}; do
+  if [ ! -x "$binary" ]; then echo "time_cli.sh: $binary is not an executable" >&2; exit 2; fi
+done
+
+# --- corpus -------------------------------------------------------------------------------------
+if [ "$have_corpus" -eq 1 ]; then
   say "reusing the home in $home"
 else
   say "writing a $size home to $home"
@@ -84,31 +103,44 @@ stats() { sort -g | awk '{ v[NR] = $1 } END {
 
 # --- (a) and (b) -------------------------------------------------------------------------------
 cold_s=() cold_kb=() cold_cpu=() warm_s=() warm_kb=()
+other_cold_s=() other_cold_kb=() other_cold_cpu=() other_warm_s=() other_warm_kb=()
 codex_found=""
-for ((i = 1; i <= runs; i++)); do
+# One cold and one unchanged scan of binary $1 into a fresh support directory; the figures go to
+# the arrays named with prefix $2 ("" or "other_").
+scan_pair() {
+  local binary=$1 prefix=$2 label=$3 phase seconds kb user sys cpu
   rm -rf "$support"
   mkdir -p "$support"
   for phase in cold warm; do
     if ! /usr/bin/time -f '%e %M %U %S' -o "$bench_dir/time.txt" \
-         "${clean_env[@]}" "$kestrel" scan --json --yes --home "$home" --support-dir "$support" \
+         "${clean_env[@]}" "$binary" scan --json --yes --home "$home" --support-dir "$support" \
          >"$bench_dir/scan.json" 2>"$bench_dir/scan.err"; then
-      say "kestrel scan failed (run $i, $phase):"
+      say "kestrel scan failed ($label, $phase):"
       cat "$bench_dir/scan.err" >&2
       exit 1
     fi
     read -r seconds kb user sys <"$bench_dir/time.txt"
     cpu=$(awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.2f", u + s }')
-    say "run $i: $phase scan ${seconds} s (CPU ${cpu} s), peak RSS ${kb} KB"
+    say "$label: $phase scan ${seconds} s (CPU ${cpu} s), peak RSS ${kb} KB"
     if [ "$phase" = cold ]; then
-      cold_s+=("$seconds") cold_kb+=("$kb") cold_cpu+=("$cpu")
-      if [ -z "$codex_found" ]; then
+      eval "${prefix}cold_s+=(\"\$seconds\") ${prefix}cold_kb+=(\"\$kb\") ${prefix}cold_cpu+=(\"\$cpu\")"
+      if [ -z "$prefix" ] && [ -z "$codex_found" ]; then
         codex_found=$(awk '/"source": "codex"/ { c = 1 } c && /"events"/ { gsub(/[^0-9]/, ""); print; exit }' \
           "$bench_dir/scan.json")
       fi
     else
-      warm_s+=("$seconds") warm_kb+=("$kb")
+      eval "${prefix}warm_s+=(\"\$seconds\") ${prefix}warm_kb+=(\"\$kb\")"
     fi
   done
+}
+for ((i = 1; i <= runs; i++)); do
+  if [ -n "$against" ] && [ $((i % 2)) -eq 0 ]; then
+    scan_pair "$against" other_ "run $i, against"
+    scan_pair "$kestrel" "" "run $i"
+  else
+    scan_pair "$kestrel" "" "run $i"
+    if [ -n "$against" ]; then scan_pair "$against" other_ "run $i, against"; fi
+  fi
 done
 
 # --- (c) ----------------------------------------------------------------------------------------
@@ -143,7 +175,7 @@ wait_exit() {
 latency_ms=()
 watch_failures=0
 out=$bench_dir/watch.out
-for ((i = 1; i <= runs; i++)); do
+for ((i = 1; watch && i <= runs; i++)); do
   : >"$out"
   "${clean_env[@]}" "$kestrel" watch --home "$home" --support-dir "$support" >"$out" 2>"$bench_dir/watch.err" &
   watch_pid=$!
@@ -207,6 +239,14 @@ if [ "${#latency_ms[@]}" -gt 0 ]; then
 else
   lat_med=null lat_min=null lat_max=null
 fi
+# The second binary's medians and the ratios (its figure over ours: above 1, ours is faster).
+if [ -n "$against" ]; then
+  read -r os_med _ _ < <(printf '%s\n' "${other_cold_s[@]}" | stats)
+  read -r oc_med _ _ < <(printf '%s\n' "${other_cold_cpu[@]}" | stats)
+  read -r ok_med _ _ < <(printf '%s\n' "${other_cold_kb[@]}" | stats)
+  read -r ow_med _ _ < <(printf '%s\n' "${other_warm_s[@]}" | stats)
+  ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "null" }'; }
+fi
 codex_ok=true
 if [ -n "$expected_codex" ] && [ "$codex_found" != "$expected_codex" ]; then codex_ok=false; fi
 
@@ -224,6 +264,11 @@ if [ "$json" -eq 1 ]; then
                     "peakRssKB": {"median": $wk_med, "min": $wk_min, "max": $wk_max}},
   "watchLatencyMs": {"median": $lat_med, "min": $lat_min, "max": $lat_max},
   "watchFailures": $watch_failures,
+  "against": $(if [ -n "$against" ]; then
+    echo "{\"binary\": \"$against\", \"coldSeconds\": $os_med, \"coldCpuSeconds\": $oc_med," \
+         "\"coldPeakRssKB\": $ok_med, \"unchangedSeconds\": $ow_med," \
+         "\"coldRatio\": $(ratio "$os_med" "$cs_med"), \"cpuRatio\": $(ratio "$oc_med" "$cc_med")}"
+  else echo null; fi),
   "codexEvents": {"found": ${codex_found:-null}, "expected": ${expected_codex:-null}, "ok": $codex_ok}
 }
 EOF
@@ -238,6 +283,15 @@ else
   printf '%-26s %10s %10s %10s\n' "unchanged scan (s)" "$ws_med" "$ws_min" "$ws_max"
   printf '%-26s %10s %10s %10s\n' "unchanged peak RSS (MB)" "$(mb "$wk_med")" "$(mb "$wk_min")" "$(mb "$wk_max")"
   printf '%-26s %10s %10s %10s\n' "watch latency (ms)" "$lat_med" "$lat_min" "$lat_max"
+  if [ -n "$against" ]; then
+    echo "against $against (medians; ratio = its figure / ours):"
+    printf '%-26s %10s %10s %10s\n' "" ours against ratio
+    printf '%-26s %10s %10s %10s\n' "cold scan (s)" "$cs_med" "$os_med" "$(ratio "$os_med" "$cs_med")"
+    printf '%-26s %10s %10s %10s\n' "cold scan CPU (s)" "$cc_med" "$oc_med" "$(ratio "$oc_med" "$cc_med")"
+    printf '%-26s %10s %10s %10s\n' "cold scan peak RSS (MB)" "$(mb "$ck_med")" "$(mb "$ok_med")" \
+      "$(ratio "$ok_med" "$ck_med")"
+    printf '%-26s %10s %10s %10s\n' "unchanged scan (s)" "$ws_med" "$ow_med" "$(ratio "$ow_med" "$ws_med")"
+  fi
   echo "Codex events: ${codex_found:-?} found, ${expected_codex:-?} in the corpus"
   if [ "$watch_failures" -gt 0 ]; then echo "watch: $watch_failures failed run(s), see above"; fi
 fi

@@ -113,6 +113,12 @@ std::string deleteEvents(int rows) {
     return "DELETE FROM ledger_events WHERE observation_id IN " + inList(rows) + ";";
 }
 
+std::string deleteEventCosts(int rows) {
+    return "DELETE FROM ledger_costs WHERE ledger_event_id IN (SELECT id FROM ledger_events "
+           "WHERE observation_id IN " +
+           inList(rows) + ");";
+}
+
 std::string storedObservations(int rows) {
     return "SELECT id, occurred_at, time_quality, session_key, project_display_name,\n"
            "  provider, model, precision, granularity, evidence_fingerprint,\n"

@@ -20,6 +20,9 @@ std::string costs(int rows);
 // DELETE ... WHERE observation_id IN (?×rows): validation findings, or ledger events.
 std::string deleteFindings(int rows);
 std::string deleteEvents(int rows);
+// DELETE FROM ledger_costs of the events of those observations: what the cascade from
+// deleteEvents removes, for a commit that writes with foreign keys off.
+std::string deleteEventCosts(int rows);
 // SELECT id, then the columns UsageMerge weighs (the time and what goes with it, the counts and
 // what goes with them), of the stored observations WHERE id IN (?×rows).
 std::string storedObservations(int rows);

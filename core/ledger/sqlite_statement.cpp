@@ -86,6 +86,15 @@ Statement& Statement::bind(int index, std::string_view text) {
     return *this;
 }
 
+Statement& Statement::bindKept(int index, std::string_view text) {
+    const char* data = text.data() ? text.data() : "";
+    if (sqlite3_bind_text64(stmt_, index, data, text.size(), SQLITE_STATIC, SQLITE_UTF8) !=
+        SQLITE_OK) {
+        fail("binding a parameter");
+    }
+    return *this;
+}
+
 Statement& Statement::bind(int index, int64_t value) {
     if (sqlite3_bind_int64(stmt_, index, value) != SQLITE_OK) {
         fail("binding a parameter");

@@ -36,6 +36,16 @@ class Statement {
     Statement& bind(int index, double value);
     Statement& bind(int index, bool value) { return bind(index, int64_t{value ? 1 : 0}); }
     Statement& bindNull(int index);
+    // Binds `text` without copying it: the caller keeps it alive and unchanged until the
+    // statement has run or been reset. For bulk writes, where the copies cost more than a
+    // tenth of the commit.
+    Statement& bindKept(int index, std::string_view text);
+    Statement& bindKept(int index, const std::string& text) {
+        return bindKept(index, std::string_view(text));
+    }
+    Statement& bindKept(int index, const std::optional<std::string>& text) {
+        return text ? bindKept(index, std::string_view(*text)) : bindNull(index);
+    }
     template <class T>
     Statement& bind(int index, const std::optional<T>& value) {
         return value ? bind(index, *value) : bindNull(index);

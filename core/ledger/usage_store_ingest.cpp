@@ -5,6 +5,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "core/ledger/ledger_upserts.hpp"
 #include "core/ledger/ledger_validator.hpp"
@@ -124,60 +125,61 @@ void bindTokens(Statement& s, int first, const ObservedTokenUsage& t) {
         .bind(first + 7, t.providerTotal);
 }
 
-// Binds one observation as the row starting at parameter `base` + 1.
+// Binds one observation as the row starting at parameter `base` + 1. Its texts are bound
+// without copies: the rows and the batch outlive the statement's run.
 void bindObservation(Statement& s, int base, const UsageObservation& o, const std::string& runID,
                      const ObservedCost& cost) {
-    s.bind(base + 1, o.id)
-        .bind(base + 2, runID)
+    s.bindKept(base + 1, o.id)
+        .bindKept(base + 2, runID)
         .bind(base + 3, idText(o.integrationInstanceID))
         .bind(base + 4, idText(o.accountID))
-        .bind(base + 5, raw(o.source))
-        .bind(base + 6, o.provider)
-        .bind(base + 7, o.model)
+        .bindKept(base + 5, raw(o.source))
+        .bindKept(base + 6, o.provider)
+        .bindKept(base + 7, o.model)
         .bind(base + 8, o.occurredAt)
         .bind(base + 9, o.observedAt)
-        .bind(base + 10, raw(o.timeQuality))
-        .bind(base + 11, raw(o.precision))
-        .bind(base + 12, o.sessionKey)
-        .bind(base + 13, o.projectDisplayName)
-        .bind(base + 14, o.evidenceFingerprint);
+        .bindKept(base + 10, raw(o.timeQuality))
+        .bindKept(base + 11, raw(o.precision))
+        .bindKept(base + 12, o.sessionKey)
+        .bindKept(base + 13, o.projectDisplayName)
+        .bindKept(base + 14, o.evidenceFingerprint);
     bindTokens(s, base + 15, o.tokens);
     s.bind(base + 23, o.tokens.breakdownTrusted)
         .bind(base + 24, o.usageSemanticsVersion)
         .bind(base + 25, cost.amountUSDMicros)
-        .bind(base + 26, raw(cost.completeness))
-        .bind(base + 27, raw(cost.source))
+        .bindKept(base + 26, raw(cost.completeness))
+        .bindKept(base + 27, raw(cost.source))
         .bind(base + 28, cost.priceVersion)
         .bind(base + 29, cost.fxVersion)
-        .bind(base + 30, raw(cost.billingMode))
-        .bind(base + 31, raw(o.granularity));
+        .bindKept(base + 30, raw(cost.billingMode))
+        .bindKept(base + 31, raw(o.granularity));
 }
 
 void bindEvent(Statement& s, int base, const UsageObservation& o, const std::string& eventID,
                double now) {
-    s.bind(base + 1, eventID)
-        .bind(base + 2, o.id)
+    s.bindKept(base + 1, eventID)
+        .bindKept(base + 2, o.id)
         .bind(base + 3, idText(o.integrationInstanceID))
         .bind(base + 4, idText(o.accountID))
         .bind(base + 5, *o.occurredAt)
-        .bind(base + 6, raw(o.source))
-        .bind(base + 7, o.provider)
-        .bind(base + 8, o.model)
-        .bind(base + 9, o.sessionKey)
-        .bind(base + 10, o.projectDisplayName);
+        .bindKept(base + 6, raw(o.source))
+        .bindKept(base + 7, o.provider)
+        .bindKept(base + 8, o.model)
+        .bindKept(base + 9, o.sessionKey)
+        .bindKept(base + 10, o.projectDisplayName);
     bindTokens(s, base + 11, o.tokens);
     s.bind(base + 19, o.usageSemanticsVersion).bind(base + 20, now).bind(base + 21, now);
 }
 
 void bindCost(Statement& s, int base, const std::string& eventID, const ObservedCost& cost,
               double now) {
-    s.bind(base + 1, eventID)
+    s.bindKept(base + 1, eventID)
         .bind(base + 2, cost.amountUSDMicros)
-        .bind(base + 3, raw(cost.completeness))
-        .bind(base + 4, raw(cost.source))
+        .bindKept(base + 3, raw(cost.completeness))
+        .bindKept(base + 4, raw(cost.source))
         .bind(base + 5, cost.priceVersion)
         .bind(base + 6, cost.fxVersion)
-        .bind(base + 7, raw(cost.billingMode))
+        .bindKept(base + 7, raw(cost.billingMode))
         .bind(base + 8, now);
 }
 
@@ -282,6 +284,28 @@ struct Rows {
     void revalidate(std::size_t k) {
         verdict[k] = &mergedVerdicts.emplace_back(LedgerValidator::validate(*observation[k]));
     }
+    // In key order, each table's id index takes the rows of a statement into neighbouring
+    // leaves instead of one random leaf per row: about a third less b-tree work per commit.
+    void sortByID() {
+        std::vector<std::size_t> order(observation.size());
+        for (std::size_t k = 0; k < order.size(); ++k) {
+            order[k] = k;
+        }
+        std::ranges::sort(order, [this](std::size_t a, std::size_t b) {
+            return observation[a]->id < observation[b]->id;
+        });
+        const auto permuted = [&order](const auto& v) {
+            std::remove_cvref_t<decltype(v)> out;
+            out.reserve(v.size());
+            for (auto k : order) {
+                out.push_back(v[k]);
+            }
+            return out;
+        };
+        observation = permuted(observation);
+        verdict = permuted(verdict);
+        owned = permuted(owned);
+    }
 };
 
 // Merges the rows `which` with what the ledger holds of them (`select` is
@@ -360,10 +384,12 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, 
     for (auto k : folded) {
         rows.revalidate(k);
     }
+    rows.sortByID();
     StatementCache observations(db, LedgerUpserts::observations);
     StatementCache stored(db, LedgerUpserts::storedObservations);
     StatementCache deleteFindings(db, LedgerUpserts::deleteFindings);
     StatementCache deleteEvents(db, LedgerUpserts::deleteEvents);
+    StatementCache deleteCosts(db, LedgerUpserts::deleteEventCosts);
     StatementCache events(db, LedgerUpserts::events);
     StatementCache costs(db, LedgerUpserts::costs);
     std::vector<std::string> eventIDs;
@@ -423,12 +449,15 @@ static void writeObservations(sqlite3* db, const UsageBatch& batch, double now, 
             }
         }
         if (!rejected.empty()) {
-            // Accepted once, rejected now: it leaves the ledger (its cost goes by cascade).
-            auto& del = deleteEvents.get(static_cast<int>(rejected.size()));
-            for (std::size_t r = 0; r < rejected.size(); ++r) {
-                del.bind(static_cast<int>(r) + 1, rows.observation[rejected[r]]->id);
+            // Accepted once, rejected now: it leaves the ledger with its cost. The cost goes
+            // first and explicitly, since the commit may run without the cascade.
+            for (auto* make : {&deleteCosts, &deleteEvents}) {
+                auto& del = make->get(static_cast<int>(rejected.size()));
+                for (std::size_t r = 0; r < rejected.size(); ++r) {
+                    del.bind(static_cast<int>(r) + 1, rows.observation[rejected[r]]->id);
+                }
+                del.run();
             }
-            del.run();
         }
         if (!eligible.empty()) {
             const int n = static_cast<int>(eligible.size());
@@ -564,6 +593,65 @@ std::optional<LedgerIngestOutcome> UsageStore::ingest(
     return ingest(legacyEvents, checkpoints, replacingSource, formalBatch, {});
 }
 
+// Whether every reference the batch's rows make points at a row the same commit writes: the
+// run, its observations, their events. Such a commit cannot break a foreign key; a batch naming
+// an integration instance, an account or another run's rows leaves the checks to SQLite.
+static bool referencesOnlyItself(const UsageBatch& batch) {
+    const auto ownCheckpoint =
+        !batch.checkpoint || !batch.checkpoint->integrationInstanceID;
+    if (batch.integrationInstanceID || !ownCheckpoint) {
+        return false;
+    }
+    for (const auto& o : batch.observations) {
+        if (o.integrationInstanceID || o.accountID) {
+            return false;
+        }
+    }
+    std::unordered_set<std::string_view> ids;
+    for (const auto& issue : batch.coverageIssues) {
+        if (issue.integrationInstanceID || (issue.runID && *issue.runID != batch.id)) {
+            return false;
+        }
+        if (issue.observationID) {
+            if (ids.empty()) {
+                for (const auto& o : batch.observations) {
+                    ids.insert(o.id);
+                }
+            }
+            if (!ids.contains(*issue.observationID)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Foreign keys off for one commit, on again after it however it ends. Each row of a commit
+// checks its parents otherwise: two more index searches per usage, a sixth of a first import.
+// The one cascade a commit relies on (costs of removed events) it performs itself.
+class ForeignKeysOff {
+  public:
+    ForeignKeysOff(sqlite3* db, bool off) : db_(off ? db : nullptr) {
+        if (db_) {
+            sqlite::exec(db_, "PRAGMA foreign_keys=OFF;");
+        }
+    }
+    ~ForeignKeysOff() {
+        if (db_) {
+            try {
+                sqlite::exec(db_, "PRAGMA foreign_keys=ON;");
+            } catch (const std::exception&) {
+                // only with the connection already broken; the next open sets it again
+            }
+        }
+    }
+    ForeignKeysOff(const ForeignKeysOff&) = delete;
+    ForeignKeysOff& operator=(const ForeignKeysOff&) = delete;
+
+  private:
+    sqlite3* db_;
+};
+
 std::optional<LedgerIngestOutcome> UsageStore::ingest(
     const std::vector<UsageEvent>& legacyEvents, const std::vector<SourceCheckpoint>& checkpoints,
     std::optional<AgentSource> replacingSource, const std::optional<UsageBatch>& formalBatch,
@@ -572,6 +660,9 @@ std::optional<LedgerIngestOutcome> UsageStore::ingest(
         checkBatch(*formalBatch, replacingSource);
     }
     std::lock_guard guard(state_->lock);
+    // A full rescan's removals need the cascades.
+    ForeignKeysOff unchecked(state_->connection(), formalBatch && !replacingSource &&
+                                                       referencesOnlyItself(*formalBatch));
     bool wroteBatch = false;
     auto outcome = commitLocked(state_->connection(), legacyEvents, checkpoints, replacingSource,
                                 formalBatch ? &*formalBatch : nullptr, mayHold, wroteBatch);

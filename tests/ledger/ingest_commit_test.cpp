@@ -290,6 +290,87 @@ TEST_F(IngestCommitTest, AFailingRowLeavesNothingOfTheBatch) {
     EXPECT_EQ(store.checkpoints(AgentSource::claude)[0].byteOffset, 100);
 }
 
+TEST_F(IngestCommitTest, RowsGivenInAnyOrderKeepTheirOwnVerdicts) {
+    // Descending ids, every other one without a usable breakdown or price: written in key order,
+    // each row must still carry its own counts and findings.
+    std::vector<UsageObservation> given;
+    for (int n = 9; n >= 1; --n) {
+        auto o = observation("claude:m" + std::to_string(n), n);
+        if (n % 2 == 0) {
+            o.tokens.breakdownTrusted = false;
+            o.cost = {};
+        }
+        given.push_back(o);
+    }
+    const auto outcome = store.ingest({}, {}, std::nullopt, batchOf("run-1", given));
+    EXPECT_EQ(outcome->ledgerEventCount, 5);
+    for (int n = 1; n <= 9; ++n) {
+        const std::string id = "claude:m" + std::to_string(n);
+        SCOPED_TRACE(id);
+        if (n % 2 == 0) {
+            EXPECT_FALSE(eventOutput(id).has_value());
+            EXPECT_FALSE(findings(id).empty());
+        } else {
+            EXPECT_EQ(eventOutput(id), n);
+            EXPECT_TRUE(findings(id).empty());
+        }
+    }
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_costs;"), 5);
+}
+
+TEST_F(IngestCommitTest, ReferencesOutsideTheBatchAreStillChecked) {
+    // Commits that reference only their own rows skip the foreign key checks; any reference to a
+    // row the ledger lacks must still fail the whole commit, also right after such a commit.
+    struct Case {
+        const char* name;
+        void (*spoil)(UsageBatch&);
+    };
+    const Case cases[] = {
+        {"observation of an unknown instance",
+         [](UsageBatch& b) {
+             b.observations[0].integrationInstanceID = IntegrationInstanceID("i-unknown");
+         }},
+        {"observation of an unknown account",
+         [](UsageBatch& b) { b.observations[0].accountID = SubscriptionAccountID("a-unknown"); }},
+        {"run of an unknown instance",
+         [](UsageBatch& b) { b.integrationInstanceID = IntegrationInstanceID("i-unknown"); }},
+        {"finding on an observation the ledger lacks",
+         [](UsageBatch& b) {
+             CoverageIssue issue;
+             issue.id = "issue-1";
+             issue.observationID = "claude:elsewhere";
+             b.coverageIssues.push_back(issue);
+         }},
+        {"finding of another run",
+         [](UsageBatch& b) {
+             CoverageIssue issue;
+             issue.id = "issue-2";
+             issue.runID = "run-elsewhere";
+             b.coverageIssues.push_back(issue);
+         }},
+    };
+    int run = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string fine = "run-ok-" + std::to_string(run);
+        const std::string spoiled = "run-bad-" + std::to_string(run++);
+        store.ingest({}, {}, std::nullopt, batchOf(fine, {observation("claude:" + fine, 5)}));
+        auto batch = batchOf(spoiled, {observation("claude:" + spoiled, 5)});
+        c.spoil(batch);
+        try {
+            store.ingest({}, {}, std::nullopt, batch);
+            ADD_FAILURE() << "committed a dangling reference";
+        } catch (const StoreError& e) {
+            EXPECT_EQ(e.code(), StoreErrorCode::sql);
+        }
+        sqlite::Statement written(ledger.get(), "SELECT COUNT(*) FROM ingest_runs WHERE id=?;");
+        written.bind(1, spoiled);
+        ASSERT_TRUE(written.step());
+        EXPECT_EQ(written.int64(0), 0);
+    }
+    EXPECT_EQ(count("SELECT COUNT(*) FROM ledger_events;"), 5);
+}
+
 // One row at $2 / $8 per million for "claude-sonnet" since 2020.
 PriceTable tableAt(const std::string& input, const std::string& output) {
     PriceTable table;
