@@ -91,6 +91,12 @@ int child(int argc, char** argv, const fs::path& support, int batches, int idleS
         return 1;
     }
     fmt::print(stderr, "phase: application and session open {} ms\n", phase.restart());
+    if (idleSeconds > 0 && !(*session)->settings().didCompleteOnboarding) {
+        // A user past the onboarding: otherwise start() waits for it and nothing is followed.
+        AppSettings settings = (*session)->settings();
+        settings.didCompleteOnboarding = true;
+        (*session)->updateSettings(settings);
+    }
     std::function<double()> simulatedClock;
     desktop::ControllerOptions options;
     options.clock = [&simulatedClock] { return simulatedClock ? simulatedClock() : epochNow(); };
@@ -232,6 +238,8 @@ int child(int argc, char** argv, const fs::path& support, int batches, int idleS
         while (!scanned) {
             QApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
         }
+        // ...and the figures it set off read and shown (on the reading workers now).
+        controller.waitForBackground();
         const double before = cpuSeconds();
         QTimer::singleShot(idleSeconds * 1000, &app, &QApplication::quit);
         QApplication::exec();
