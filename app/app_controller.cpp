@@ -1,6 +1,7 @@
 #include "app/app_controller.hpp"
 
 #include <QApplication>
+#include <QDeadlineTimer>
 #include <QFile>
 #include <QMessageBox>
 #include <QSaveFile>
@@ -18,6 +19,7 @@
 #include "core/app/usage_watch.hpp"
 #include "core/ledger/store_error.hpp"
 #include "core/model/timestamp.hpp"
+#include "core/plans/key_store.hpp"
 
 namespace kestrel::desktop {
 namespace {
@@ -33,10 +35,30 @@ AppController::AppController(std::unique_ptr<AppSession> session, AppLanguage la
       text_(language),
       options_(options),
       appliedSettings_(session_->settings()),
+      reads_{std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-glance")),
+             std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-reads"))},
       scans_(std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-scan"))),
       network_(std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-network"))),
       pulses_(std::make_unique<BackgroundQueue>(QStringLiteral("kestrel-pulses"))),
       window_(std::make_unique<MainWindow>(text_)) {
+    for (auto& reader : readers_) {
+        try {
+            reader = std::make_unique<UsageStore>(session_->store().databasePath().parent_path(),
+                                                  ReadOnlyLedger{.busyTimeoutMs = 2000});
+        } catch (const StoreError&) {
+            // Reads share the writer's connection then: slower during a scan, never wrong.
+        }
+    }
+    figuresRead_ = std::make_unique<CoalescedRead<TrayFigures>>(
+        *this, this,
+        [this] {
+            const bool withMonth = session_->settings().monthlyBudgetCNYFen.has_value();
+            return [now = options_.clock(), withMonth](UsageStore& store) {
+                return readTrayFigures(store, Calendar::current(), now, withMonth);
+            };
+        },
+        [this](CoalescedRead<TrayFigures>::Result read) { showFigures(std::move(read)); },
+        ReadLane::glance);
     tray_ = new TrayItem(text_, this);
     notifier_ = new DesktopNotifier(QDBusConnection::sessionBus(), this);
     if (options_.follow) {
@@ -69,6 +91,16 @@ AppController::~AppController() {
 
 void AppController::addPage(Page* page) {
     window_->addPage(page);
+    page->installEventFilter(this);
+}
+
+bool AppController::eventFilter(QObject* watched, QEvent* event) {
+    if (event->type() == QEvent::Show) {
+        if (auto* page = qobject_cast<Page*>(watched); page != nullptr && stalePages_.erase(page) > 0) {
+            page->reload();
+        }
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 void AppController::runInBackground(std::function<void()> work, std::function<void()> done) {
@@ -78,6 +110,80 @@ void AppController::runInBackground(std::function<void()> work, std::function<vo
             QMetaObject::invokeMethod(this, done, Qt::QueuedConnection);
         }
     });
+}
+
+namespace {
+
+// Runs the event loop, sleeping between events, until `done` or the deadline.
+template <typename F>
+bool runEventsUntil(F done, const QDeadlineTimer& deadline) {
+    QTimer wake;  // so that the deadline is looked at even when nothing else happens
+    wake.start(20);
+    while (!done()) {
+        if (deadline.hasExpired()) {
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+}  // namespace
+
+void AppController::readLedger(QObject* receiver, ReadLane lane,
+                               std::function<void(UsageStore&)> read, std::function<void()> done) {
+    const auto index = static_cast<std::size_t>(lane);
+    if (reads_[index]->stopping()) {
+        return;  // shut down: nothing is shown any more
+    }
+    ++readsInFlight_;
+    reads_[index]->post([this, index, receiver = QPointer<QObject>(receiver), read = std::move(read),
+                         done = std::move(done)] {
+        std::function<void()> hook;
+        {
+            std::lock_guard guard(readHookLock_);
+            hook = readHook_;
+        }
+        if (hook) {
+            hook();
+        }
+        try {
+            read(readers_[index] ? *readers_[index] : session_->store());
+        } catch (const std::exception&) {
+            // The read says what it could not read through its own result; nothing escapes
+            // into the worker's event loop.
+        }
+        QMetaObject::invokeMethod(
+            this,
+            [this, receiver, done] {
+                --readsInFlight_;
+                if (receiver && done) {
+                    done();
+                }
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+bool AppController::waitForReads(int timeoutMs) {
+    return runEventsUntil([this] { return readsInFlight_ == 0; }, QDeadlineTimer(timeoutMs));
+}
+
+bool AppController::waitForBackground(int timeoutMs) {
+    if (scans_->stopping()) {
+        return false;
+    }
+    const QDeadlineTimer deadline(timeoutMs);
+    auto through = std::make_shared<bool>(false);
+    // The queue runs in order: once this has come back, everything posted before it has too.
+    runInBackground([] {}, [through] { *through = true; });
+    return runEventsUntil([through] { return *through; }, deadline) &&
+           runEventsUntil([this] { return readsInFlight_ == 0; }, deadline);
+}
+
+void AppController::setReadHook(std::function<void()> hook) {
+    std::lock_guard guard(readHookLock_);
+    readHook_ = std::move(hook);
 }
 
 void AppController::start() {
@@ -229,8 +335,12 @@ void AppController::requestRefresh() {
 
 void AppController::refreshQuotas() {
     network_->post([this] {
+        if (!std::exchange(keysOpened_, true)) {
+            keys_ = openKeyStore(session_->paths().supportDir, session_->paths().env);
+        }
         QuotaRequest request;
         request.refresh = true;
+        request.keys = keys_.get();
         try {
             quotaReport(*session_, request, refresher_, tokens_);
         } catch (const StoreError&) {
@@ -277,27 +387,36 @@ void AppController::scheduleReload() {
 }
 
 void AppController::reloadNow() {
-    window_->reloadPages();
-    readFigures();
+    // Only the page in view reads now: a page nobody looks at would cost a read (the events'
+    // facets take a second on a large ledger) after every burst of commits.
+    Page* current = window_->currentPage();
+    for (Page* page : window_->pages()) {
+        if (page == current) {
+            page->reload();
+        } else {
+            stalePages_.insert(page);
+        }
+    }
+    figuresRead_->request();
+}
+
+void AppController::showFigures(CoalescedRead<TrayFigures>::Result read) {
+    if (!read) {
+        emit statusChanged(text_("desktop.overview.readFailed", {{"detail", read.error()}}));
+        return;
+    }
+    LiveView live = std::move(figures_.live);
+    figures_ = std::move(*read);
+    figures_.live = std::move(live);
     recompose();
     evaluateNotifications(options_.notifications);
     emit ledgerChanged();
 }
 
-void AppController::readFigures() {
-    LiveView live = std::move(figures_.live);
-    try {
-        figures_ = readTrayFigures(session_->store(), Calendar::current(), epochNow());
-    } catch (const StoreError& e) {
-        emit statusChanged(text_("desktop.overview.readFailed", {{"detail", e.what()}}));
-    }
-    figures_.live = std::move(live);
-}
-
 void AppController::recompose() {
     const AppSettings settings = session_->settings();
     const DisplayChoices display = displayChoices(settings, text_.language());
-    const double now = epochNow();
+    const double now = options_.clock();
     figures_.now = now;
     composed_ = MenuBarComposer::compose(settings, menuBarInputs(figures_), menuBarFormatter(display));
 
@@ -337,7 +456,7 @@ void AppController::evaluateNotifications(bool deliver) {
     const AppSettings settings = session_->settings();
     const Calendar calendar = Calendar::current();
     NotificationFacts facts;
-    facts.now = epochNow();
+    facts.now = options_.clock();
     facts.quotas = figures_.quotas;
     const LedgerSummary& today = figures_.headline.today;
     if (today.pricedEventCount > 0) {
@@ -345,16 +464,9 @@ void AppController::evaluateNotifications(bool deliver) {
     }
     facts.dayKey = calendar.dayKey(facts.now);
     facts.monthKey = facts.dayKey.substr(0, 7);
-    if (settings.monthlyBudgetCNYFen) {
-        try {
-            LedgerQuery month;
-            month.from = calendar.startOfDay(facts.monthKey + "-01");
-            const LedgerSummary s = session_->store().ledgerSummary(month);
-            if (s.pricedEventCount > 0) {
-                facts.monthCostUSDMicros = s.knownCostUSDMicros.value_or(0);
-            }
-        } catch (const StoreError&) {
-        }
+    if (settings.monthlyBudgetCNYFen && figures_.thisMonth &&
+        figures_.thisMonth->pricedEventCount > 0) {
+        facts.monthCostUSDMicros = figures_.thisMonth->knownCostUSDMicros.value_or(0);
     }
     facts.firstImportEvents = firstImportEvents_;
     if (!policyRestored_) {
@@ -468,6 +580,9 @@ void AppController::shutdown() {
     refreshTimer_.stop();
     pulseTimer_.stop();
     stop_.request_stop();  // a scan under way stops between files
+    for (auto& queue : reads_) {
+        queue->stop();
+    }
     pulses_->stop();
     network_->stop();
     scans_->stop();

@@ -1,18 +1,23 @@
 #pragma once
-// The running application: one AppSession for the app's life, the scans, quota requests and
-// pulse reading on worker threads, the main window with its pages, the tray item and the
-// notifications. Everything on this object runs on the main thread; workers hand results back
-// through queued calls, so the window never waits on a scan or a request.
+// The running application: one AppSession for the app's life, the scans, quota requests, pulse
+// reading and the ledger reads behind every figure on worker threads, the main window with its
+// pages, the tray item and the notifications. Everything on this object runs on the main thread;
+// workers hand results back through queued calls, so the window never waits on a scan, a read
+// or a request.
 
 #include <QObject>
 #include <QPointer>
 #include <QTimer>
+#include <array>
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <set>
 #include <stop_token>
 
 #include "app/background_queue.hpp"
+#include "app/coalesced_read.hpp"
 #include "app/onboarding/onboarding_view.hpp"
 #include "app/page.hpp"
 #include "app/tray/tray_figures.hpp"
@@ -20,6 +25,8 @@
 #include "core/app/app_session.hpp"
 #include "core/app/live_activity.hpp"
 #include "core/app/notification_policy.hpp"
+#include "core/model/timestamp.hpp"
+#include "core/plans/key_store.hpp"
 #include "core/plans/live_quota.hpp"
 #include "core/plans/quota_refresher.hpp"
 
@@ -39,6 +46,8 @@ struct ControllerOptions {
     bool confirmDialogs = true; // ask before quitting when the settings say so
     std::chrono::milliseconds periodicRefresh = std::chrono::minutes(5);
     std::chrono::milliseconds pulsePoll = std::chrono::seconds(2);
+    // The clock the figures are read at (today, this month); the benchmark runs a simulated one.
+    std::function<double()> clock = [] { return epochNow(); };
 };
 
 class AppController : public QObject, public PageHost {
@@ -53,7 +62,20 @@ class AppController : public QObject, public PageHost {
     AppSession& session() override { return *session_; }
     const UiText& text() const override { return text_; }
     void runInBackground(std::function<void()> work, std::function<void()> done) override;
+    void readLedger(QObject* receiver, ReadLane lane, std::function<void(UsageStore&)> read,
+                    std::function<void()> done) override;
     void requestRefresh() override;
+
+    // Reads asked for and not yet handed back to the main thread.
+    int readsInFlight() const { return readsInFlight_; }
+    // Runs the event loop until every read asked for has been shown (or `timeoutMs` passed);
+    // the screenshot mode, the benchmark and the tests use it after reloadNow(). True when done.
+    bool waitForReads(int timeoutMs = 60'000);
+    // As waitForReads, and also until the page work queued so far (runInBackground) is done and
+    // shown: the screenshots wait for it.
+    bool waitForBackground(int timeoutMs = 60'000);
+    // Tests: runs on the reading worker before each read (a slow ledger, say).
+    void setReadHook(std::function<void()> hook);
 
     MainWindow& window() { return *window_; }
     TrayItem& tray() { return *tray_; }
@@ -68,8 +90,9 @@ class AppController : public QObject, public PageHost {
     void start();
     // The onboarding on show, if any (tests walk it).
     OnboardingView* onboarding() const { return onboarding_; }
-    // Reads every figure again now (pages, tray, notifications); the screenshot mode and the
-    // tests call it after a scan of their own.
+    // Reads every figure again (the current page, tray, notifications) on the reading workers;
+    // each is shown as its read comes back. The other pages read again when next shown. The
+    // screenshot mode and the tests call it after a scan of their own.
     void reloadNow();
 
     void setLanguage(AppLanguage language);
@@ -92,9 +115,12 @@ class AppController : public QObject, public PageHost {
     void firstScanDone();
     void statusChanged(const QString& message);
 
+  protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
   private:
     void scheduleReload();
-    void readFigures();
+    void showFigures(CoalescedRead<TrayFigures>::Result read);
     void recompose();
     void evaluateNotifications(bool deliver);
     void restoreNotificationMemory();
@@ -122,6 +148,20 @@ class AppController : public QObject, public PageHost {
     std::string savedMemory_;  // the memory as last written to the support folder
     std::optional<int64_t> firstImportEvents_;
 
+    // Each reading lane's own connection: read-only, so it never waits on a scan's writes.
+    // Absent when it could not be opened; the session's store serves then.
+    std::array<std::unique_ptr<UsageStore>, 2> readers_;
+    std::mutex readHookLock_;
+    std::function<void()> readHook_;
+    int readsInFlight_ = 0;
+    std::set<Page*> stalePages_;  // read again when next shown
+
+    // The user's API keys for the quota refreshes: opened on the network worker at its first
+    // refresh (the store may be a D-Bus service), used only there.
+    std::unique_ptr<KeyStore> keys_;
+    bool keysOpened_ = false;
+
+    std::array<std::unique_ptr<BackgroundQueue>, 2> reads_;  // per lane: ledger reads, in order
     std::unique_ptr<BackgroundQueue> scans_;  // scans and page work, in order
     std::unique_ptr<BackgroundQueue> network_;  // quota requests
     std::unique_ptr<BackgroundQueue> pulses_;   // reading the hooks' pulse files
@@ -139,6 +179,7 @@ class AppController : public QObject, public PageHost {
     QTimer pulseTimer_;
     int refreshTicks_ = 0;
     TrayFigures figures_;
+    std::unique_ptr<CoalescedRead<TrayFigures>> figuresRead_;
     MenuBarText composed_;
     bool shutDown_ = false;
 };

@@ -166,6 +166,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "kestrel-app: scan failed: %s\n", scanned.error().message.c_str());
         }
         controller.reloadNow();
+        controller.waitForBackground();
         auto written = writeScreenshots(controller, parser.value(screenshotOption));
         if (!written) {
             return fail(written.error(), true);

@@ -31,6 +31,8 @@ std::expected<QStringList, QString> writeScreenshots(AppController& app, const Q
     window.show();
     for (Page* page : window.pages()) {
         window.showPage(page->pageId());
+        // A page shown for the first time since a reload reads its figures now.
+        app.waitForBackground();
         QApplication::processEvents();
         if (!save(window.grab(), page->pageId() + QStringLiteral(".png"))) {
             return std::unexpected(QStringLiteral("cannot write %1.png in %2").arg(page->pageId(), folder));

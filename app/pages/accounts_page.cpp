@@ -88,10 +88,10 @@ QString refreshText(const UiText& t, const QuotaAccountRow& row, double now) {
 
 }  // namespace
 
-AccountsPage::AccountsPage(PageHost& host, QWidget* parent)
+AccountsPage::AccountsPage(PageHost& host, QWidget* parent, KeyStoreOpener openKeys)
     : Page(host, parent),
       text_(host.text()),
-      keys_(openKeyStore(host.session().paths().supportDir, host.session().paths().env)),
+      keys_(std::make_shared<Keys>()),
       refresher_(std::make_unique<QuotaRefresher>()),
       tokens_(std::make_unique<TokenCache>()) {
     auto* content = new QWidget;
@@ -208,6 +208,21 @@ AccountsPage::AccountsPage(PageHost& host, QWidget* parent)
     connect(removeKey_, &QPushButton::clicked, this,
             [this] { removeKey(provider_->currentText()); });
 
+    // The store is opened first on the worker; every later key job runs after it there.
+    if (!openKeys) {
+        openKeys = [](const std::filesystem::path& dir, const EnvironmentLookup& env) {
+            return openKeyStore(dir, env);
+        };
+    }
+    host.runInBackground(
+        [keys = keys_, openKeys = std::move(openKeys), paths = host.session().paths()] {
+            keys->store = openKeys(paths.supportDir, paths.env);
+            if (keys->store == nullptr) {
+                keys->store = makeFileKeyStore(paths.supportDir);
+            }
+        },
+        [] {});
+
     retranslate();
     reload();
 }
@@ -222,7 +237,7 @@ void AccountsPage::reload() {
     // Stored readings only: a refresh asks the network and waits for the user's "Refresh".
     quota_ = quotaReport(host().session(), {}, *refresher_, *tokens_);
     showQuota();
-    showKeys();
+    listKeys();
     discover();
 }
 
@@ -350,9 +365,9 @@ void AccountsPage::refreshQuota() {
     auto report = std::make_shared<QuotaReport>();
     refresh_->setEnabled(false);
     host().runInBackground(
-        [&session, report, keys = keys_.get(), refresher = refresher_.get(),
-         tokens = tokens_.get()] {
-            *report = quotaReport(session, {.refresh = true, .keys = keys}, *refresher, *tokens);
+        [&session, report, keys = keys_, refresher = refresher_.get(), tokens = tokens_.get()] {
+            *report = quotaReport(session, {.refresh = true, .keys = keys->store.get()}, *refresher,
+                                  *tokens);
         },
         [self = QPointer<AccountsPage>(this), report] {
             if (!self) {
@@ -430,31 +445,41 @@ void AccountsPage::discover() {
                            });
 }
 
-void AccountsPage::choose(const std::vector<std::string>& ids, bool keep) {
+void AccountsPage::planAction(std::function<PlanFinish(AppSession&, KeyStore*)> action) {
     auto& session = host().session();
-    auto outcomes = std::make_shared<std::expected<std::vector<PlanChoiceOutcome>, std::string>>();
+    auto finish = std::make_shared<PlanFinish>();
     auto state = std::make_shared<std::expected<PlanReviewState, std::string>>();
     host().runInBackground(
-        [&session, ids, keep, outcomes, state, keys = keys_.get()] {
-            *outcomes = choosePlans(session, ids, keep, {.keys = keys});
+        [&session, action = std::move(action), finish, state, keys = keys_] {
+            *finish = action(session, keys->store.get());
             *state = discoverPlans(session);
         },
-        [self = QPointer<AccountsPage>(this), outcomes, state] {
+        [self = QPointer<AccountsPage>(this), finish, state] {
             if (!self) {
                 return;
             }
-            const auto& t = self->text_;
             if (*state) {
                 self->review_ = std::move(**state);
                 self->showReview();
             }
-            if (!*outcomes) {
-                self->setPlanStatus(QString::fromStdString(outcomes->error()));
+            if (*finish) {
+                (*finish)(*self);
+            }
+        });
+}
+
+void AccountsPage::choose(const std::vector<std::string>& ids, bool keep) {
+    planAction([ids, keep](AppSession& session, KeyStore* keys) -> PlanFinish {
+        auto outcomes = choosePlans(session, ids, keep, {.keys = keys});
+        return [outcomes = std::move(outcomes)](AccountsPage& page) {
+            const auto& t = page.text_;
+            if (!outcomes) {
+                page.setPlanStatus(QString::fromStdString(outcomes.error()));
                 return;
             }
             QStringList lines;
             using Status = PlanChoiceOutcome::Status;
-            for (const auto& o : **outcomes) {
+            for (const auto& o : *outcomes) {
                 const std::string agent = o.tool ? std::string(rawValue(*o.tool)) : std::string();
                 switch (o.status) {
                     case Status::kept:
@@ -478,75 +503,100 @@ void AccountsPage::choose(const std::vector<std::string>& ids, bool keep) {
                         break;
                 }
             }
-            self->setPlanStatus(lines.join(QLatin1Char('\n')));
-        });
+            page.setPlanStatus(lines.join(QLatin1Char('\n')));
+        };
+    });
 }
 
 void AccountsPage::commit() {
-    auto& session = host().session();
-    auto outcome = std::make_shared<std::expected<PlanCommitOutcome, std::string>>();
-    auto state = std::make_shared<std::expected<PlanReviewState, std::string>>();
-    host().runInBackground(
-        [&session, outcome, state, keys = keys_.get()] {
-            *outcome = commitPlans(session, {.keys = keys});
-            *state = discoverPlans(session);
-        },
-        [self = QPointer<AccountsPage>(this), outcome, state] {
-            if (!self) {
-                return;
-            }
-            const auto& t = self->text_;
-            if (*state) {
-                self->review_ = std::move(**state);
-                self->showReview();
-            }
-            if (!*outcome) {
-                self->setPlanStatus(QString::fromStdString(outcome->error()));
-            } else if ((*outcome)->refusal) {
-                QString message = t((*outcome)->refusal->key);
-                if (!(*outcome)->refusal->candidateID.empty()) {
+    planAction([refresher = refresher_.get(), tokens = tokens_.get()](
+                   AppSession& session, KeyStore* keys) -> PlanFinish {
+        auto outcome = commitPlans(session, {.keys = keys});
+        std::optional<QuotaReport> quota;
+        if (outcome && !outcome->refusal && outcome->committed) {
+            // Accounts kept in the review have quota readings of their own from now on.
+            quota = quotaReport(session, {}, *refresher, *tokens);
+        }
+        return [outcome = std::move(outcome), quota = std::move(quota)](AccountsPage& page) {
+            const auto& t = page.text_;
+            if (!outcome) {
+                page.setPlanStatus(QString::fromStdString(outcome.error()));
+            } else if (outcome->refusal) {
+                QString message = t(outcome->refusal->key);
+                if (!outcome->refusal->candidateID.empty()) {
                     message += QStringLiteral(" (%1)").arg(
-                        QString::fromStdString((*outcome)->refusal->candidateID));
+                        QString::fromStdString(outcome->refusal->candidateID));
                 }
-                self->setPlanStatus(message);
-            } else if ((*outcome)->committed) {
-                self->setPlanStatus(t(
+                page.setPlanStatus(message);
+            } else if (outcome->committed) {
+                page.setPlanStatus(t(
                     "plans.committed",
-                    {{"accepted", std::to_string((*outcome)->committed->acceptedAccountIDs.size())},
-                     {"rejected",
-                      std::to_string((*outcome)->committed->rejectedCandidateIDs.size())}}));
-                // Accounts kept in the review have quota readings of their own from now on.
-                self->quota_ = quotaReport(self->host().session(), {}, *self->refresher_,
-                                           *self->tokens_);
-                self->showQuota();
+                    {{"accepted", std::to_string(outcome->committed->acceptedAccountIDs.size())},
+                     {"rejected", std::to_string(outcome->committed->rejectedCandidateIDs.size())}}));
+                if (quota) {
+                    page.quota_ = *quota;
+                    page.showQuota();
+                }
             } else {
-                self->setPlanStatus(t("plans.nothingToCommit"));
+                page.setPlanStatus(t("plans.nothingToCommit"));
+            }
+        };
+    });
+}
+
+AccountsPage::KeyRows AccountsPage::readKeyRows(KeyStore* keys, const std::filesystem::path& supportDir,
+                                                const std::string& unreadable) {
+    KeyRows rows;
+    if (keys == nullptr) {
+        return rows;
+    }
+    rows.backend = std::string(keys->backend());
+    const auto names = keys->names();
+    if (!names) {
+        rows.problem = names.error().message;
+        return rows;
+    }
+    const auto salt = PlanSalt::loadOrCreate(supportDir);
+    for (const auto& name : *names) {
+        const auto key = keys->get(name);
+        std::string fingerprint = unreadable;
+        if (salt && key && *key) {
+            fingerprint = credentialFingerprint(*salt, **key);
+        }
+        rows.nameAndFingerprint.emplace_back(name, std::move(fingerprint));
+    }
+    return rows;
+}
+
+void AccountsPage::listKeys() {
+    auto rows = std::make_shared<KeyRows>();
+    host().runInBackground(
+        [keys = keys_, rows, dir = host().session().paths().supportDir,
+         unreadable = text_("keys.unreadable").toStdString()] {
+            *rows = readKeyRows(keys->store.get(), dir, unreadable);
+        },
+        [self = QPointer<AccountsPage>(this), rows] {
+            if (self) {
+                self->showKeys(*rows);
             }
         });
 }
 
-void AccountsPage::showKeys() {
+void AccountsPage::showKeys(const KeyRows& rows) {
     keyTable_->setRowCount(0);
-    const auto names = keys_->names();
-    if (!names) {
-        setKeyStatus(QString::fromStdString(names.error().message));
+    if (!rows.problem.empty()) {
+        setKeyStatus(QString::fromStdString(rows.problem));
         return;
     }
-    const auto salt = PlanSalt::loadOrCreate(host().session().paths().supportDir);
-    for (const auto& name : *names) {
-        const auto key = keys_->get(name);
-        QString fingerprint = text_("keys.unreadable");
-        if (salt && key && *key) {
-            fingerprint = QString::fromStdString(credentialFingerprint(*salt, **key));
-        }
+    for (const auto& [name, fingerprint] : rows.nameAndFingerprint) {
         const int r = keyTable_->rowCount();
         keyTable_->insertRow(r);
         keyTable_->setItem(r, 0, new QTableWidgetItem(QString::fromStdString(name)));
-        keyTable_->setItem(r, 1, new QTableWidgetItem(fingerprint));
-        keyTable_->setItem(r, 2, new QTableWidgetItem(qstr(keys_->backend())));
+        keyTable_->setItem(r, 1, new QTableWidgetItem(QString::fromStdString(fingerprint)));
+        keyTable_->setItem(r, 2, new QTableWidgetItem(QString::fromStdString(rows.backend)));
     }
     keyTable_->resizeColumnsToContents();
-    removeKey_->setEnabled(!names->empty());
+    removeKey_->setEnabled(!rows.nameAndFingerprint.empty());
 }
 
 void AccountsPage::setKeyStatus(const QString& message) {
@@ -573,32 +623,69 @@ void AccountsPage::storeKey(const QString& provider, const QString& secret) {
                            {{"provider", name.substr(0, 40)}, {"accepted", accepted}}));
         return;
     }
-    const auto salt = PlanSalt::loadOrCreate(host().session().paths().supportDir);
-    if (!salt) {
-        setKeyStatus(QString::fromStdString(salt.error()));
-        return;
-    }
-    if (auto stored = keys_->set(name, key); !stored) {
-        setKeyStatus(QString::fromStdString(stored.error().message));
-        return;
-    }
-    const std::string fingerprint = credentialFingerprint(*salt, key);
-    std::fill(key.begin(), key.end(), '\0');
-    showKeys();
-    setKeyStatus(text_("keys.set.done", {{"provider", name},
-                                         {"fingerprint", fingerprint},
-                                         {"store", std::string(keys_->backend())}}));
+    // The key travels to the worker and is wiped there once stored; only its fingerprint and
+    // the listing come back.
+    struct Stored {
+        std::string problem;
+        std::string fingerprint;
+        KeyRows rows;
+    };
+    auto stored = std::make_shared<Stored>();
+    host().runInBackground(
+        [keys = keys_, stored, name, key = std::move(key), dir = host().session().paths().supportDir,
+         unreadable = text_("keys.unreadable").toStdString()]() mutable {
+            const auto salt = PlanSalt::loadOrCreate(dir);
+            if (!salt) {
+                stored->problem = salt.error();
+            } else if (auto set = keys->store->set(name, key); !set) {
+                stored->problem = set.error().message;
+            } else {
+                stored->fingerprint = credentialFingerprint(*salt, key);
+            }
+            std::fill(key.begin(), key.end(), '\0');
+            stored->rows = readKeyRows(keys->store.get(), dir, unreadable);
+        },
+        [self = QPointer<AccountsPage>(this), stored, name] {
+            if (!self) {
+                return;
+            }
+            if (!stored->problem.empty()) {
+                self->setKeyStatus(QString::fromStdString(stored->problem));
+                return;
+            }
+            self->showKeys(stored->rows);
+            self->setKeyStatus(self->text_("keys.set.done", {{"provider", name},
+                                                             {"fingerprint", stored->fingerprint},
+                                                             {"store", stored->rows.backend}}));
+        });
 }
 
 void AccountsPage::removeKey(const QString& provider) {
     const std::string name = provider.trimmed().toStdString();
-    const auto removed = keys_->remove(name);
-    if (!removed) {
-        setKeyStatus(QString::fromStdString(removed.error().message));
-        return;
-    }
-    showKeys();
-    setKeyStatus(text_(*removed ? "keys.rm.done" : "keys.rm.none", {{"provider", name}}));
+    auto removed = std::make_shared<std::expected<bool, std::string>>(false);
+    auto rows = std::make_shared<KeyRows>();
+    host().runInBackground(
+        [keys = keys_, removed, rows, name, dir = host().session().paths().supportDir,
+         unreadable = text_("keys.unreadable").toStdString()] {
+            if (auto r = keys->store->remove(name); r) {
+                *removed = *r;
+            } else {
+                *removed = std::unexpected(r.error().message);
+            }
+            *rows = readKeyRows(keys->store.get(), dir, unreadable);
+        },
+        [self = QPointer<AccountsPage>(this), removed, rows, name] {
+            if (!self) {
+                return;
+            }
+            if (!*removed) {
+                self->setKeyStatus(QString::fromStdString(removed->error()));
+                return;
+            }
+            self->showKeys(*rows);
+            self->setKeyStatus(self->text_(**removed ? "keys.rm.done" : "keys.rm.none",
+                                           {{"provider", name}}));
+        });
 }
 
 }  // namespace kestrel::desktop

@@ -4,6 +4,8 @@
 // commit); and the user's API keys, of which only fingerprints are ever shown.
 
 #include <QPointer>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "app/page.hpp"
 #include "core/app/plan_service.hpp"
 #include "core/app/quota_service.hpp"
+#include "core/sources/agent_catalog.hpp"
 
 class QComboBox;
 class QGroupBox;
@@ -21,6 +24,7 @@ class QTableWidget;
 class QVBoxLayout;
 
 namespace kestrel {
+class AppSession;
 class KeyStore;
 }
 
@@ -29,11 +33,16 @@ namespace kestrel::desktop {
 // The providers a key can be stored for (the same names `kestrel keys set` takes).
 const std::vector<std::string>& apiKeyProviders();
 
+// Opens the key store; called once, on a worker (the Secret Service answers over D-Bus).
+using KeyStoreOpener =
+    std::function<std::unique_ptr<KeyStore>(const std::filesystem::path&, const EnvironmentLookup&)>;
+
 class AccountsPage : public Page {
     Q_OBJECT
 
   public:
-    explicit AccountsPage(PageHost& host, QWidget* parent = nullptr);
+    // Every use of the key store, its opening included, runs through PageHost::runInBackground.
+    explicit AccountsPage(PageHost& host, QWidget* parent = nullptr, KeyStoreOpener openKeys = {});
     ~AccountsPage() override;
 
     QString pageId() const override { return QStringLiteral("accounts"); }
@@ -62,15 +71,32 @@ class AccountsPage : public Page {
     void keyMessage(const QString& message);
 
   private:
+    // The key store as the worker holds it; the main thread never touches `store`.
+    struct Keys {
+        std::unique_ptr<KeyStore> store;
+    };
+    // The stored keys as the table lists them, read on the worker.
+    struct KeyRows {
+        std::vector<std::pair<std::string, std::string>> nameAndFingerprint;
+        std::string backend;
+        std::string problem;  // the store could not list them
+    };
+    // What a plan action leaves to do on the main thread once it and the new review are in.
+    using PlanFinish = std::function<void(AccountsPage&)>;
+
     void showQuota();
     void showReview();
-    void showKeys();
+    void listKeys();
+    void showKeys(const KeyRows& rows);
+    static KeyRows readKeyRows(KeyStore* keys, const std::filesystem::path& supportDir,
+                               const std::string& unreadable);
+    void planAction(std::function<PlanFinish(AppSession&, KeyStore*)> action);
     QStringList selectedCandidates() const;
     void setPlanStatus(const QString& message);
     void setKeyStatus(const QString& message);
 
     const UiText& text_;
-    std::unique_ptr<KeyStore> keys_;
+    std::shared_ptr<Keys> keys_;
     // Carry request numbers and back-off between refreshes, for the life of the page.
     std::unique_ptr<QuotaRefresher> refresher_;
     std::unique_ptr<TokenCache> tokens_;

@@ -7,15 +7,18 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QTableView>
 #include <QVBoxLayout>
+#include <climits>
 #include <cstring>
 #include <expected>
 #include <tuple>
 #include <memory>
 
 #include "app/pages/page_format.hpp"
+#include "app/progress_relay.hpp"
 #include "app/ui_text.hpp"
 #include "core/app/app_session.hpp"
 #include "core/app/csv_export.hpp"
@@ -121,7 +124,22 @@ std::pair<std::optional<double>, std::optional<double>> periodRange(EventsPeriod
     return {std::nullopt, std::nullopt};
 }
 
-EventsPage::EventsPage(PageHost& host, QWidget* parent) : Page(host, parent), text_(host.text()) {
+EventsPage::EventsPage(PageHost& host, QWidget* parent)
+    : Page(host, parent),
+      text_(host.text()),
+      read_(host, this,
+            [this] {
+                return [query = query(), after = current_, limit = pageSize_,
+                        facets = std::exchange(facetsWanted_, false)](UsageStore& store) {
+                    Figures f;
+                    if (facets) {
+                        f.facets = store.ledgerFacets({});
+                    }
+                    f.page = eventsPage(store, query, LedgerSortOrder::descending, after, limit);
+                    return f;
+                };
+            },
+            [this](CoalescedRead<Figures>::Result read) { showRead(std::move(read)); }) {
     model_ = new EventsTableModel(this);
 
     period_ = new QComboBox(this);
@@ -161,11 +179,16 @@ EventsPage::EventsPage(PageHost& host, QWidget* parent) : Page(host, parent), te
     previous_ = new QPushButton(this);
     next_button_ = new QPushButton(this);
     pageLabel_ = new QLabel(this);
+    exportProgress_ = new QProgressBar(this);
+    exportProgress_->setObjectName(QStringLiteral("exportProgress"));
+    exportProgress_->setFormat(QStringLiteral("%v / %m  (%p%)"));
+    exportProgress_->hide();
     status_ = new QLabel(this);
     status_->setObjectName(QStringLiteral("status"));
     status_->setWordWrap(true);
     auto* paging = new QHBoxLayout;
     paging->addWidget(status_, 1);
+    paging->addWidget(exportProgress_);
     paging->addWidget(previous_);
     paging->addWidget(pageLabel_);
     paging->addWidget(next_button_);
@@ -221,7 +244,7 @@ void EventsPage::setPageSize(int size) {
 }
 
 void EventsPage::reload() {
-    refillFacets();
+    facetsWanted_ = true;
     showPage();
 }
 
@@ -252,19 +275,13 @@ void EventsPage::previousPage() {
     showPage();
 }
 
-// Each list keeps the user's choice when the ledger still has it.
-void EventsPage::refillFacets() {
+// Each list keeps the user's choice when the ledger still has it; true when one could not.
+bool EventsPage::refillFacets(const LedgerFacets& facets) {
     const auto& t = text_;
-    LedgerFacets facets;
-    try {
-        facets = host().session().store().ledgerFacets({});
-    } catch (const std::exception& e) {
-        status_->setText(QString::fromStdString(e.what()));
-        return;
-    }
     filling_ = true;
-    const auto refill = [](QComboBox* box, const QString& allText, const auto& items,
-                           const auto& label, const auto& value) {
+    bool lost = false;
+    const auto refill = [&lost](QComboBox* box, const QString& allText, const auto& items,
+                                const auto& label, const auto& value) {
         const QVariant chosen = box->currentData();
         box->clear();
         box->addItem(allText);
@@ -272,6 +289,7 @@ void EventsPage::refillFacets() {
             box->addItem(label(item), value(item));
         }
         const int index = chosen.isValid() ? box->findData(chosen) : 0;
+        lost = lost || index < 0;
         box->setCurrentIndex(std::max(index, 0));
     };
     refill(agent_, t("pages.events.allAgents"), facets.sources,
@@ -288,18 +306,26 @@ void EventsPage::refillFacets() {
                         {"models", std::to_string(facets.models.size())},
                         {"projects", std::to_string(facets.projects.size())}}));
     filling_ = false;
+    return lost;
 }
 
 void EventsPage::showPage() {
+    read_.request();
+}
+
+void EventsPage::showRead(CoalescedRead<Figures>::Result read) {
     const auto& t = text_;
-    ::kestrel::EventsPage page;
-    try {
-        page = eventsPage(host().session().store(), query(), LedgerSortOrder::descending, current_,
-                          pageSize_);
-    } catch (const std::exception& e) {
-        status_->setText(QString::fromStdString(e.what()));
+    if (!read) {
+        status_->setText(QString::fromStdString(read.error()));
         return;
     }
+    if (read->facets && refillFacets(*read->facets)) {
+        // A chosen agent, model or project is gone from the ledger: the page read with it is
+        // stale, and the first page under the widened filter follows.
+        filtersChanged();
+        return;
+    }
+    auto& page = read->page;
     next_ = page.next;
     const bool empty = page.entries.empty();
     model_->setEntries(std::move(page.entries), pageDisplay(host().session(), t));
@@ -335,8 +361,7 @@ void EventsPage::retranslate() {
                         t("column.cacheWrite"), t("column.output"), t("column.totalTokens"),
                         t("column.cost")});
     if (agent_->count() > 0) {
-        refillFacets();
-        showPage();
+        reload();  // the facets' texts (counts) and the rows' formats follow the language
     }
 }
 
@@ -376,14 +401,21 @@ void EventsPage::exportTo(const QString& path) {
     auto result = std::make_shared<std::expected<int64_t, ExportError>>(0);
     export_->setEnabled(false);
     status_->setText(text_("pages.events.exporting"));
+    exportProgress_->setRange(0, 0);  // until the first page tells the total
+    exportProgress_->show();
+    const auto progress = relayProgress(this, [this](int64_t done, int64_t total) {
+        exportProgress_->setRange(0, static_cast<int>(std::min<int64_t>(total, INT_MAX)));
+        exportProgress_->setValue(static_cast<int>(std::min<int64_t>(done, INT_MAX)));
+        emit exportProgressed(done, total);
+    });
     host().runInBackground(
-        [&session, result, format, query = query(), target = path.toStdString()] {
+        [&session, result, format, progress, query = query(), target = path.toStdString()] {
             auto file = CsvExport::begin(target);
             if (!file) {
                 *result = std::unexpected(file.error());
                 return;
             }
-            *result = file->write(session.store(), query, format);
+            *result = file->write(session.store(), query, format, progress);
         },
         [self = QPointer<EventsPage>(this), result, path] {
             if (!self) {
@@ -391,6 +423,7 @@ void EventsPage::exportTo(const QString& path) {
             }
             const auto& t = self->text_;
             self->export_->setEnabled(true);
+            self->exportProgress_->hide();
             const QString message =
                 *result ? t("pages.events.exported",
                             {{"count", std::to_string(**result)}, {"path", path.toStdString()}})

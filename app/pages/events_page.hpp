@@ -8,13 +8,16 @@
 #include <optional>
 #include <vector>
 
+#include "app/coalesced_read.hpp"
 #include "app/page.hpp"
 #include "core/app/display_choices.hpp"
+#include "core/app/events_page.hpp"
 #include "core/ledger/ledger_query.hpp"
 
 class QComboBox;
 class QLabel;
 class QLineEdit;
+class QProgressBar;
 class QPushButton;
 class QTableView;
 
@@ -79,9 +82,18 @@ class EventsPage : public Page {
 
   signals:
     void exportFinished(bool ok, const QString& message);
+    // Rows written of the rows in all, as the progress bar shows them (a few times a second).
+    void exportProgressed(qint64 done, qint64 total);
 
   private:
-    void refillFacets();
+    // One read of the ledger: a page of events, and the filter lists after a reload.
+    struct Figures {
+        ::kestrel::EventsPage page;
+        std::optional<LedgerFacets> facets;
+    };
+
+    void showRead(CoalescedRead<Figures>::Result read);
+    bool refillFacets(const LedgerFacets& facets);
     void showPage();
     void filtersChanged();
     void chooseExportFile();
@@ -101,6 +113,7 @@ class EventsPage : public Page {
     QPushButton* previous_ = nullptr;
     QPushButton* next_button_ = nullptr;
     QPushButton* export_ = nullptr;
+    QProgressBar* exportProgress_ = nullptr;
 
     int pageSize_ = 100;
     // The cursors the pages before this one started after (the first page starts after none).
@@ -108,6 +121,8 @@ class EventsPage : public Page {
     std::optional<LedgerCursor> current_;
     std::optional<LedgerCursor> next_;
     bool filling_ = false;  // combo boxes being refilled: their signals are not a user's choice
+    bool facetsWanted_ = true;  // the next read brings the filter lists too
+    CoalescedRead<Figures> read_;
 };
 
 }  // namespace kestrel::desktop

@@ -68,7 +68,17 @@ void fitHeight(QTableWidget* table) {
 }  // namespace
 
 OverviewPage::OverviewPage(PageHost& host, QWidget* parent)
-    : Page(host, parent), clock_([] { return epochNow(); }) {
+    : Page(host, parent),
+      clock_([] { return epochNow(); }),
+      read_(host, this,
+            [this] {
+                return [now = clock_()](UsageStore& store) {
+                    return Figures{usageOverview(store, LedgerQuery{}, Calendar::current(), now),
+                                   readStoredQuotas(store)};
+                };
+            },
+            [this](CoalescedRead<Figures>::Result read) { showRead(std::move(read)); },
+            ReadLane::glance) {
     build();
     retranslate();
 }
@@ -180,16 +190,20 @@ void OverviewPage::arrangeModules(const std::vector<ConsoleModuleKind>& order) {
 }
 
 void OverviewPage::reload() {
-    const double now = clock_();
-    try {
-        overview_ = usageOverview(host().session().store(), LedgerQuery{}, Calendar::current(), now);
-        loaded_ = true;
+    read_.request();
+}
+
+void OverviewPage::showRead(CoalescedRead<Figures>::Result read) {
+    if (read) {
+        overview_ = std::move(read->overview);
+        quotas_ = std::move(read->quotas);
         loadProblem_.clear();
-    } catch (const StoreError& e) {
+    } else {
         // Keep the last figures; a ledger held by a long write is read again with the next commit.
-        loadProblem_ = host().text()("desktop.overview.readFailed", {{"detail", e.what()}});
+        loadProblem_ = host().text()("desktop.overview.readFailed", {{"detail", read.error()}});
     }
     fill();
+    emit figuresShown();
 }
 
 void OverviewPage::retranslate() {
@@ -300,17 +314,9 @@ void OverviewPage::fill() {
         delete item->widget();
         delete item;
     }
-    std::vector<StoredQuota> quotas;
-    if (loaded_) {
-        try {
-            quotas = readStoredQuotas(host().session().store());
-        } catch (const StoreError&) {
-            // Shown without quota rows; the next reload reads them again.
-        }
-    }
     const double now = clock_();
     int shown = 0;
-    for (const auto& q : quotas) {
+    for (const auto& q : quotas_) {
         for (const auto& w : q.snapshot.windows) {
             if (!w.usedPercent) {
                 continue;

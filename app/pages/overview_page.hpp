@@ -9,7 +9,9 @@
 #include <QVBoxLayout>
 #include <array>
 
+#include "app/coalesced_read.hpp"
 #include "app/page.hpp"
+#include "app/tray/tray_figures.hpp"
 #include "app/widgets/heatmap_widget.hpp"
 #include "app/widgets/time_chart.hpp"
 #include "core/app/usage_overview.hpp"
@@ -31,10 +33,15 @@ class OverviewPage : public Page {
     void reload() override;
     void retranslate() override;
 
-    // What the page shows now (tests compare it with the command line's figures).
+    // What the page shows now (tests compare it with the command line's figures). reload()
+    // reads on the reading worker; the figures change when that read comes back.
     const UsageOverview& overview() const { return overview_; }
     // The clock the page reads at; tests pin it.
     void setClock(std::function<double()> clock) { clock_ = std::move(clock); }
+
+  signals:
+    // A read has come back and the page shows its figures.
+    void figuresShown();
 
   private:
     struct PeriodCard {
@@ -44,14 +51,22 @@ class OverviewPage : public Page {
         QLabel* events = nullptr;
     };
 
+    // What one read of the ledger gives the page.
+    struct Figures {
+        UsageOverview overview;
+        std::vector<StoredQuota> quotas;
+    };
+
     void build();
+    void showRead(CoalescedRead<Figures>::Result read);
     void fill();
     void arrangeModules(const std::vector<ConsoleModuleKind>& order);
     QGroupBox* module(ConsoleModuleKind kind) const;
 
     std::function<double()> clock_;
+    CoalescedRead<Figures> read_;
     UsageOverview overview_;
-    bool loaded_ = false;
+    std::vector<StoredQuota> quotas_;
     QString loadProblem_;
 
     QVBoxLayout* modules_ = nullptr;

@@ -16,7 +16,8 @@ std::vector<StoredQuota> readStoredQuotas(UsageStore& store) {
     return out;
 }
 
-TrayFigures readTrayFigures(UsageStore& store, const Calendar& calendar, double now) {
+TrayFigures readTrayFigures(UsageStore& store, const Calendar& calendar, double now,
+                            bool withMonth) {
     TrayFigures f;
     f.now = now;
     f.headline = ledgerHeadline(store, calendar, now);
@@ -25,6 +26,11 @@ TrayFigures readTrayFigures(UsageStore& store, const Calendar& calendar, double 
     today.to = calendar.addingDays(*today.from, 1);
     f.todayBySource = store.ledgerSummariesBySource(today);
     f.quotas = readStoredQuotas(store);
+    if (withMonth) {
+        LedgerQuery month;
+        month.from = calendar.startOfDay(calendar.dayKey(now).substr(0, 7) + "-01");
+        f.thisMonth = store.ledgerSummary(month);
+    }
     return f;
 }
 

@@ -3,6 +3,7 @@
 // sessions: the composer's inputs, and the lines of the tray menu.
 
 #include <map>
+#include <optional>
 #include <vector>
 
 #include "core/app/glance.hpp"
@@ -17,6 +18,8 @@ struct TrayFigures {
     LedgerHeadline headline;
     std::map<AgentSource, LedgerSummary> todayBySource;
     std::vector<StoredQuota> quotas;
+    // This month so far, for the monthly budget; read only when one is set.
+    std::optional<LedgerSummary> thisMonth;
     LiveView live;
 };
 
@@ -24,8 +27,10 @@ struct TrayFigures {
 // ("plan:<account>"). Throws StoreError.
 std::vector<StoredQuota> readStoredQuotas(UsageStore& store);
 
-// The ledger's part of the figures (today, 7 days, per agent today, quotas). Throws StoreError.
-TrayFigures readTrayFigures(UsageStore& store, const Calendar& calendar, double now);
+// The ledger's part of the figures (today, 7 days, per agent today, quotas, and this month when
+// `withMonth`). Throws StoreError.
+TrayFigures readTrayFigures(UsageStore& store, const Calendar& calendar, double now,
+                            bool withMonth = false);
 
 // The composer's inputs: today's cost and tokens, one entry per quota window with a figure, and
 // the agents with live sessions (waiting counted apart from working).

@@ -7,7 +7,14 @@
 #include <QTableWidget>
 #include <nlohmann/json.hpp>
 
+#include <QApplication>
+#include <QElapsedTimer>
+#include <mutex>
+#include <thread>
+
+#include "app/background_queue.hpp"
 #include "app/pages/accounts_page.hpp"
+#include "core/plans/key_store.hpp"
 #include "core/app/plan_service.hpp"
 #include "core/model/timestamp.hpp"
 #include "tests/ui/page_fixture.hpp"
@@ -176,6 +183,95 @@ TEST_F(AccountsPageTest, KeysAreStoredWithTheirFingerprintAndNeverShown) {
     EXPECT_TRUE(nlohmann::json::parse(kestrel({"keys", "list", "--json"}).out).at("keys").empty());
     page.removeKey("deepseek");
     EXPECT_EQ(messages.last()[0].toString(), "deepseek: no key stored.");
+}
+
+// Runs background work on a real worker thread, as the app does.
+class ThreadedHost : public TestHost {
+  public:
+    using TestHost::TestHost;
+    void runInBackground(std::function<void()> work, std::function<void()> done) override {
+        worker_.post([this, work = std::move(work), done = std::move(done)] {
+            work();
+            if (done) {
+                QMetaObject::invokeMethod(&context_, done, Qt::QueuedConnection);
+            }
+        });
+    }
+    void stop() { worker_.stop(); }
+
+  private:
+    QObject context_;
+    BackgroundQueue worker_{QStringLiteral("test-worker")};
+};
+
+// The file store, noting the thread of every call (and of its opening).
+class ThreadNotingKeyStore : public KeyStore {
+  public:
+    ThreadNotingKeyStore(std::unique_ptr<KeyStore> inner, std::function<void()> note)
+        : inner_(std::move(inner)), note_(std::move(note)) {}
+    std::string_view backend() const override { return inner_->backend(); }
+    std::expected<void, KeyStoreError> set(std::string_view n, std::string_view s) override {
+        note_();
+        return inner_->set(n, s);
+    }
+    std::expected<bool, KeyStoreError> remove(std::string_view n) override {
+        note_();
+        return inner_->remove(n);
+    }
+    std::expected<std::optional<std::string>, KeyStoreError> get(std::string_view n) override {
+        note_();
+        return inner_->get(n);
+    }
+    std::expected<std::vector<std::string>, KeyStoreError> names() override {
+        note_();
+        return inner_->names();
+    }
+
+  private:
+    std::unique_ptr<KeyStore> inner_;
+    std::function<void()> note_;
+};
+
+TEST_F(AccountsPageTest, TheKeyStoreIsOpenedAndUsedOffTheMainThreadOnly) {
+    std::mutex lock;
+    std::vector<std::thread::id> threads;
+    const auto note = [&] {
+        std::lock_guard guard(lock);
+        threads.push_back(std::this_thread::get_id());
+    };
+    ThreadedHost threaded(*session, AppLanguage::en);
+    {
+        AccountsPage page(threaded, nullptr,
+                          [&](const std::filesystem::path& dir, const EnvironmentLookup&) {
+                              note();
+                              return std::make_unique<ThreadNotingKeyStore>(makeFileKeyStore(dir), note);
+                          });
+        SignalLog messages(&page, &AccountsPage::keyMessage);
+        auto* table = page.findChild<QTableWidget*>("keys");
+        const auto waitForMessage = [&](qsizetype count) {
+            QElapsedTimer timer;
+            timer.start();
+            while (messages.size() < count && timer.elapsed() < 10'000) {
+                QApplication::processEvents(QEventLoop::AllEvents, 20);
+            }
+            return messages.size() >= count;
+        };
+
+        page.storeKey("deepseek", kTypedKey);
+        ASSERT_TRUE(waitForMessage(1));
+        EXPECT_TRUE(messages.last()[0].toString().contains("deepseek"));
+        EXPECT_EQ(table->rowCount(), 1);
+        page.removeKey("deepseek");
+        ASSERT_TRUE(waitForMessage(2));
+        EXPECT_EQ(table->rowCount(), 0);
+        threaded.stop();
+    }
+    std::lock_guard guard(lock);
+    // Opened, then set, listed (names, get), removed and listed again.
+    EXPECT_GE(threads.size(), 5u);
+    for (const auto& id : threads) {
+        EXPECT_NE(id, std::this_thread::get_id()) << "a key store call on the main thread";
+    }
 }
 
 TEST_F(AccountsPageTest, PicturesInBothLanguages) {

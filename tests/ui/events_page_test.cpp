@@ -170,12 +170,18 @@ TEST_F(EventsPageTest, ExportsTheFilteredEventsOrSaysWhyNot) {
     EventsPage page(*host);
     choose(page, "project", "beta");
     SignalLog finished(&page, &EventsPage::exportFinished);
+    SignalLog progress(&page, &EventsPage::exportProgressed);
 
     const auto target = support / "out.csv";
     page.exportTo(QString::fromStdString(target.string()));
     ASSERT_EQ(finished.count(), 1);
     EXPECT_TRUE(finished[0][0].toBool());
     EXPECT_EQ(host->backgroundRuns, 1);
+    // The progress crosses over as queued calls; the last one says every row is written.
+    QCoreApplication::processEvents();
+    ASSERT_FALSE(progress.isEmpty());
+    EXPECT_EQ(progress.last()[0].toLongLong(), 1);
+    EXPECT_EQ(progress.last()[1].toLongLong(), 1);
     std::ifstream in(target);
     std::string header, row, extra;
     ASSERT_TRUE(std::getline(in, header));

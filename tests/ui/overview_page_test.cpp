@@ -122,6 +122,7 @@ TEST_F(OverviewPageTest, ModulesFollowTheSettingsOrder) {
     app->session().updateSettings(settings);
     auto& page = overview(*app);
     page.reload();
+    ASSERT_TRUE(app->waitForReads());
     page.resize(900, 1200);
     page.show();
     page.grab();  // lays the page out at its size

@@ -55,6 +55,11 @@ class TestHost : public PageHost {
         work();
         done();
     }
+    void readLedger(QObject*, ReadLane, std::function<void(UsageStore&)> read,
+                    std::function<void()> done) override {
+        read(session_.store());
+        done();
+    }
     void requestRefresh() override { ++refreshes; }
 
     int backgroundRuns = 0;

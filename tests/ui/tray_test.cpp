@@ -156,6 +156,7 @@ TEST_F(TrayItemTest, QuotaReadingColoursTheIcon) {
     settings.menuBarElements = {MenuBarElement::quota};
     app->session().updateSettings(settings);
     app->reloadNow();
+    ASSERT_TRUE(app->waitForReads());
 
     ASSERT_EQ(app->menuBarText().tightestUsedPercent, 91);
     const QImage icon = app->tray().pixmap(22).toImage();

@@ -75,6 +75,7 @@ class AppFixture : public ::testing::Test {
             app->addPage(page);
         }
         app->reloadNow();
+        EXPECT_TRUE(app->waitForBackground());
         return app;
     }
 
