@@ -8,9 +8,7 @@
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/integrations/hook_installer.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -23,12 +21,8 @@ constexpr double kStaleAfterSeconds = 30 * 60;
 
 struct HooksSession {
     std::unique_ptr<AppSession> app;
-    AppLanguage language = AppLanguage::en;
+    Texts text;
     std::optional<HookInstaller> installer;
-
-    std::string text(std::string_view key, std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
 };
 
 std::filesystem::path resourceDirectory(const CommandContext& ctx) {
@@ -39,18 +33,14 @@ std::filesystem::path resourceDirectory(const CommandContext& ctx) {
 }
 
 std::expected<HooksSession, int> openHooks(CommandContext& ctx, const HooksOptions& options) {
-    const auto parsed = parseLanguageOption(ctx, options.language);
-    if (!parsed) {
-        return std::unexpected(kExitUsage);
+    auto opened = openTextSession(ctx, options.language);
+    if (!opened) {
+        return std::unexpected(opened.error());
     }
-    const std::optional<AppLanguage> asked = *parsed;
     HooksSession session;
-    session.app = openSession(ctx);
-    if (!session.app) {
-        return std::unexpected(kExitFailure);
-    }
+    session.app = std::move(opened->app);
+    session.text = opened->text;
     const auto settings = session.app->settings();
-    session.language = displayChoices(settings, asked).language;
     // Hooks report project names only when the ledger may keep them.
     session.installer.emplace(ctx.home, ctx.supportDir, settings.storeProject,
                               resourceDirectory(ctx), ctx.env);

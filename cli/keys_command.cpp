@@ -20,18 +20,10 @@ namespace {
 
 using ojson = nlohmann::ordered_json;
 
-struct Texts {
-    AppLanguage language = AppLanguage::en;
-    std::string operator()(std::string_view key,
-                           std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
-};
-
 Texts textsFor(CommandContext& ctx) {
     // The language is the only thing read from the ledger here; without one, English.
     if (auto session = openSession(ctx)) {
-        return Texts{displayChoices(session->settings(), std::nullopt).language};
+        return textsOf(*session);
     }
     return Texts{};
 }

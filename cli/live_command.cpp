@@ -15,10 +15,8 @@
 #include "cli/local_time.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/app/live_activity.hpp"
 #include "core/model/timestamp.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -27,28 +25,20 @@ using Json = nlohmann::ordered_json;
 
 struct LiveSession {
     std::unique_ptr<AppSession> app;
-    AppLanguage language = AppLanguage::en;
+    Texts text;
     bool projectsAllowed = false;
     std::unique_ptr<LiveActivity> live;  // holds a mutex: not movable itself
-
-    std::string text(std::string_view key, std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
 };
 
 std::expected<LiveSession, int> openLive(CommandContext& ctx, const LiveOptions& options) {
-    const auto parsed = parseLanguageOption(ctx, options.language);
-    if (!parsed) {
-        return std::unexpected(kExitUsage);
+    auto opened = openTextSession(ctx, options.language);
+    if (!opened) {
+        return std::unexpected(opened.error());
     }
-    const std::optional<AppLanguage> asked = *parsed;
     LiveSession s;
-    s.app = openSession(ctx);
-    if (!s.app) {
-        return std::unexpected(kExitFailure);
-    }
+    s.app = std::move(opened->app);
+    s.text = opened->text;
     const auto settings = s.app->settings();
-    s.language = displayChoices(settings, asked).language;
     s.projectsAllowed = settings.storeProject;
     s.live = std::make_unique<LiveActivity>(s.app->paths(), settings);
     return s;
