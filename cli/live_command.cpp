@@ -1,15 +1,11 @@
 #include "cli/live_command.hpp"
 
 #include <fmt/format.h>
-#include <pthread.h>
-#include <signal.h>
 
-#include <atomic>
 #include <expected>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <thread>
 
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
@@ -194,30 +190,8 @@ int runLiveCommand(CommandContext& ctx, const LiveOptions& options, bool json) {
     if (!options.follow) {
         return runLive(ctx, options, json);
     }
-    // The signals go to one waiting thread only: every thread started from here on (the
-    // watcher's among them) inherits the blocked mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigset_t previous;
-    pthread_sigmask(SIG_BLOCK, &signals, &previous);
-    std::stop_source stopper;
-    std::atomic<bool> finished{false};
-    std::thread waiter([&] {
-        const timespec tick{0, 100'000'000};
-        while (!finished) {
-            if (sigtimedwait(&signals, nullptr, &tick) > 0) {
-                stopper.request_stop();
-                return;
-            }
-        }
-    });
-    const int code = runLiveFollow(ctx, options, json, stopper.get_token());
-    finished = true;
-    waiter.join();
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return code;
+    return runUntilSignalled(
+        [&](std::stop_token stop) { return runLiveFollow(ctx, options, json, stop); });
 }
 
 }  // namespace kestrel::cli
