@@ -26,9 +26,6 @@ class KeyStore;
 
 namespace kestrel::desktop {
 
-// The providers a key can be stored for (the same names `kestrel keys set` takes).
-const std::vector<std::string>& apiKeyProviders();
-
 class AccountsPage : public Page {
     Q_OBJECT
 
