@@ -129,10 +129,10 @@ TEST(QuotaProbes, FailureStatusesMapToProbeErrors) {
 }
 
 TEST(QuotaProbes, RetryAfterAsAnHttpDate) {
-    EXPECT_EQ(QuotaHttp::parseRetryAfter("Thu, 01 Jan 1970 00:02:00 GMT", 60), 60.0);
-    EXPECT_EQ(QuotaHttp::parseRetryAfter("Thu, 01 Jan 1970 00:00:10 GMT", 60), 0.0);
-    EXPECT_FALSE(QuotaHttp::parseRetryAfter("soon", 0).has_value());
-    EXPECT_FALSE(QuotaHttp::parseRetryAfter("-5", 0).has_value());
+    EXPECT_EQ(HttpClient::parseRetryAfter("Thu, 01 Jan 1970 00:02:00 GMT", 60), 60.0);
+    EXPECT_EQ(HttpClient::parseRetryAfter("Thu, 01 Jan 1970 00:00:10 GMT", 60), 0.0);
+    EXPECT_FALSE(HttpClient::parseRetryAfter("soon", 0).has_value());
+    EXPECT_FALSE(HttpClient::parseRetryAfter("-5", 0).has_value());
 }
 
 TEST(QuotaProbes, ASlowAnswerPastTheTimeoutIsUnreachable) {
