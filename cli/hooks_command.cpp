@@ -23,6 +23,7 @@ struct HooksSession {
     std::unique_ptr<AppSession> app;
     Texts text;
     std::optional<HookInstaller> installer;
+    std::vector<HookAgent> agents;  // named on the command line (install and uninstall)
 };
 
 std::filesystem::path resourceDirectory(const CommandContext& ctx) {
@@ -81,6 +82,19 @@ std::optional<std::vector<HookAgent>> chosenAgents(CommandContext& ctx,
         out.push_back(*agent);
     }
     return out;
+}
+
+// The agents named (checked before the ledger is opened) and the session.
+std::expected<HooksSession, int> openHooksFor(CommandContext& ctx, const HooksOptions& options) {
+    auto agents = chosenAgents(ctx, options);
+    if (!agents) {
+        return std::unexpected(kExitUsage);
+    }
+    auto session = openHooks(ctx, options);
+    if (session) {
+        session->agents = std::move(*agents);
+    }
+    return session;
 }
 
 Json changeJSON(const HookChangeReport& report) {
@@ -230,11 +244,7 @@ int runHooksStatus(CommandContext& ctx, const HooksOptions& options, bool json) 
 }
 
 int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json) {
-    const auto agents = chosenAgents(ctx, options);
-    if (!agents) {
-        return kExitUsage;
-    }
-    auto session = openHooks(ctx, options);
+    auto session = openHooksFor(ctx, options);
     if (!session) {
         return session.error();
     }
@@ -248,7 +258,7 @@ int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json)
         skipped = std::move(outcome.skipped);
         failed = std::move(outcome.failed);
     } else {
-        for (auto agent : *agents) {
+        for (auto agent : session->agents) {
             if (!installer.cliPresent(agent) && !json) {
                 ctx.err << session->text(kCliMissingKey, {{"agent", agentName(agent)}}) << '\n';
             }
@@ -295,17 +305,13 @@ int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json)
 }
 
 int runHooksUninstall(CommandContext& ctx, const HooksOptions& options, bool json) {
-    const auto agents = chosenAgents(ctx, options);
-    if (!agents) {
-        return kExitUsage;
-    }
-    auto session = openHooks(ctx, options);
+    auto session = openHooksFor(ctx, options);
     if (!session) {
         return session.error();
     }
     Json out = {{"uninstalled", Json::array()}, {"failed", Json::array()}};
     bool anyFailed = false;
-    for (auto agent : *agents) {
+    for (auto agent : session->agents) {
         auto report = session->installer->uninstall(agent);
         if (!report) {
             anyFailed = true;
