@@ -89,19 +89,8 @@ int percentage(const Glance& g) {
 int runBar(CommandContext& ctx, const BarOptions& options) {
     GlanceRequest request;
     request.now = epochNow();
-    Glance g;
-    try {
-        g = readGlance(ctx.supportDir, request);
-    } catch (const std::exception& e) {
-        g = Glance{};
-        g.now = request.now;
-        g.ledgerProblem = e.what();
-    }
-    std::optional<AppLanguage> language;
-    if (options.language) {
-        language = fromRawValue<AppLanguage>(*options.language);
-    }
-    const DisplayChoices show = displayChoices(g.settings, language);
+    const Glance g = glanceOrProblem(ctx.supportDir, request);
+    const DisplayChoices show = glanceDisplay(g, options.language);
     const std::string level(
         rawValue(glanceLevel(g.tightest ? g.tightest->window.usedPercent : std::nullopt)));
 

@@ -3,7 +3,9 @@
 // and environment the readers use.
 
 #include <filesystem>
+#include <functional>
 #include <ostream>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -23,6 +25,11 @@ struct CommandContext {
     std::filesystem::path supportDir;  // where the ledger lives
     EnvironmentLookup env;
 };
+
+// Runs `run` with a token that is stopped by SIGINT or SIGTERM, and returns what it returns. Both
+// signals are blocked for the call's duration, so a thread `run` starts inherits the mask and a
+// single waiting thread takes them.
+int runUntilSignalled(const std::function<int(std::stop_token)>& run);
 
 // Draws "Reading Codex [####......] 12/340" on a terminal's error stream, rewritten in place, and
 // clears it when done; does nothing when the stream is not a terminal. Redraws only when the

@@ -10,41 +10,13 @@
 
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/app/fx_settings.hpp"
 #include "core/model/calendar.hpp"
 #include "core/model/timestamp.hpp"
-#include "core/presentation/messages.hpp"
 #include "core/pricing/fx_rate.hpp"
 
 namespace kestrel::cli {
 namespace {
-
-// The open session and the language the texts are in.
-struct FxSession {
-    std::unique_ptr<AppSession> app;
-    AppLanguage language = AppLanguage::en;  // resolved, never `system`
-
-    std::string text(std::string_view key, std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
-};
-
-// The language is checked before the ledger is opened, so a typo costs nothing.
-std::expected<FxSession, int> openFxSession(CommandContext& ctx, const std::string& language) {
-    const auto parsed = parseLanguageOption(ctx, language);
-    if (!parsed) {
-        return std::unexpected(kExitUsage);
-    }
-    const std::optional<AppLanguage> asked = *parsed;
-    FxSession session;
-    session.app = openSession(ctx);
-    if (!session.app) {
-        return std::unexpected(kExitFailure);
-    }
-    session.language = displayChoices(session.app->settings(), asked).language;
-    return session;
-}
 
 nlohmann::ordered_json rateJSON(const AppSettings& s) {
     auto optionalText = [](const std::optional<std::string>& value) {
@@ -62,8 +34,8 @@ std::string_view errorText(FxError error, AppLanguage language) {
 }
 
 // Stores the new rate with its date and provider, then reports it.
-int storeRate(CommandContext& ctx, FxSession& session, int64_t e4, std::optional<std::string> date,
-              std::optional<std::string> provider, bool json) {
+int storeRate(CommandContext& ctx, TextSession& session, int64_t e4,
+              std::optional<std::string> date, std::optional<std::string> provider, bool json) {
     FxRateChange change;
     try {
         change = storeFxRate(*session.app, e4, std::move(date), std::move(provider));
@@ -95,7 +67,7 @@ int storeRate(CommandContext& ctx, FxSession& session, int64_t e4, std::optional
 }  // namespace
 
 int runFxShow(CommandContext& ctx, const std::string& language, bool json) {
-    auto session = openFxSession(ctx, language);
+    auto session = openTextSession(ctx, language);
     if (!session) {
         return session.error();
     }
@@ -120,7 +92,7 @@ int runFxShow(CommandContext& ctx, const std::string& language, bool json) {
 }
 
 int runFxSet(CommandContext& ctx, const std::string& rate, const std::string& language, bool json) {
-    auto session = openFxSession(ctx, language);
+    auto session = openTextSession(ctx, language);
     if (!session) {
         return session.error();
     }
@@ -128,7 +100,7 @@ int runFxSet(CommandContext& ctx, const std::string& rate, const std::string& la
     if (!e4) {
         ctx.err << "kestrel: "
                 << (e4.error().kind == FxInputError::Kind::outOfRange
-                        ? std::string(errorText(FxError::outOfRange, session->language))
+                        ? std::string(errorText(FxError::outOfRange, session->text.language))
                         : session->text("fx.notANumber", {{"text", rate}}))
                 << '\n';
         return kExitUsage;
@@ -140,13 +112,13 @@ int runFxSet(CommandContext& ctx, const std::string& rate, const std::string& la
 
 int runFxFetch(CommandContext& ctx, const std::string& url, const std::string& language,
                bool json) {
-    auto session = openFxSession(ctx, language);
+    auto session = openTextSession(ctx, language);
     if (!session) {
         return session.error();
     }
     const auto quote = FxRate::fetchUSDToCNY(url.empty() ? FxRate::kDefaultURL : url);
     if (!quote) {
-        ctx.err << "kestrel: " << errorText(quote.error(), session->language) << '\n';
+        ctx.err << "kestrel: " << errorText(quote.error(), session->text.language) << '\n';
         return kExitPartial;
     }
     // A quote without a date is stored without one rather than with an empty text.

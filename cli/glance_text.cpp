@@ -10,6 +10,25 @@ namespace kestrel::cli {
 
 using ojson = nlohmann::ordered_json;
 
+Glance glanceOrProblem(const std::filesystem::path& supportDir, const GlanceRequest& request) {
+    try {
+        return readGlance(supportDir, request);
+    } catch (const std::exception& e) {
+        Glance g;
+        g.now = request.now;
+        g.ledgerProblem = e.what();
+        return g;
+    }
+}
+
+DisplayChoices glanceDisplay(const Glance& glance, const std::optional<std::string>& language) {
+    std::optional<AppLanguage> chosen;
+    if (language) {
+        chosen = fromRawValue<AppLanguage>(*language);
+    }
+    return displayChoices(glance.settings, chosen);
+}
+
 std::string windowName(const DisplayChoices& show, const QuotaWindow& window) {
     std::string name = show.text(std::string("glance.window.") + std::string(rawValue(window.kind)));
     if (window.scopeKey) {

@@ -2,16 +2,24 @@
 // The pieces of text and JSON that `kestrel statusline` and `kestrel bar` share: window names,
 // window texts with their reset countdowns, totals.
 
+#include <filesystem>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
-
-#include <nlohmann/json_fwd.hpp>
 
 #include "core/app/display_choices.hpp"
 #include "core/app/glance.hpp"
 #include "core/presentation/countdown_text.hpp"
 
 namespace kestrel::cli {
+
+// The glance for `request`. When not even part of one can be read, an empty glance that names the
+// problem: a status line or bar still prints what it can.
+Glance glanceOrProblem(const std::filesystem::path& supportDir, const GlanceRequest& request);
+
+// The glance's settings shown in --lang `language` when given (a name that is not a language
+// leaves the settings' choice).
+DisplayChoices glanceDisplay(const Glance& glance, const std::optional<std::string>& language);
 
 // "5h", "7d opus", "month": the window's short name, with its scope.
 std::string windowName(const DisplayChoices& show, const QuotaWindow& window);

@@ -8,9 +8,7 @@
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/integrations/hook_installer.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -23,12 +21,9 @@ constexpr double kStaleAfterSeconds = 30 * 60;
 
 struct HooksSession {
     std::unique_ptr<AppSession> app;
-    AppLanguage language = AppLanguage::en;
+    Texts text;
     std::optional<HookInstaller> installer;
-
-    std::string text(std::string_view key, std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
+    std::vector<HookAgent> agents;  // named on the command line (install and uninstall)
 };
 
 std::filesystem::path resourceDirectory(const CommandContext& ctx) {
@@ -39,18 +34,14 @@ std::filesystem::path resourceDirectory(const CommandContext& ctx) {
 }
 
 std::expected<HooksSession, int> openHooks(CommandContext& ctx, const HooksOptions& options) {
-    const auto parsed = parseLanguageOption(ctx, options.language);
-    if (!parsed) {
-        return std::unexpected(kExitUsage);
+    auto opened = openTextSession(ctx, options.language);
+    if (!opened) {
+        return std::unexpected(opened.error());
     }
-    const std::optional<AppLanguage> asked = *parsed;
     HooksSession session;
-    session.app = openSession(ctx);
-    if (!session.app) {
-        return std::unexpected(kExitFailure);
-    }
+    session.app = std::move(opened->app);
+    session.text = opened->text;
     const auto settings = session.app->settings();
-    session.language = displayChoices(settings, asked).language;
     // Hooks report project names only when the ledger may keep them.
     session.installer.emplace(ctx.home, ctx.supportDir, settings.storeProject,
                               resourceDirectory(ctx), ctx.env);
@@ -91,6 +82,19 @@ std::optional<std::vector<HookAgent>> chosenAgents(CommandContext& ctx,
         out.push_back(*agent);
     }
     return out;
+}
+
+// The agents named (checked before the ledger is opened) and the session.
+std::expected<HooksSession, int> openHooksFor(CommandContext& ctx, const HooksOptions& options) {
+    auto agents = chosenAgents(ctx, options);
+    if (!agents) {
+        return std::unexpected(kExitUsage);
+    }
+    auto session = openHooks(ctx, options);
+    if (session) {
+        session->agents = std::move(*agents);
+    }
+    return session;
 }
 
 Json changeJSON(const HookChangeReport& report) {
@@ -240,11 +244,7 @@ int runHooksStatus(CommandContext& ctx, const HooksOptions& options, bool json) 
 }
 
 int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json) {
-    const auto agents = chosenAgents(ctx, options);
-    if (!agents) {
-        return kExitUsage;
-    }
-    auto session = openHooks(ctx, options);
+    auto session = openHooksFor(ctx, options);
     if (!session) {
         return session.error();
     }
@@ -258,7 +258,7 @@ int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json)
         skipped = std::move(outcome.skipped);
         failed = std::move(outcome.failed);
     } else {
-        for (auto agent : *agents) {
+        for (auto agent : session->agents) {
             if (!installer.cliPresent(agent) && !json) {
                 ctx.err << session->text(kCliMissingKey, {{"agent", agentName(agent)}}) << '\n';
             }
@@ -305,17 +305,13 @@ int runHooksInstall(CommandContext& ctx, const HooksOptions& options, bool json)
 }
 
 int runHooksUninstall(CommandContext& ctx, const HooksOptions& options, bool json) {
-    const auto agents = chosenAgents(ctx, options);
-    if (!agents) {
-        return kExitUsage;
-    }
-    auto session = openHooks(ctx, options);
+    auto session = openHooksFor(ctx, options);
     if (!session) {
         return session.error();
     }
     Json out = {{"uninstalled", Json::array()}, {"failed", Json::array()}};
     bool anyFailed = false;
-    for (auto agent : *agents) {
+    for (auto agent : session->agents) {
         auto report = session->installer->uninstall(agent);
         if (!report) {
             anyFailed = true;

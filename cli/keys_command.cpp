@@ -10,28 +10,19 @@
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/app/display_choices.hpp"
+#include "core/plans/key_providers.hpp"
 #include "core/plans/key_store.hpp"
 #include "core/plans/plan_salt.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
 
 using ojson = nlohmann::ordered_json;
 
-struct Texts {
-    AppLanguage language = AppLanguage::en;
-    std::string operator()(std::string_view key,
-                           std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
-};
-
 Texts textsFor(CommandContext& ctx) {
     // The language is the only thing read from the ledger here; without one, English.
     if (auto session = openSession(ctx)) {
-        return Texts{displayChoices(session->settings(), std::nullopt).language};
+        return textsOf(*session);
     }
     return Texts{};
 }
@@ -75,17 +66,12 @@ std::string readPiped(std::istream& in) {
 }
 
 bool known(CommandContext& ctx, const Texts& t, const std::string& provider) {
-    const auto& all = keyProviders();
-    if (std::ranges::find(all, provider) != all.end()) {
+    if (isKeyProvider(provider)) {
         return true;
-    }
-    std::string accepted;
-    for (const auto& p : all) {
-        accepted += (accepted.empty() ? "" : ", ") + p;
     }
     ctx.err << "kestrel: "
             << t("keys.unknownProvider",
-                 {{"provider", provider.substr(0, 40)}, {"accepted", accepted}})
+                 {{"provider", provider.substr(0, 40)}, {"accepted", keyProviderNames()}})
             << "\n";
     return false;
 }
@@ -100,12 +86,6 @@ std::optional<std::string> salt(CommandContext& ctx) {
 }
 
 }  // namespace
-
-const std::vector<std::string>& keyProviders() {
-    static const std::vector<std::string> providers{"deepseek",   "openrouter", "glm-cn",
-                                                    "glm-global", "minimax-cn", "minimax-global"};
-    return providers;
-}
 
 int runKeysSet(CommandContext& ctx, const std::string& provider, std::istream& in,
                bool inIsTerminal, bool json) {

@@ -10,9 +10,6 @@
 
 namespace kestrel::cli {
 
-// The names `keys set` accepts: one per API-key probe.
-const std::vector<std::string>& keyProviders();
-
 // `inIsTerminal`: `in` is the user's terminal, so the key is asked for with echo off.
 int runKeysSet(CommandContext& ctx, const std::string& provider, std::istream& in,
                bool inIsTerminal, bool json);

@@ -1,24 +1,18 @@
 #include "cli/live_command.hpp"
 
 #include <fmt/format.h>
-#include <pthread.h>
-#include <signal.h>
 
-#include <atomic>
 #include <expected>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <thread>
 
 #include "cli/cli.hpp"
 #include "cli/local_time.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/app/live_activity.hpp"
 #include "core/model/timestamp.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
@@ -27,28 +21,20 @@ using Json = nlohmann::ordered_json;
 
 struct LiveSession {
     std::unique_ptr<AppSession> app;
-    AppLanguage language = AppLanguage::en;
+    Texts text;
     bool projectsAllowed = false;
     std::unique_ptr<LiveActivity> live;  // holds a mutex: not movable itself
-
-    std::string text(std::string_view key, std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
 };
 
 std::expected<LiveSession, int> openLive(CommandContext& ctx, const LiveOptions& options) {
-    const auto parsed = parseLanguageOption(ctx, options.language);
-    if (!parsed) {
-        return std::unexpected(kExitUsage);
+    auto opened = openTextSession(ctx, options.language);
+    if (!opened) {
+        return std::unexpected(opened.error());
     }
-    const std::optional<AppLanguage> asked = *parsed;
     LiveSession s;
-    s.app = openSession(ctx);
-    if (!s.app) {
-        return std::unexpected(kExitFailure);
-    }
+    s.app = std::move(opened->app);
+    s.text = opened->text;
     const auto settings = s.app->settings();
-    s.language = displayChoices(settings, asked).language;
     s.projectsAllowed = settings.storeProject;
     s.live = std::make_unique<LiveActivity>(s.app->paths(), settings);
     return s;
@@ -204,30 +190,8 @@ int runLiveCommand(CommandContext& ctx, const LiveOptions& options, bool json) {
     if (!options.follow) {
         return runLive(ctx, options, json);
     }
-    // The signals go to one waiting thread only: every thread started from here on (the
-    // watcher's among them) inherits the blocked mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigset_t previous;
-    pthread_sigmask(SIG_BLOCK, &signals, &previous);
-    std::stop_source stopper;
-    std::atomic<bool> finished{false};
-    std::thread waiter([&] {
-        const timespec tick{0, 100'000'000};
-        while (!finished) {
-            if (sigtimedwait(&signals, nullptr, &tick) > 0) {
-                stopper.request_stop();
-                return;
-            }
-        }
-    });
-    const int code = runLiveFollow(ctx, options, json, stopper.get_token());
-    finished = true;
-    waiter.join();
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return code;
+    return runUntilSignalled(
+        [&](std::stop_token stop) { return runLiveFollow(ctx, options, json, stop); });
 }
 
 }  // namespace kestrel::cli

@@ -5,24 +5,14 @@
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/app/plan_service.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/plans/key_store.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
 
 using ojson = nlohmann::ordered_json;
-
-struct Texts {
-    AppLanguage language = AppLanguage::en;
-    std::string operator()(std::string_view key,
-                           std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
-};
 
 struct PlansSession {
     std::unique_ptr<AppSession> app;
@@ -32,17 +22,13 @@ struct PlansSession {
 };
 
 std::optional<PlansSession> openPlans(CommandContext& ctx, const PlansOptions& options) {
-    const auto parsed = parseLanguageOption(ctx, options.language);
-    if (!parsed) {
+    auto opened = openTextSession(ctx, options.language);
+    if (!opened) {
         return std::nullopt;
     }
-    const std::optional<AppLanguage> asked = *parsed;
     PlansSession s;
-    s.app = openSession(ctx);
-    if (!s.app) {
-        return std::nullopt;
-    }
-    s.t = Texts{displayChoices(s.app->settings(), asked).language};
+    s.app = std::move(opened->app);
+    s.t = opened->text;
     s.keys = openKeyStore(ctx.supportDir, ctx.env);
     s.options.keys = s.keys.get();
     s.options.timeout = options.timeout;

@@ -7,26 +7,16 @@
 
 #include "cli/cli.hpp"
 #include "cli/session_access.hpp"
-#include "core/app/display_choices.hpp"
 #include "core/app/integration_status.hpp"
 #include "core/app/quota_service.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/plans/key_store.hpp"
 #include "core/plans/quota_state_store.hpp"
-#include "core/presentation/messages.hpp"
 
 namespace kestrel::cli {
 namespace {
 
 using ojson = nlohmann::ordered_json;
-
-struct Texts {
-    AppLanguage language = AppLanguage::en;
-    std::string operator()(std::string_view key,
-                           std::initializer_list<MessageArg> args = {}) const {
-        return Messages::bundled().text(key, language, args);
-    }
-};
 
 std::string_view kindKey(QuotaWindowKind kind) {
     switch (kind) {
@@ -234,7 +224,7 @@ int runQuota(CommandContext& ctx, const QuotaOptions& options) {
     if (!session) {
         return kExitFailure;
     }
-    const Texts t{displayChoices(session->settings(), std::nullopt).language};
+    const Texts t = textsOf(*session);
     QuotaRefresher refresher;
     TokenCache tokens;
     // Only a refresh reads keys; a listing leaves the Secret Service alone.
@@ -309,7 +299,7 @@ int runIntegrationsQuota(CommandContext& ctx, const std::string& source, bool on
     if (!session) {
         return kExitFailure;
     }
-    const Texts t{displayChoices(session->settings(), std::nullopt).language};
+    const Texts t = textsOf(*session);
     const auto result = setQuotaCapability(*session, **plugin, on);
     if (!result) {
         if (result.error() == QuotaSwitchError::notSupported) {

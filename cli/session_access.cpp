@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include "cli/cli.hpp"
 #include "cli/text_table.hpp"
+#include "core/app/display_choices.hpp"
 #include "core/app/usage_overview.hpp"
 #include "core/model/app_language.hpp"
 #include "core/model/enum_cases.hpp"
@@ -49,6 +51,24 @@ std::optional<std::optional<AppLanguage>> parseLanguageOption(CommandContext& ct
         return std::nullopt;
     }
     return std::optional<AppLanguage>{language};
+}
+
+Texts textsOf(const AppSession& session) {
+    return Texts{displayChoices(session.settings(), std::nullopt).language};
+}
+
+std::expected<TextSession, int> openTextSession(CommandContext& ctx, const std::string& language) {
+    const auto parsed = parseLanguageOption(ctx, language);
+    if (!parsed) {
+        return std::unexpected(kExitUsage);
+    }
+    TextSession session;
+    session.app = openSession(ctx);
+    if (!session.app) {
+        return std::unexpected(kExitFailure);
+    }
+    session.text = Texts{displayChoices(session.app->settings(), *parsed).language};
+    return session;
 }
 
 std::optional<std::optional<std::set<AgentSource>>> parseSources(

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/command_context.hpp"
+#include "cli/texts.hpp"
 #include "core/app/app_session.hpp"
 #include "core/app/usage_scan.hpp"
 
@@ -37,6 +38,20 @@ std::optional<std::optional<std::set<AgentSource>>> parseSources(
 // (outer) for a name that is not en or zh-Hans.
 std::optional<std::optional<AppLanguage>> parseLanguageOption(CommandContext& ctx,
                                                               const std::string& name);
+
+// The settings' language, for commands without --lang.
+Texts textsOf(const AppSession& session);
+
+// An open session and the texts of the language a command prints in.
+struct TextSession {
+    std::unique_ptr<AppSession> app;
+    Texts text;
+};
+
+// Checks --lang `language` (before the ledger is opened, so a typo costs nothing), opens the
+// session and resolves the language against its settings. On failure, after one line naming the
+// cause, the exit status: usage for an unknown language, failure for a ledger that cannot open.
+std::expected<TextSession, int> openTextSession(CommandContext& ctx, const std::string& language);
 
 // "claude, codex, ...": the sources' raw values, for messages that list what is accepted.
 std::string sourceNames(std::span<const AgentSource> sources);

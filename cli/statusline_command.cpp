@@ -150,21 +150,9 @@ int runStatusline(CommandContext& ctx, const StatuslineOptions& options, std::is
     request.now = epochNow();
     request.sessionKey = input.sessionID;
     request.preferSource = AgentSource::claude;
-    Glance g;
-    try {
-        g = readGlance(ctx.supportDir, request);
-    } catch (const std::exception& e) {
-        // Not even a partial answer came back: the model alone is still a line.
-        g = Glance{};
-        g.now = request.now;
-        g.ledgerProblem = e.what();
-    }
-
-    std::optional<AppLanguage> language;
-    if (options.language) {
-        language = fromRawValue<AppLanguage>(*options.language);
-    }
-    const DisplayChoices show = displayChoices(g.settings, language);
+    // Without even part of a glance, the model alone is still a line.
+    const Glance g = glanceOrProblem(ctx.supportDir, request);
+    const DisplayChoices show = glanceDisplay(g, options.language);
     if (options.json) {
         ctx.out << document(show, input, g).dump() << '\n';
     } else {

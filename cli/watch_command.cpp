@@ -1,16 +1,12 @@
 #include "cli/watch_command.hpp"
 
 #include <fmt/format.h>
-#include <pthread.h>
-#include <signal.h>
 
-#include <atomic>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "cli/cli.hpp"
-#include "cli/session_access.hpp"
 #include "cli/local_time.hpp"
+#include "cli/session_access.hpp"
 #include "cli/text_table.hpp"
 #include "core/app/usage_watch.hpp"
 #include "core/model/timestamp.hpp"
@@ -34,7 +30,8 @@ void printCommit(CommandContext& ctx, const CommitNotice& c, bool json) {
     }
     ctx.out << fmt::format("{}  {}  +{}  today {}{}", formatLocal(c.at, "%H:%M:%S"),
                            displayName(c.source), counted(c.eventsAdded, "event", "events"),
-                           todaysCost(c.todayCostUSDMicros), c.quotaSaved ? "  (quota updated)" : "")
+                           todaysCost(c.todayCostUSDMicros),
+                           c.quotaSaved ? "  (quota updated)" : "")
             << std::endl;
 }
 
@@ -97,31 +94,8 @@ int runWatch(CommandContext& ctx, const WatchOptions& options, bool json, std::s
 }
 
 int runWatchUntilSignalled(CommandContext& ctx, const WatchOptions& options, bool json) {
-    // The signals go to one waiting thread only: every thread started from here on (the
-    // watcher's among them) inherits the blocked mask.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigset_t previous;
-    pthread_sigmask(SIG_BLOCK, &signals, &previous);
-
-    std::stop_source stopper;
-    std::atomic<bool> finished{false};
-    std::thread waiter([&] {
-        const timespec tick{0, 100'000'000};
-        while (!finished) {
-            if (sigtimedwait(&signals, nullptr, &tick) > 0) {
-                stopper.request_stop();
-                return;
-            }
-        }
-    });
-    const int code = runWatch(ctx, options, json, stopper.get_token());
-    finished = true;
-    waiter.join();
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-    return code;
+    return runUntilSignalled(
+        [&](std::stop_token stop) { return runWatch(ctx, options, json, stop); });
 }
 
 }  // namespace kestrel::cli

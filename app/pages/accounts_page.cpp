@@ -19,17 +19,12 @@
 
 #include "app/pages/page_format.hpp"
 #include "app/ui_text.hpp"
+#include "core/plans/key_providers.hpp"
 #include "core/plans/key_store.hpp"
 #include "core/plans/plan_salt.hpp"
 #include "core/plans/probe_error.hpp"
 
 namespace kestrel::desktop {
-
-const std::vector<std::string>& apiKeyProviders() {
-    static const std::vector<std::string> providers{"deepseek",   "openrouter", "glm-cn",
-                                                    "glm-global", "minimax-cn", "minimax-global"};
-    return providers;
-}
 
 namespace {
 
@@ -149,7 +144,7 @@ AccountsPage::AccountsPage(PageHost& host, QWidget* parent, KeyStoreOpener openK
     auto* keysLayout = new QVBoxLayout(keysBox_);
     provider_ = new QComboBox;
     provider_->setObjectName(QStringLiteral("provider"));
-    for (const auto& name : apiKeyProviders()) {
+    for (const auto& name : keyProviders()) {
         provider_->addItem(QString::fromStdString(name));
     }
     secret_ = new QLineEdit;
@@ -613,14 +608,9 @@ void AccountsPage::storeKey(const QString& provider, const QString& secret) {
         setKeyStatus(text_("keys.empty"));
         return;
     }
-    if (std::find(apiKeyProviders().begin(), apiKeyProviders().end(), name) ==
-        apiKeyProviders().end()) {
-        std::string accepted;
-        for (const auto& p : apiKeyProviders()) {
-            accepted += (accepted.empty() ? "" : ", ") + p;
-        }
+    if (!isKeyProvider(name)) {
         setKeyStatus(text_("keys.unknownProvider",
-                           {{"provider", name.substr(0, 40)}, {"accepted", accepted}}));
+                           {{"provider", name.substr(0, 40)}, {"accepted", keyProviderNames()}}));
         return;
     }
     // The key travels to the worker and is wiped there once stored; only its fingerprint and

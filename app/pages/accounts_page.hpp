@@ -30,9 +30,6 @@ class KeyStore;
 
 namespace kestrel::desktop {
 
-// The providers a key can be stored for (the same names `kestrel keys set` takes).
-const std::vector<std::string>& apiKeyProviders();
-
 // Opens the key store; called once, on a worker (the Secret Service answers over D-Bus).
 using KeyStoreOpener =
     std::function<std::unique_ptr<KeyStore>(const std::filesystem::path&, const EnvironmentLookup&)>;

@@ -86,15 +86,23 @@ std::vector<AgentSource> integrationSources() {
     return out;
 }
 
+std::optional<IntegrationInstance> reconciledInstance(AppSession& session,
+                                                      const IntegrationPlugin& plugin, double now) {
+    const auto& paths = session.paths();
+    const auto instances =
+        session.integrations().reconcileInstallations(paths.home, now, paths.env);
+    const auto found =
+        std::ranges::find(instances, plugin.descriptor.id, &IntegrationInstance::pluginID);
+    return found == instances.end() ? std::nullopt : std::optional(*found);
+}
+
 std::expected<IntegrationSwitch, IntegrationSwitchError> setIntegrationEnabled(
     AppSession& session, const IntegrationPlugin& plugin, bool enabled) {
     const auto& paths = session.paths();
     auto& coordinator = session.integrations();
     const double now = epochNow();
-    const auto instances = coordinator.reconcileInstallations(paths.home, now, paths.env);
-    const auto current =
-        std::ranges::find(instances, plugin.descriptor.id, &IntegrationInstance::pluginID);
-    if (current == instances.end()) {
+    const auto current = reconciledInstance(session, plugin, now);
+    if (!current) {
         return std::unexpected(IntegrationSwitchError{IntegrationSwitchError::Kind::noInstance, {}});
     }
     IntegrationSwitch out;

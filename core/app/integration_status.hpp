@@ -67,6 +67,11 @@ struct IntegrationSwitchError {
     std::string instanceID;
 };
 
+// The plug-in's instance once the installations are reconciled at `now` (which makes one for every
+// plug-in); absent when there is none all the same.
+std::optional<IntegrationInstance> reconciledInstance(AppSession& session,
+                                                      const IntegrationPlugin& plugin, double now);
+
 // Switches the agent's integration on or off (its usage in the ledger stays either way).
 std::expected<IntegrationSwitch, IntegrationSwitchError> setIntegrationEnabled(
     AppSession& session, const IntegrationPlugin& plugin, bool enabled);

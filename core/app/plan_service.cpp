@@ -83,8 +83,7 @@ PlanReviewState reviewState(UsageStore& store, const std::string& salt) {
     return state;
 }
 
-std::expected<PlanReviewState, std::string> discover(AppSession& session,
-                                                     const PlanDiscoveryInputs& inputs) {
+PlanReviewState discover(AppSession& session, const PlanDiscoveryInputs& inputs) {
     const double now = epochNow();
     auto found = PlanDiscovery::candidates(PlanDiscovery::findAll(inputs), inputs.salt, now);
     // Two places may name the same entry (a switcher row mirrored in the tool's settings); one
@@ -95,6 +94,22 @@ std::expected<PlanReviewState, std::string> discover(AppSession& session,
                 found.end());
     PlanCandidateStore::upsertPlanDiscoveryCandidates(session.store(), found, now);
     return reviewState(session.store(), inputs.salt);
+}
+
+// The inputs and a fresh review: what showing, choosing and committing start from.
+struct Reviewed {
+    PlanDiscoveryInputs inputs;
+    PlanReviewState state;
+};
+
+std::expected<Reviewed, std::string> reviewed(AppSession& session,
+                                              const PlanServiceOptions& options) {
+    auto inputs = inputsFor(session, options);
+    if (!inputs) {
+        return std::unexpected(inputs.error());
+    }
+    auto state = discover(session, *inputs);
+    return Reviewed{std::move(*inputs), std::move(state)};
 }
 
 std::optional<IntegrationInstanceID> instanceFor(AppSession& session, AgentSource tool) {
@@ -120,24 +135,21 @@ bool stillValid(const PlanCandidateRecord& c) {
 
 std::expected<PlanReviewState, std::string> discoverPlans(AppSession& session,
                                                           const PlanServiceOptions& options) {
-    auto inputs = inputsFor(session, options);
-    if (!inputs) {
-        return std::unexpected(inputs.error());
+    auto review = reviewed(session, options);
+    if (!review) {
+        return std::unexpected(review.error());
     }
-    return discover(session, *inputs);
+    return std::move(review->state);
 }
 
 std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
     AppSession& session, const std::vector<std::string>& candidateIDs, bool keep,
     const PlanServiceOptions& options) {
-    auto inputs = inputsFor(session, options);
-    if (!inputs) {
-        return std::unexpected(inputs.error());
+    const auto review = reviewed(session, options);
+    if (!review) {
+        return std::unexpected(review.error());
     }
-    auto state = discover(session, *inputs);
-    if (!state) {
-        return std::unexpected(state.error());
-    }
+    const auto& [inputs, state] = *review;
     auto& store = session.store();
     Draft draft = loadDraft(store);
     std::vector<PlanChoiceOutcome> out;
@@ -151,9 +163,9 @@ std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
     for (const auto& id : candidateIDs) {
         PlanChoiceOutcome outcome;
         outcome.candidateID = id;
-        const auto row = std::ranges::find(state->rows, id,
+        const auto row = std::ranges::find(state.rows, id,
                                            [](const PlanReviewRow& r) { return r.candidate.id; });
-        if (row == state->rows.end()) {
+        if (row == state.rows.end()) {
             out.push_back(std::move(outcome));
             continue;
         }
@@ -166,7 +178,7 @@ std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
                 out.push_back(std::move(outcome));
                 continue;
             }
-            auto result = PlanReview::validate(candidate, *inputs, context, epochNow(), &tokens);
+            auto result = PlanReview::validate(candidate, inputs, context, epochNow(), &tokens);
             validatedSignIn = validatedSignIn || candidate.family == PlanDiscovery::kOAuthFamily;
             PlanCandidateStore::recordPlanValidation(
                 store, candidate.id, result.revision, std::string(rawValue(result.state)),
@@ -194,18 +206,15 @@ std::expected<std::vector<PlanChoiceOutcome>, std::string> choosePlans(
 
 std::expected<PlanCommitOutcome, std::string> commitPlans(AppSession& session,
                                                           const PlanServiceOptions& options) {
-    auto inputs = inputsFor(session, options);
-    if (!inputs) {
-        return std::unexpected(inputs.error());
+    const auto review = reviewed(session, options);
+    if (!review) {
+        return std::unexpected(review.error());
     }
-    auto state = discover(session, *inputs);
-    if (!state) {
-        return std::unexpected(state.error());
-    }
+    const auto& [inputs, state] = *review;
     auto& store = session.store();
     const Draft draft = loadDraft(store);
     PlanCommitOutcome outcome;
-    for (const auto& row : state->rows) {
+    for (const auto& row : state.rows) {
         if (!draft.contains(row.candidate.id)) {
             outcome.refusal =
                 PlanReviewMessage{std::string(PlanReview::kUndecided), row.candidate.id};
@@ -230,10 +239,10 @@ std::expected<PlanCommitOutcome, std::string> commitPlans(AppSession& session,
         if (choice.keep) {
             if (const auto stored = PlanCandidateStore::planDiscoveryCandidate(store, id)) {
                 if (stored->credentialLocator) {
-                    const auto now = PlanDiscovery::resolve(*stored->credentialLocator, *inputs);
+                    const auto now = PlanDiscovery::resolve(*stored->credentialLocator, inputs);
                     if (now.secret) {
                         decision.currentFingerprint =
-                            credentialFingerprint(inputs->salt, *now.secret);
+                            credentialFingerprint(inputs.salt, *now.secret);
                     }
                 }
                 if (const auto tool = agentSourceNamed(stored->toolID)) {
@@ -261,10 +270,9 @@ std::expected<PlanCommitOutcome, std::string> commitPlans(AppSession& session,
             // changed is dropped (that candidate is decided again), so the next commit can pass.
             Draft kept = draft;
             std::erase_if(kept, [&](const auto& entry) {
-                const auto row =
-                    std::ranges::find(state->rows, entry.first,
-                                      [](const PlanReviewRow& r) { return r.candidate.id; });
-                return row == state->rows.end() || row->candidate.revision != entry.second.revision;
+                const auto row = std::ranges::find(
+                    state.rows, entry.first, [](const PlanReviewRow& r) { return r.candidate.id; });
+                return row == state.rows.end() || row->candidate.revision != entry.second.revision;
             });
             saveDraft(store, kept);
             return outcome;

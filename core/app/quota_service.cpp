@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "core/app/integration_status.hpp"
 #include "core/ledger/plan_candidate_store.hpp"
 #include "core/model/timestamp.hpp"
 #include "core/plans/key_store.hpp"
@@ -215,13 +216,10 @@ std::expected<QuotaSwitch, QuotaSwitchError> setQuotaCapability(AppSession& sess
     if (!plugin.descriptor.capabilities().contains(IntegrationCapability::quota)) {
         return std::unexpected(QuotaSwitchError::notSupported);
     }
-    const auto& paths = session.paths();
     auto& coordinator = session.integrations();
     const double now = epochNow();
-    const auto instances = coordinator.reconcileInstallations(paths.home, now, paths.env);
-    const auto current =
-        std::ranges::find(instances, plugin.descriptor.id, &IntegrationInstance::pluginID);
-    if (current == instances.end()) {
+    const auto current = reconciledInstance(session, plugin, now);
+    if (!current) {
         return std::unexpected(QuotaSwitchError::noInstance);
     }
     IntegrationInstance instance = *current;

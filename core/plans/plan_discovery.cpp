@@ -6,8 +6,10 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <expected>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <span>
 
 #include "core/plans/crypto_internals.hpp"
 #include "core/plans/endpoint_classifier.hpp"
@@ -118,18 +120,43 @@ std::string stringAt(const json& doc, std::string_view pointer) {
     }
 }
 
-// Fills resolution, fingerprint and the key's coding-plan mark from the key's value.
-void takeKey(PlanFinding& finding, const std::optional<std::string>& secret,
-             std::string_view salt) {
-    if (!secret || secret->empty()) {
-        finding.resolution = CredentialResolution::missing;
-    } else if (isPlaceholder(*secret)) {
-        finding.resolution = CredentialResolution::placeholder;
+// A key's value as found: missing when empty, placeholder for a template value.
+ResolvedCredential credentialFrom(std::optional<std::string> value) {
+    ResolvedCredential out;
+    if (!value || value->empty()) {
+        out.resolution = CredentialResolution::missing;
+    } else if (isPlaceholder(*value)) {
+        out.resolution = CredentialResolution::placeholder;
     } else {
-        finding.resolution = CredentialResolution::available;
-        finding.fingerprint = credentialFingerprint(salt, *secret);
-        finding.codingPlanKey = secret->starts_with("sk-cp-");
+        out.resolution = CredentialResolution::available;
+        out.secret = std::move(value);
     }
+    return out;
+}
+
+// Fills resolution, fingerprint and the key's coding-plan mark from the key's value.
+void takeKey(PlanFinding& finding, std::optional<std::string> secret, std::string_view salt) {
+    const auto key = credentialFrom(std::move(secret));
+    finding.resolution = key.resolution;
+    if (key.secret) {
+        finding.fingerprint = credentialFingerprint(salt, *key.secret);
+        finding.codingPlanKey = key.secret->starts_with("sk-cp-");
+    }
+}
+
+// Points `finding` at the first of `names` that `lookUp` has a value for, and takes that key;
+// without any, the key is missing.
+template <typename LookUp>
+void takeFirstKey(PlanFinding& finding, std::span<const std::string_view> names,
+                  std::string_view locatorPrefix, std::string_view salt, const LookUp& lookUp) {
+    for (const auto name : names) {
+        if (std::optional<std::string> value = lookUp(name)) {
+            finding.locator = std::string(locatorPrefix) + std::string(name);
+            takeKey(finding, std::move(value), salt);
+            return;
+        }
+    }
+    takeKey(finding, std::nullopt, salt);
 }
 
 std::optional<std::string> envValue(const PlanDiscoveryInputs& inputs, std::string_view name) {
@@ -152,15 +179,14 @@ std::optional<PlanFinding> fromEnvObject(const json& env, std::string_view point
     }
     PlanFinding finding;
     finding.baseURL = env.at(base).get<std::string>();
-    for (const auto keyName : kAnthropicKeys) {
-        const std::string name(keyName);
-        if (env.contains(name) && env.at(name).is_string()) {
-            finding.locator = std::string(pointerPrefix) + name;
-            takeKey(finding, env.at(name).get<std::string>(), salt);
-            return finding;
-        }
-    }
-    takeKey(finding, std::nullopt, salt);
+    takeFirstKey(finding, kAnthropicKeys, pointerPrefix, salt,
+                 [&](std::string_view keyName) -> std::optional<std::string> {
+                     const std::string name(keyName);
+                     if (env.contains(name) && env.at(name).is_string()) {
+                         return env.at(name).get<std::string>();
+                     }
+                     return std::nullopt;
+                 });
     return finding;
 }
 
@@ -275,16 +301,12 @@ std::string joined(std::initializer_list<std::string_view> parts) {
     return out;
 }
 
-// A sign-in's candidate: its account is the agent's subscription, probed with the agent's own
-// sign-in; its revision changes with the sign-in (another account signed in), not with tokens.
-std::optional<PlanCandidateRecord> signInCandidate(const PlanFinding& finding,
-                                                   std::string_view salt, double now) {
-    if (!finding.fingerprint || !finding.locator) {
-        return std::nullopt;
-    }
+// What every candidate takes from its finding: where it was found, its key, its id.
+PlanCandidateRecord candidateOf(const PlanFinding& finding, std::string family, std::string region,
+                                std::string_view salt, double now) {
     PlanCandidateRecord c;
-    c.family = std::string(kOAuthFamily);
-    c.region = "global";
+    c.family = std::move(family);
+    c.region = std::move(region);
     c.toolID = std::string(rawValue(finding.tool));
     c.bindingKey = c.toolID + "|" + finding.sourceEntryID;
     c.id = "pc-" + saltedDigest(salt, joined({c.bindingKey, c.family, c.region}));
@@ -295,12 +317,23 @@ std::optional<PlanCandidateRecord> signInCandidate(const PlanFinding& finding,
     c.credentialLocator = finding.locator;
     c.credentialFingerprint = finding.fingerprint;
     c.credentialResolution = std::string(rawValue(finding.resolution));
-    c.revision = saltedDigest(
-        salt, joined({*finding.locator, *finding.fingerprint, c.credentialResolution}));
-    c.proposedAccountID = "oauth-" + c.toolID + "-" + finding.fingerprint->substr(3);
     c.adapterVersion = std::string(kAdapterVersion);
     c.firstSeenAt = now;
     c.lastSeenAt = now;
+    return c;
+}
+
+// A sign-in's candidate: its account is the agent's subscription, probed with the agent's own
+// sign-in; its revision changes with the sign-in (another account signed in), not with tokens.
+std::optional<PlanCandidateRecord> signInCandidate(const PlanFinding& finding,
+                                                   std::string_view salt, double now) {
+    if (!finding.fingerprint || !finding.locator) {
+        return std::nullopt;
+    }
+    auto c = candidateOf(finding, std::string(kOAuthFamily), "global", salt, now);
+    c.revision = saltedDigest(
+        salt, joined({*finding.locator, *finding.fingerprint, c.credentialResolution}));
+    c.proposedAccountID = "oauth-" + c.toolID + "-" + finding.fingerprint->substr(3);
     return c;
 }
 
@@ -384,7 +417,7 @@ std::vector<PlanFinding> codexConfig(const PlanDiscoveryInputs& inputs) {
 std::vector<PlanFinding> environment(const PlanDiscoveryInputs& inputs) {
     std::vector<PlanFinding> out;
     const auto pair = [&](AgentSource tool, std::string_view base,
-                          std::initializer_list<std::string_view> keys) {
+                          std::span<const std::string_view> keys) {
         const auto url = envValue(inputs, base);
         if (!url) {
             return;
@@ -396,20 +429,13 @@ std::vector<PlanFinding> environment(const PlanDiscoveryInputs& inputs) {
         finding.isCurrent = true;
         finding.baseURL = *url;
         finding.origin = CredentialOrigin::env;
-        for (const auto key : keys) {
-            if (auto value = envValue(inputs, key)) {
-                finding.locator = "env:" + std::string(key);
-                takeKey(finding, value, inputs.salt);
-                break;
-            }
-        }
-        if (!finding.locator) {
-            takeKey(finding, std::nullopt, inputs.salt);
-        }
+        takeFirstKey(finding, keys, "env:", inputs.salt,
+                     [&](std::string_view key) { return envValue(inputs, key); });
         out.push_back(std::move(finding));
     };
-    pair(AgentSource::claude, kAnthropicBase, {kAnthropicKeys[0], kAnthropicKeys[1]});
-    pair(AgentSource::codex, "OPENAI_BASE_URL", {"OPENAI_API_KEY"});
+    constexpr std::array<std::string_view, 1> openAIKeys = {"OPENAI_API_KEY"};
+    pair(AgentSource::claude, kAnthropicBase, kAnthropicKeys);
+    pair(AgentSource::codex, "OPENAI_BASE_URL", openAIKeys);
     return out;
 }
 
@@ -488,10 +514,12 @@ std::vector<PlanFinding> oauthSignIns(const PlanDiscoveryInputs& inputs) {
 }
 
 std::vector<PlanFinding> findAll(const PlanDiscoveryInputs& inputs) {
+    using Place = std::vector<PlanFinding> (*)(const PlanDiscoveryInputs&);
+    constexpr std::array<Place, 5> places = {claudeSettings, codexConfig, environment, ccSwitch,
+                                             oauthSignIns};
     std::vector<PlanFinding> out;
-    for (auto part : {claudeSettings(inputs), codexConfig(inputs), environment(inputs),
-                      ccSwitch(inputs), oauthSignIns(inputs)}) {
-        std::ranges::move(part, std::back_inserter(out));
+    for (const auto place : places) {
+        std::ranges::move(place(inputs), std::back_inserter(out));
     }
     return out;
 }
@@ -515,20 +543,9 @@ std::vector<PlanCandidateRecord> candidates(const std::vector<PlanFinding>& find
         if (!planFamily || !kind.family || !kind.region) {
             continue;
         }
-        PlanCandidateRecord c;
-        c.family = std::string(rawValue(*kind.family));
-        c.region = std::string(rawValue(*kind.region));
-        c.toolID = std::string(rawValue(finding.tool));
-        c.bindingKey = c.toolID + "|" + finding.sourceEntryID;
-        c.id = "pc-" + saltedDigest(salt, joined({c.bindingKey, c.family, c.region}));
+        auto c = candidateOf(finding, std::string(rawValue(*kind.family)),
+                             std::string(rawValue(*kind.region)), salt, now);
         c.endpointBaseURL = EndpointClassifier::sanitizedURL(finding.baseURL);
-        c.sourceDisplayName = finding.sourceDisplayName;
-        c.sourceEntryID = finding.sourceEntryID;
-        c.isCurrent = finding.isCurrent;
-        c.credentialOrigin = std::string(rawValue(finding.origin));
-        c.credentialLocator = finding.locator;
-        c.credentialFingerprint = finding.fingerprint;
-        c.credentialResolution = std::string(rawValue(finding.resolution));
         c.revision =
             saltedDigest(salt, joined({*c.endpointBaseURL, finding.locator.value_or(""),
                                        finding.fingerprint.value_or(""), c.credentialResolution}));
@@ -537,9 +554,6 @@ std::vector<PlanCandidateRecord> candidates(const std::vector<PlanFinding>& find
                                          ? finding.fingerprint->substr(3)
                                          : saltedDigest(salt, c.bindingKey).substr(0, 12);
         c.proposedAccountID = c.family + "-" + c.region + "-" + identity;
-        c.adapterVersion = std::string(kAdapterVersion);
-        c.firstSeenAt = now;
-        c.lastSeenAt = now;
         out.push_back(std::move(c));
     }
     return out;
@@ -554,103 +568,94 @@ ResolvedCredential resolve(std::string_view locator, const PlanDiscoveryInputs& 
         }
         return {std::string(rest.substr(0, hash)), std::string(rest.substr(hash + 1))};
     };
-    const auto from = [](std::optional<std::string> value) {
-        ResolvedCredential out;
-        if (!value || value->empty()) {
-            out.resolution = CredentialResolution::missing;
-        } else if (isPlaceholder(*value)) {
-            out.resolution = CredentialResolution::placeholder;
-        } else {
-            out.resolution = CredentialResolution::available;
-            out.secret = std::move(value);
-        }
-        return out;
-    };
-    // Only files below the home folder are read; a locator from a damaged row cannot point out.
-    const auto below = [&](const std::string& relative) -> std::optional<std::filesystem::path> {
+    // The text of a file below the home folder, or why there is none: a locator from a damaged
+    // row cannot point out of home.
+    const auto fileText =
+        [&](const std::string& relative) -> std::expected<std::string, ResolvedCredential> {
         const std::filesystem::path rel(relative);
         if (rel.is_absolute() || relative.find("..") != std::string::npos) {
-            return std::nullopt;
+            return std::unexpected(credentialFrom(std::nullopt));
         }
-        return inputs.home / rel;
+        const auto path = inputs.home / rel;
+        if (unreadableButPresent(path)) {
+            return std::unexpected(
+                ResolvedCredential{CredentialResolution::permissionDenied, std::nullopt});
+        }
+        auto text = crypto::readWholeFile(path);
+        if (!text) {
+            return std::unexpected(credentialFrom(std::nullopt));
+        }
+        return std::move(*text);
     };
 
     if (locator.starts_with("env:")) {
-        return from(envValue(inputs, locator.substr(4)));
+        return credentialFrom(envValue(inputs, locator.substr(4)));
     }
     if (locator.starts_with("oauth:")) {
         const auto agent = signInAgent(locator);
         if (!agent) {
-            return from(std::nullopt);
+            return credentialFrom(std::nullopt);
         }
         if (unreadableButPresent(LiveQuota::signInFile(*agent, inputs.home))) {
             return {CredentialResolution::permissionDenied, std::nullopt};
         }
         auto identity = LiveQuota::signInIdentity(*agent, inputs.home);
         if (!identity) {
-            return from(std::nullopt);
+            return credentialFrom(std::nullopt);
         }
         return {CredentialResolution::available, std::move(identity)};
     }
     if (locator.starts_with("keystore:")) {
         if (!inputs.keys) {
-            return from(std::nullopt);
+            return credentialFrom(std::nullopt);
         }
         auto value = inputs.keys->get(locator.substr(9));
         if (!value) {
             return {CredentialResolution::encryptedUnreadable, std::nullopt};
         }
-        return from(*value);
+        return credentialFrom(*value);
     }
     if (locator.starts_with("file:")) {
         const auto [relative, pointer] = split("file:");
-        const auto path = below(relative);
-        if (!path) {
-            return from(std::nullopt);
+        const auto text = fileText(relative);
+        if (!text) {
+            return text.error();
         }
-        if (unreadableButPresent(*path)) {
-            return {CredentialResolution::permissionDenied, std::nullopt};
-        }
-        const auto doc = readJSON(*path);
-        return from(doc ? std::optional(stringAt(*doc, pointer)) : std::nullopt);
+        const auto doc = json::parse(*text, nullptr, false);
+        return credentialFrom(doc.is_discarded() ? std::nullopt
+                                                 : std::optional(stringAt(doc, pointer)));
     }
     if (locator.starts_with("toml:")) {
         const auto [relative, dotted] = split("toml:");
-        const auto path = below(relative);
-        if (!path) {
-            return from(std::nullopt);
-        }
-        if (unreadableButPresent(*path)) {
-            return {CredentialResolution::permissionDenied, std::nullopt};
-        }
-        const auto text = crypto::readWholeFile(*path);
+        const auto text = fileText(relative);
         if (!text) {
-            return from(std::nullopt);
+            return text.error();
         }
         const auto parsed = parseTOML(*text);
         if (!parsed) {
-            return from(std::nullopt);
+            return credentialFrom(std::nullopt);
         }
-        return from(parsed->at_path(dotted).value<std::string>());
+        return credentialFrom(parsed->at_path(dotted).value<std::string>());
     }
     if (locator.starts_with("ccswitch:")) {
         const auto [entry, pointer] = split("ccswitch:");
         const auto slash = entry.find('/');
         if (slash == std::string::npos) {
-            return from(std::nullopt);
+            return credentialFrom(std::nullopt);
         }
         bool denied = false;
         for (const auto& row : switcherRows(inputs.home / kSwitcherDatabase, &denied)) {
             if (row.app == entry.substr(0, slash) && row.id == entry.substr(slash + 1)) {
                 const auto settings = json::parse(row.settings, nullptr, false);
-                return from(settings.is_discarded() ? std::nullopt
-                                                    : std::optional(stringAt(settings, pointer)));
+                return credentialFrom(settings.is_discarded()
+                                          ? std::nullopt
+                                          : std::optional(stringAt(settings, pointer)));
             }
         }
         return denied ? ResolvedCredential{CredentialResolution::permissionDenied, std::nullopt}
-                      : from(std::nullopt);
+                      : credentialFrom(std::nullopt);
     }
-    return from(std::nullopt);
+    return credentialFrom(std::nullopt);
 }
 
 }  // namespace PlanDiscovery

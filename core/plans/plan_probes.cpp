@@ -160,9 +160,9 @@ PlanProbeResult probe(const std::string& apiKey, PlanRegion region, const std::s
         return std::unexpected(
             ProbeErrors::unexpected("credentials go only over https or loopback"));
     }
-    auto response = QuotaHttp::send(keyRequest(url, apiKey, context));
+    auto response = HttpClient::send(keyRequest(url, apiKey, context));
     if (response && shouldRetryBearer(response->status)) {
-        response = QuotaHttp::send(keyRequest(url, "Bearer " + apiKey, context));
+        response = HttpClient::send(keyRequest(url, "Bearer " + apiKey, context));
     }
     if (!response) {
         return std::unexpected(ProbeErrors::fromFailure(response.error()));

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "core/plans/quota_http.hpp"
+#include "core/pricing/http_client.hpp"
 
 namespace kestrel {
 

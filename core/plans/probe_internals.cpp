@@ -82,7 +82,7 @@ std::expected<HttpResponse, ProbeError> send(const HttpRequest& request) {
         return std::unexpected(
             ProbeErrors::unexpected("credentials go only over https or loopback"));
     }
-    auto response = QuotaHttp::send(request);
+    auto response = HttpClient::send(request);
     if (!response) {
         return std::unexpected(ProbeErrors::fromFailure(response.error()));
     }

@@ -10,7 +10,7 @@
 
 #include "core/model/account_snapshot.hpp"
 #include "core/plans/probe_error.hpp"
-#include "core/plans/quota_http.hpp"
+#include "core/pricing/http_client.hpp"
 
 namespace kestrel::probe_detail {
 

@@ -1,10 +1,6 @@
 #include "core/pricing/fx_rate.hpp"
 
-#include <curl/curl.h>
-
 #include <algorithm>
-#include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
@@ -12,14 +8,12 @@
 
 #include "core/model/checked_math.hpp"
 #include "core/pricing/decimal.hpp"
+#include "core/pricing/http_client.hpp"
 
 namespace kestrel::FxRate {
 namespace {
 
 constexpr std::string_view kSource = "Frankfurter";
-constexpr char kUserAgent[] = "kestrel/0.1";
-// A quote is a few dozen bytes; anything near this is not the service we asked.
-constexpr std::size_t kMaxBodyBytes = 1 << 20;
 
 bool inRange(int64_t e4) {
     return e4 >= kMinE4 && e4 <= kMaxE4;
@@ -144,30 +138,6 @@ class QuoteReader {
     bool nextIsRates_ = false;
 };
 
-bool curlReady() {
-    static std::once_flag once;
-    static bool ready = false;
-    std::call_once(once, [] { ready = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; });
-    return ready;
-}
-
-std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* user) {
-    auto* body = static_cast<std::string*>(user);
-    const std::size_t bytes = size * count;
-    if (body->size() + bytes > kMaxBodyBytes) {
-        return 0;  // makes the transfer fail
-    }
-    body->append(data, bytes);
-    return bytes;
-}
-
-struct EasyCleanup {
-    void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct SlistCleanup {
-    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
-};
-
 }  // namespace
 
 std::expected<FxQuote, FxError> quoteFromResponse(long status, const std::string& body) {
@@ -198,40 +168,17 @@ std::optional<int64_t> parseInput(std::string_view text) {
 
 std::expected<FxQuote, FxError> fetchUSDToCNY(std::string_view url,
                                               std::chrono::milliseconds timeout) {
-    if (!curlReady()) {
-        return std::unexpected(FxError::badResponse);
-    }
-    const std::unique_ptr<CURL, EasyCleanup> easy(curl_easy_init());
-    if (!easy) {
-        return std::unexpected(FxError::badResponse);
-    }
-    // curl reads 0 as "no limit".
-    const long timeoutMs = std::max<long>(1, static_cast<long>(timeout.count()));
-    const std::unique_ptr<curl_slist, SlistCleanup> headers(
-        curl_slist_append(nullptr, "Accept: application/json"));
-    const std::string target(url);
-    std::string body;
-    CURL* h = easy.get();
-    curl_easy_setopt(h, CURLOPT_URL, target.c_str());
-    curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
-    // Only web URLs: a settings value must not make us read local files.
-    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    HttpRequest request;
+    request.url = std::string(url);
+    request.timeout = timeout;
+    // A quote is a few dozen bytes; anything near this is not the service we asked.
+    request.maxBodyBytes = 1 << 20;
     // One request: a redirect is not a quote and ends as a non-200 status.
-    curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, timeoutMs);
-    curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
-    // Timeouts by signal would disturb the caller's threads.
-    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(h, CURLOPT_USERAGENT, kUserAgent);
-    curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
-    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, appendBody);
-    curl_easy_setopt(h, CURLOPT_WRITEDATA, &body);
-    if (curl_easy_perform(h) != CURLE_OK) {
+    const auto response = HttpClient::send(request);
+    if (!response) {
         return std::unexpected(FxError::badResponse);
     }
-    long status = 0;
-    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &status);
-    return quoteFromResponse(status, body);
+    return quoteFromResponse(response->status, response->body);
 }
 
 StoredFxRate applied(StoredFxRate current, int64_t cnyPerUsdE4) {

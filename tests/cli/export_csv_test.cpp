@@ -11,9 +11,12 @@
 #include "cli/export_command.hpp"
 #include "core/ledger/settings_store.hpp"
 #include "tests/cli/ledger_home.hpp"
+#include "tests/support/file_text.hpp"
 
 namespace kestrel {
 namespace {
+
+using test_support::readFile;
 
 using cli::ReportOptions;
 using Record = std::vector<std::string>;
@@ -45,13 +48,6 @@ std::vector<Record> parseCSV(const std::string& text) {
     EXPECT_TRUE(!quoted && field.empty() && records.back().empty()) << "the last record is cut";
     records.pop_back();
     return records;
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 constexpr const char* kHeader =

@@ -18,6 +18,8 @@
 #include "core/integrations/live_agent_hub.hpp"
 #include "core/model/timestamp.hpp"
 #include "tests/support/command_run.hpp"
+#include "tests/support/file_text.hpp"
+#include "tests/support/shell_run.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -25,27 +27,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
+using test_support::readFile;
 using test_support::runKestrel;
+using test_support::runShell;
 using test_support::TempDir;
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-int runShell(const std::string& command, const std::string& input) {
-    ::signal(SIGPIPE, SIG_IGN);
-    FILE* pipe = ::popen(command.c_str(), "w");
-    if (!pipe) {
-        return -1;
-    }
-    ::setvbuf(pipe, nullptr, _IONBF, 0);
-    std::fwrite(input.data(), 1, input.size(), pipe);
-    const int status = ::pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 // event name -> the command of ours written for it (Notification rows left out: they depend on
 // a matcher the agent applies, not on the event alone).

@@ -16,6 +16,7 @@
 #include "cli/keys_command.hpp"
 #include "cli/quota_command.hpp"
 #include "tests/support/command_run.hpp"
+#include "tests/support/file_text.hpp"
 #include "tests/support/loopback_server.hpp"
 #include "tests/support/temp_dir.hpp"
 
@@ -123,11 +124,7 @@ class PlansCommandTest : public ::testing::Test {
     }
 
     CommandOutcome call(const std::function<int(cli::CommandContext&)>& command) {
-        std::ostringstream out, err;
-        cli::CommandContext ctx{out, err};
-        ctx.home = home.path();
-        ctx.supportDir = support.path();
-        ctx.env = [this](std::string_view name) -> std::optional<std::string> {
+        auto env = [this](std::string_view name) -> std::optional<std::string> {
             // Every host a probe here could reach is this server; nothing leaves the machine.
             if (name.starts_with("KESTREL_BASE_URL_"))
                 return server.url("");
@@ -135,10 +132,7 @@ class PlansCommandTest : public ::testing::Test {
                 return std::string(kEnvKey);
             return std::nullopt;
         };
-        CommandOutcome o;
-        o.code = command(ctx);
-        o.out = out.str();
-        o.err = err.str();
+        auto o = test_support::runCommand(home.path(), support.path(), command, false, env);
         outputs += o.out + o.err;
         return o;
     }
@@ -358,15 +352,7 @@ TEST_F(PlansCommandTest, NoSecretReachesOutputLedgerOrSupportFolder) {
     EXPECT_NE(outputs.find("Review saved"), std::string::npos) << outputs;
     EXPECT_NE(outputs.find("Claude Code sign-in"), std::string::npos) << outputs;
 
-    std::string stored;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(support.path())) {
-        if (entry.is_regular_file()) {
-            std::ifstream in(entry.path(), std::ios::binary);
-            std::ostringstream bytes;
-            bytes << in.rdbuf();
-            stored += bytes.str();
-        }
-    }
+    const std::string stored = test_support::bytesBelow(support.path());
     ASSERT_NE(stored.find("plan_discovery"), std::string::npos) << "the ledger was read";
     for (const auto& secret : kSecrets) {
         EXPECT_EQ(outputs.find(secret), std::string::npos) << secret;

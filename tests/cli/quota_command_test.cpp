@@ -14,6 +14,7 @@
 #include "core/ledger/usage_store.hpp"
 #include "core/model/timestamp.hpp"
 #include "tests/support/command_run.hpp"
+#include "tests/support/file_text.hpp"
 #include "tests/support/loopback_server.hpp"
 #include "tests/support/temp_dir.hpp"
 
@@ -78,11 +79,7 @@ class QuotaCommandTest : public ::testing::Test {
     }
 
     CommandOutcome call(const std::function<int(cli::CommandContext&)>& command) {
-        std::ostringstream out, err;
-        cli::CommandContext ctx{out, err};
-        ctx.home = home.path();
-        ctx.supportDir = support.path();
-        ctx.env = [url = server.url("")](std::string_view name) -> std::optional<std::string> {
+        auto env = [url = server.url("")](std::string_view name) -> std::optional<std::string> {
             for (const char* n :
                  {"CLAUDE", "KIMI", "KIMI_AUTH", "CODEX", "CODEX_AUTH", "GROK", "GROK_AUTH"}) {
                 if (name == std::string("KESTREL_BASE_URL_") + n) {
@@ -91,10 +88,7 @@ class QuotaCommandTest : public ::testing::Test {
             }
             return std::nullopt;
         };
-        CommandOutcome o;
-        o.code = command(ctx);
-        o.out = out.str();
-        o.err = err.str();
+        auto o = test_support::runCommand(home.path(), support.path(), command, false, env);
         outputs += o.out + o.err;
         return o;
     }
@@ -222,25 +216,16 @@ TEST_F(QuotaCommandTest, NoSecretReachesOutputLedgerOrSupportFolder) {
     EXPECT_NE(outputs.find("Kimi Code"), std::string::npos) << outputs;
     EXPECT_NE(outputs.find("40%"), std::string::npos) << outputs;
 
-    std::string stored;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(support.path())) {
-        if (entry.is_regular_file()) {
-            std::ifstream in(entry.path(), std::ios::binary);
-            std::ostringstream bytes;
-            bytes << in.rdbuf();
-            stored += bytes.str();
-        }
-    }
+    const std::string stored = test_support::bytesBelow(support.path());
     ASSERT_FALSE(stored.empty());
     for (const auto& secret : kSecrets) {
         EXPECT_EQ(outputs.find(secret), std::string::npos) << secret;
         EXPECT_EQ(stored.find(secret), std::string::npos) << secret;
     }
     // The agent's file still holds its own tokens.
-    std::ifstream kimi(home / ".kimi-code/credentials/kimi-code.json");
-    std::ostringstream kimiText;
-    kimiText << kimi.rdbuf();
-    EXPECT_NE(kimiText.str().find("KIMISECRETACCESS"), std::string::npos);
+    EXPECT_NE(test_support::readFile(home / ".kimi-code/credentials/kimi-code.json")
+                  .find("KIMISECRETACCESS"),
+              std::string::npos);
 }
 
 }  // namespace

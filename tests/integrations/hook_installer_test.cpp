@@ -15,6 +15,8 @@
 #include <sstream>
 
 #include "core/integrations/hook_command.hpp"
+#include "tests/support/file_text.hpp"
+#include "tests/support/shell_run.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
@@ -22,33 +24,10 @@ namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
+using test_support::readFile;
+using test_support::runShell;
 using test_support::TempDir;
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-void writeFile(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-// `command` through `sh -c` with `input` on its standard input; the exit status.
-int runShell(const std::string& command, const std::string& input) {
-    ::signal(SIGPIPE,
-             SIG_IGN);  // a hook that stops reading must show as a short write, not kill us
-    FILE* pipe = ::popen(command.c_str(), "w");
-    if (!pipe) {
-        return -1;
-    }
-    ::setvbuf(pipe, nullptr, _IONBF, 0);  // nothing left to flush (and fail) in pclose
-    std::fwrite(input.data(), 1, input.size(), pipe);
-    const int status = ::pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using test_support::writeFile;
 
 std::string sha256Hex(const std::string& bytes) {
     unsigned char digest[EVP_MAX_MD_SIZE];

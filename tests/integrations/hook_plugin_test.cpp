@@ -11,25 +11,16 @@
 #include "core/integrations/hook_installer.hpp"
 #include "core/integrations/live_agent_hub.hpp"
 #include "core/model/timestamp.hpp"
+#include "tests/support/file_text.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
 namespace fs = std::filesystem;
+using test_support::readFile;
 using test_support::TempDir;
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-void writeFile(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
+using test_support::writeFile;
 
 struct Fixture {
     TempDir dir;

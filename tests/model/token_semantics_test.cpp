@@ -100,36 +100,26 @@ TEST(TokenSemantics, SnapshotOverloadUsesProviderTotalOnlyWhenFlagged) {
               (ExclusiveTokens{6, 4, 0, 6, 0}));
 }
 
-TEST(TokenSemantics, DeltaOfEqualSnapshotsIsZeroNotAbsent) {
-    const TokenSnapshot s{100, 40, 10, 30, 5, 130};
-    const auto d = TokenSemantics::delta(s, s);
-    ASSERT_TRUE(d.has_value());
-    EXPECT_EQ(*d, TokenSnapshot{});
-}
-
-TEST(TokenSemantics, DeltaSubtractsGrowingCounters) {
+TEST(TokenSemantics, DeltaOfCumulativeSnapshots) {
     const TokenSnapshot before{100, 40, 10, 30, 5, 130};
-    const TokenSnapshot after{250, 90, 15, 70, 25, 320};
-    EXPECT_EQ(TokenSemantics::delta(before, after), (TokenSnapshot{150, 50, 5, 40, 20, 190}));
-}
-
-TEST(TokenSemantics, DeltaIsAbsentWhenResetCountersGoBack) {
-    const TokenSnapshot before{100, 40, 10, 30, 5, 130};
-    auto withInput = before;
-    withInput.input -= 1;
-    auto withOutput = before;
-    withOutput.output -= 1;
-    auto withTotal = before;
-    withTotal.providerTotal -= 1;
-    EXPECT_EQ(TokenSemantics::delta(before, withInput), std::nullopt);
-    EXPECT_EQ(TokenSemantics::delta(before, withOutput), std::nullopt);
-    EXPECT_EQ(TokenSemantics::delta(before, withTotal), std::nullopt);
-}
-
-TEST(TokenSemantics, DeltaClampsRecountedCacheAndReasoning) {
-    const TokenSnapshot before{100, 40, 10, 30, 5, 130};
-    const TokenSnapshot after{120, 39, 2, 35, 1, 155};
-    EXPECT_EQ(TokenSemantics::delta(before, after), (TokenSnapshot{20, 0, 0, 5, 0, 25}));
+    struct Case {
+        const char* name;
+        TokenSnapshot after;
+        std::optional<TokenSnapshot> expected;
+    };
+    const Case cases[] = {
+        {"equal: zero, not absent", before, TokenSnapshot{}},
+        {"growing counters subtract", {250, 90, 15, 70, 25, 320}, {{150, 50, 5, 40, 20, 190}}},
+        // A cache or reasoning count recounted lower is clamped at zero.
+        {"recounted cache and reasoning", {120, 39, 2, 35, 1, 155}, {{20, 0, 0, 5, 0, 25}}},
+        // Input, output or total going back means the counters were reset.
+        {"input went back", {99, 40, 10, 30, 5, 130}, std::nullopt},
+        {"output went back", {100, 40, 10, 29, 5, 130}, std::nullopt},
+        {"total went back", {100, 40, 10, 30, 5, 129}, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(TokenSemantics::delta(before, c.after), c.expected) << c.name;
+    }
 }
 
 TEST(TokenSemantics, PromptTokensCountsInputSideOnly) {

@@ -12,22 +12,17 @@
 #include <sstream>
 
 #include "core/plans/plan_salt.hpp"
+#include "tests/support/file_text.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
+using test_support::readFile;
 using test_support::TempDir;
 using Kind = KeyStoreError::Kind;
 
 constexpr std::string_view kSecret = "sk-KEYSTORE-SECRET-0123456789";
-
-std::string slurp(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 mode_t modeOf(const std::filesystem::path& path) {
     struct stat st {};
@@ -60,7 +55,7 @@ TEST(KeyStore, KeysRoundTripAndStayPrivate) {
     EXPECT_EQ(store->names().value(), (std::vector<std::string>{"deepseek"}));
 
     // Neither key is in the stored file in any form we could grep for.
-    const std::string text = slurp(support / "keys.enc");
+    const std::string text = readFile(support / "keys.enc");
     EXPECT_EQ(text.find("replaced-key"), std::string::npos);
     EXPECT_EQ(text.find(kSecret), std::string::npos);
 }
@@ -80,7 +75,7 @@ TEST(KeyStore, DamageIsNamedNotHidden) {
          Kind::keyFileMissing},
         {"an altered ciphertext",
          [](const TempDir& d) {
-             auto doc = nlohmann::json::parse(slurp(d / "keys.enc"));
+             auto doc = nlohmann::json::parse(readFile(d / "keys.enc"));
              auto data = doc["entries"]["deepseek"]["data"].get<std::string>();
              data[0] = data[0] == 'a' ? 'b' : 'a';
              doc["entries"]["deepseek"]["data"] = data;
@@ -89,7 +84,7 @@ TEST(KeyStore, DamageIsNamedNotHidden) {
          Kind::tampered},
         {"an entry moved under another name",
          [](const TempDir& d) {
-             auto doc = nlohmann::json::parse(slurp(d / "keys.enc"));
+             auto doc = nlohmann::json::parse(readFile(d / "keys.enc"));
              doc["entries"]["openrouter"] = doc["entries"]["deepseek"];
              doc["entries"].erase("deepseek");
              d.write("keys.enc", doc.dump());

@@ -11,12 +11,14 @@
 #include "core/plans/live_quota.hpp"
 #include "core/plans/plan_probes.hpp"
 #include "core/plans/provider_hosts.hpp"
+#include "tests/support/file_text.hpp"
 #include "tests/support/loopback_server.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
+using test_support::readFile;
 using test_support::LoopbackServer;
 using test_support::TempDir;
 
@@ -53,13 +55,6 @@ EnvironmentLookup hostsAt(const LoopbackServer& server, std::vector<std::string>
         }
         return std::nullopt;
     };
-}
-
-std::string slurp(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 constexpr const char* kClaudeBody =
@@ -129,10 +124,10 @@ TEST(QuotaProbes, FailureStatusesMapToProbeErrors) {
 }
 
 TEST(QuotaProbes, RetryAfterAsAnHttpDate) {
-    EXPECT_EQ(QuotaHttp::parseRetryAfter("Thu, 01 Jan 1970 00:02:00 GMT", 60), 60.0);
-    EXPECT_EQ(QuotaHttp::parseRetryAfter("Thu, 01 Jan 1970 00:00:10 GMT", 60), 0.0);
-    EXPECT_FALSE(QuotaHttp::parseRetryAfter("soon", 0).has_value());
-    EXPECT_FALSE(QuotaHttp::parseRetryAfter("-5", 0).has_value());
+    EXPECT_EQ(HttpClient::parseRetryAfter("Thu, 01 Jan 1970 00:02:00 GMT", 60), 60.0);
+    EXPECT_EQ(HttpClient::parseRetryAfter("Thu, 01 Jan 1970 00:00:10 GMT", 60), 0.0);
+    EXPECT_FALSE(HttpClient::parseRetryAfter("soon", 0).has_value());
+    EXPECT_FALSE(HttpClient::parseRetryAfter("-5", 0).has_value());
 }
 
 TEST(QuotaProbes, ASlowAnswerPastTheTimeoutIsUnreachable) {
@@ -213,7 +208,7 @@ TEST(QuotaProbes, CodexRefreshesAnExpiredTokenWithoutWritingTheAgentsFile) {
     EXPECT_NE(refreshBody.find("refresh-old"), std::string::npos);
     EXPECT_NE(refreshBody.find(LiveQuota::chatgptOAuthClientID), std::string::npos);
     EXPECT_EQ(accountHeader, "acct-1");
-    EXPECT_EQ(slurp(authPath), authText) << "the agent's credential file must stay as it was";
+    EXPECT_EQ(readFile(authPath), authText) << "the agent's credential file must stay as it was";
     ASSERT_TRUE(cache.get(AgentSource::codex).has_value());
     EXPECT_EQ(cache.get(AgentSource::codex)->refreshToken, "refresh-new");
 

@@ -11,21 +11,16 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "tests/support/file_text.hpp"
 #include "tests/support/temp_dir.hpp"
 
 namespace kestrel {
 namespace {
 
+using test_support::readFile;
 using test_support::TempDir;
 
 constexpr double kNow = 1'800'000'000;
-
-std::string slurp(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 OAuthTokens tokens(const std::string& access, std::optional<double> expiresAt) {
     OAuthTokens t;
@@ -57,7 +52,7 @@ TEST_F(QuotaStateStoreTest, WhatIsStillCurrentComesBackAndTokensStayEnciphered) 
     struct stat st {};
     ASSERT_EQ(::stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    const std::string text = slurp(path);
+    const std::string text = readFile(path);
     for (const char* secret : {"KIMI-FRESH-SECRET", "GROK-NOEXPIRY-SECRET", "CODEX-OLD-SECRET"}) {
         EXPECT_EQ(text.find(secret), std::string::npos) << secret;
     }
@@ -92,7 +87,7 @@ TEST_F(QuotaStateStoreTest, DamageRestoresNoTokens) {
         {"no key file", [](const TempDir& d) { std::filesystem::remove(d / "keys.key"); }, true},
         {"altered tokens",
          [](const TempDir& d) {
-             auto doc = nlohmann::json::parse(slurp(d / QuotaStateStore::kFileName));
+             auto doc = nlohmann::json::parse(readFile(d / QuotaStateStore::kFileName));
              auto hex = doc["tokens"].get<std::string>();
              hex[40] = hex[40] == '0' ? '1' : '0';
              doc["tokens"] = hex;

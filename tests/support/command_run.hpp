@@ -20,16 +20,17 @@ struct CommandOutcome {
     std::string err;
 };
 
-// `command` on a context over `home` and `support` that reads none of the process's variables.
+// `command` on a context over `home` and `support` that reads only the variables `env` gives
+// (by default none of the process's).
 inline CommandOutcome runCommand(const std::filesystem::path& home,
                                  const std::filesystem::path& support,
                                  const std::function<int(cli::CommandContext&)>& command,
-                                 bool colour = false) {
+                                 bool colour = false, EnvironmentLookup env = {}) {
     std::ostringstream out, err;
     cli::CommandContext ctx{out, err};
     ctx.home = home;
     ctx.supportDir = support;
-    ctx.env = emptyEnvironment();
+    ctx.env = env ? std::move(env) : emptyEnvironment();
     ctx.colour = colour;
     CommandOutcome o;
     o.code = command(ctx);

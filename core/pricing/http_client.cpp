@@ -1,4 +1,4 @@
-#include "core/plans/quota_http.hpp"
+#include "core/pricing/http_client.hpp"
 
 #include <curl/curl.h>
 
@@ -10,10 +10,8 @@
 
 #include "core/model/timestamp.hpp"
 
-namespace kestrel::QuotaHttp {
+namespace kestrel::HttpClient {
 namespace {
-
-constexpr std::size_t kMaxBodyBytes = 4 << 20;
 
 bool curlReady() {
     static std::once_flag once;
@@ -22,13 +20,18 @@ bool curlReady() {
     return ready;
 }
 
+struct BodySink {
+    std::string body;
+    std::size_t maxBytes = 0;
+};
+
 std::size_t appendBody(char* data, std::size_t size, std::size_t count, void* user) {
-    auto* body = static_cast<std::string*>(user);
+    auto* sink = static_cast<BodySink*>(user);
     const std::size_t bytes = size * count;
-    if (body->size() + bytes > kMaxBodyBytes) {
-        return 0;
+    if (sink->body.size() + bytes > sink->maxBytes) {
+        return 0;  // makes the transfer fail
     }
-    body->append(data, bytes);
+    sink->body.append(data, bytes);
     return bytes;
 }
 
@@ -104,8 +107,9 @@ std::expected<HttpResponse, HttpFailure> send(const HttpRequest& request) {
         list = curl_slist_append(list, ("Content-Type: " + request.contentType).c_str());
     }
     const std::unique_ptr<curl_slist, SlistCleanup> headers(list);
+    // curl reads 0 as "no limit".
     const long timeoutMs = std::max<long>(1, static_cast<long>(request.timeout.count()));
-    std::string body;
+    BodySink body{{}, request.maxBodyBytes};
     HeaderSink sink;
     curl_easy_setopt(h, CURLOPT_URL, request.url.c_str());
     if (request.postBody) {
@@ -118,6 +122,7 @@ std::expected<HttpResponse, HttpFailure> send(const HttpRequest& request) {
     curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, timeoutMs);
     curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+    // Timeouts by signal would disturb the caller's threads.
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(h, CURLOPT_USERAGENT, "kestrel/0.1");
     curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers.get());
@@ -137,11 +142,11 @@ std::expected<HttpResponse, HttpFailure> send(const HttpRequest& request) {
     }
     HttpResponse response;
     curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &response.status);
-    response.body = std::move(body);
+    response.body = std::move(body.body);
     if (sink.retryAfter) {
         response.retryAfterSeconds = parseRetryAfter(*sink.retryAfter, epochNow());
     }
     return response;
 }
 
-}  // namespace kestrel::QuotaHttp
+}  // namespace kestrel::HttpClient

@@ -1,8 +1,10 @@
 #pragma once
-// The one HTTP exchange every quota probe makes: a request with headers, and either a status with
-// its body or the reason no answer came. Nothing is logged: headers carry credentials.
+// The one HTTP exchange the quota probes and the exchange-rate fetch make: a request with headers,
+// and either a status with its body or the reason no answer came. Nothing is logged: headers
+// carry credentials.
 
 #include <chrono>
+#include <cstddef>
 #include <expected>
 #include <optional>
 #include <string>
@@ -17,6 +19,7 @@ struct HttpRequest {
     std::optional<std::string> postBody;  // absent: GET
     std::string contentType = "application/json";
     std::chrono::milliseconds timeout{15000};
+    std::size_t maxBodyBytes = 4 << 20;  // a larger body fails as unreachable
 };
 
 struct HttpResponse {
@@ -27,15 +30,16 @@ struct HttpResponse {
 
 enum class HttpFailure { unreachable, timedOut, refusedURL };
 
-namespace QuotaHttp {
+namespace HttpClient {
 
 // Performs the request without following redirects (a redirect would carry the credentials to a
-// host nobody chose). Bodies above 4 MiB fail as unreachable.
+// host nobody chose), over http or https only (a URL from the settings must not read local
+// files).
 std::expected<HttpResponse, HttpFailure> send(const HttpRequest& request);
 
 // "120" or an IMF date ("Wed, 21 Oct 2026 07:28:00 GMT") as seconds from `now`; absent when
 // unreadable. A date in the past gives 0.
 std::optional<double> parseRetryAfter(std::string_view value, double now);
 
-}  // namespace QuotaHttp
+}  // namespace HttpClient
 }  // namespace kestrel
