@@ -772,15 +772,42 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& read) {
         result.checkpoint.lastCumulative = resumed->tokenUsageBaselines.back();
     }
 
+    // The checkpoint after the lines read so far, the reading state included, so that a read
+    // resumed from it goes on exactly as this one would.
+    // The inode and fingerprint come from the read itself at the end of a plain file.
+    const auto checkpointAt = [&](int64_t next, std::optional<int64_t> partialStart,
+                                  std::optional<uint64_t> inode = std::nullopt,
+                                  std::optional<std::string> fingerprint = std::nullopt) {
+        SourceCheckpoint cp;
+        cp.source = source;
+        cp.stableID = SourceCheckpoint::stableIDFor(rollout);
+        cp.pathHint = rollout.string();
+        cp.inode = inode ? inode : JSONL::inode(rollout);
+        cp.byteOffset = next;
+        cp.partialLineStart = partialStart;
+        cp.contentFingerprint =
+            fingerprint ? std::move(fingerprint) : JSONL::boundaryFingerprint(rollout, next);
+        cp.lastCumulative = result.checkpoint.lastCumulative;
+        cp.parserContext = nlohmann::json(reading.context).dump();
+        cp.parserVersion = parserVersion;
+        cp.schemaVersion = checkpointSchemaVersion;
+        return cp;
+    };
+    // Offsets into a decompressed archive cannot be resumed from: it is read in one go.
+    const bool mayHandOver = !compressed && read.wantsHandOver && read.handOver;
+
     LineReader reader;
     CodexLine line;
-    const auto onLine = [&](std::string_view text, int64_t) {
+    const auto onLine = [&](std::string_view text, int64_t offset) {
         ++result.stats.lines;
         const LineKind kind = reader.read(text, JSONL::kLinePadding, line);
         reading.onLine(text, line, kind);
+        if (mayHandOver && read.wantsHandOver()) {
+            read.handOver(checkpointAt(JSONL::offsetAfter(text, offset), std::nullopt));
+        }
     };
-    const auto end = compressed ? Zstd::forEachLine(rollout, onLine)
-                                : JSONL::forEachCompleteLine(rollout, start, onLine);
+    auto end = compressed ? Zstd::forEachLine(rollout, onLine)
+                          : JSONL::forEachCompleteLineSealed(rollout, start, onLine);
     if (!end) {
         return std::unexpected(end.error());
     }
@@ -792,28 +819,19 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& read) {
     result.formatChanged =
         start == 0 && reading.unreadableReports > 0 && reading.usableReports == 0;
 
-    SourceCheckpoint& cp = result.checkpoint;
-    cp.source = source;
-    cp.stableID = SourceCheckpoint::stableIDFor(rollout);
-    cp.pathHint = rollout.string();
-    cp.inode = JSONL::inode(rollout);
     if (compressed) {
-        // Offsets into the decompressed text cannot be resumed from: the checkpoint covers the
-        // whole compressed file, and a changed stamp means reading it all again.
+        // The checkpoint covers the whole compressed file, and a changed stamp means reading it
+        // all again.
         std::error_code ec;
         const auto size = std::filesystem::file_size(rollout, ec);
-        cp.byteOffset = ec ? 0 : static_cast<int64_t>(size);
-        result.stats.bytes = *cp.byteOffset;
+        result.checkpoint = checkpointAt(ec ? 0 : static_cast<int64_t>(size), std::nullopt);
+        result.stats.bytes = *result.checkpoint.byteOffset;
     } else {
-        cp.byteOffset = end->nextOffset;
-        cp.partialLineStart = end->partialStart;
+        result.checkpoint = checkpointAt(end->nextOffset, end->partialStart, end->inode,
+                                         std::move(end->fingerprint));
         result.stats.bytes = end->nextOffset - start;
     }
-    cp.contentFingerprint = JSONL::boundaryFingerprint(rollout, *cp.byteOffset);
-    cp.fileStamp = stamp;
-    cp.parserContext = nlohmann::json(reading.context).dump();
-    cp.parserVersion = parserVersion;
-    cp.schemaVersion = checkpointSchemaVersion;
+    result.checkpoint.fileStamp = stamp;
     return result;
 }
 

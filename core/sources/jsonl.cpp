@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -35,10 +36,12 @@ class ReadOnlyFile {
             ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
         }
         file.size_ = st.st_size;
+        file.inode_ = static_cast<uint64_t>(st.st_ino);
         return file;
     }
 
-    ReadOnlyFile(ReadOnlyFile&& other) noexcept : fd_(other.fd_), size_(other.size_) {
+    ReadOnlyFile(ReadOnlyFile&& other) noexcept
+        : fd_(other.fd_), size_(other.size_), inode_(other.inode_) {
         other.fd_ = -1;
     }
     ReadOnlyFile& operator=(ReadOnlyFile&&) = delete;
@@ -49,6 +52,12 @@ class ReadOnlyFile {
     }
 
     int64_t size() const { return size_; }
+    uint64_t inode() const { return inode_; }
+    // The size as it is now; -1 when it cannot be examined.
+    int64_t currentSize() const {
+        struct stat st {};
+        return ::fstat(fd_, &st) == 0 ? static_cast<int64_t>(st.st_size) : -1;
+    }
 
     // Reads up to `n` bytes at `offset`, retrying on EINTR; 0 at end of file, -1 on error.
     ssize_t readAt(char* dst, std::size_t n, int64_t offset) const {
@@ -78,6 +87,7 @@ class ReadOnlyFile {
     explicit ReadOnlyFile(int fd) : fd_(fd) {}
     int fd_;
     int64_t size_ = 0;
+    uint64_t inode_ = 0;
 };
 
 std::string_view trimCarriageReturn(std::string_view line) {
@@ -87,12 +97,11 @@ std::string_view trimCarriageReturn(std::string_view line) {
     return line;
 }
 
-}  // namespace
+std::optional<std::string> fingerprintOf(const ReadOnlyFile& file, int64_t through);
 
-std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::path& path,
-                                                      int64_t from, const LineHandler& onLine,
-                                                      std::size_t chunkSize,
-                                                      std::size_t maxLineBytes) {
+std::expected<ReadEnd, FileError> readLines(const std::filesystem::path& path, int64_t from,
+                                            const LineHandler& onLine, std::size_t chunkSize,
+                                            std::size_t maxLineBytes, bool sealed) {
     auto opened = ReadOnlyFile::open(path);
     if (!opened) {
         return std::unexpected(opened.error());
@@ -102,8 +111,11 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
     chunkSize = std::max<std::size_t>(chunkSize, 4096);
 
     // buffer holds [bufferBase, bufferBase + filled) of the file, plus padding that is never
-    // counted as data. It only grows when one line is longer than the whole buffer.
-    std::size_t capacity = chunkSize;
+    // counted as data. It only grows when one line is longer than the whole buffer. A small file
+    // (most of them) gets a buffer of its own size, read in one call, rather than a whole chunk.
+    const int64_t remaining = std::max<int64_t>(file.size() - from, 0);
+    std::size_t capacity = static_cast<std::size_t>(
+        std::clamp<int64_t>(remaining + 1, 4096, static_cast<int64_t>(chunkSize)));
     auto buffer = std::make_unique_for_overwrite<char[]>(capacity + kLinePadding);
     std::memset(buffer.get() + capacity, 0, kLinePadding);
     std::size_t filled = 0;
@@ -177,7 +189,60 @@ std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::pat
     } else if (filled > 0) {
         end.partialStart = bufferBase;
     }
+    if (sealed) {
+        end.inode = file.inode();
+        end.fingerprint = fingerprintOf(file, end.nextOffset);
+    }
     return end;
+}
+
+std::optional<std::string> fingerprintOf(const ReadOnlyFile& file, int64_t through) {
+    // The size now, not at opening: a file truncated while it was read has lost the bytes.
+    if (through < 0 || file.currentSize() < through) {
+        return std::nullopt;
+    }
+    constexpr int64_t kWindow = 4096;
+    std::string material = std::to_string(through);
+    const int64_t headLength = std::min(kWindow, through);
+    const int64_t tailStart = std::max(kWindow, through - kWindow);
+    const int64_t tailLength = through > kWindow ? through - tailStart : 0;
+    const std::size_t prefix = material.size();
+    material.resize(prefix + static_cast<std::size_t>(headLength + tailLength));
+    if (!file.readFully(material.data() + prefix, static_cast<std::size_t>(headLength), 0) ||
+        !file.readFully(material.data() + prefix + headLength, static_cast<std::size_t>(tailLength),
+                        tailStart)) {
+        return std::nullopt;
+    }
+
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int digestLength = 0;
+    if (EVP_Digest(material.data(), material.size(), digest, &digestLength, EVP_sha256(),
+                   nullptr) != 1) {
+        return std::nullopt;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string hex;
+    hex.reserve(digestLength * 2);
+    for (unsigned int i = 0; i < digestLength; ++i) {
+        hex += kHex[digest[i] >> 4];
+        hex += kHex[digest[i] & 15];
+    }
+    return hex;
+}
+
+}  // namespace
+
+std::expected<ReadEnd, FileError> forEachCompleteLine(const std::filesystem::path& path,
+                                                      int64_t from, const LineHandler& onLine,
+                                                      std::size_t chunkSize,
+                                                      std::size_t maxLineBytes) {
+    return readLines(path, from, onLine, chunkSize, maxLineBytes, false);
+}
+
+std::expected<ReadEnd, FileError> forEachCompleteLineSealed(const std::filesystem::path& path,
+                                                            int64_t from,
+                                                            const LineHandler& onLine) {
+    return readLines(path, from, onLine, std::size_t{1} << 20, kDefaultMaxLineBytes, true);
 }
 
 int64_t offsetAfter(std::string_view line, int64_t offset) {
@@ -203,36 +268,10 @@ std::optional<std::string> boundaryFingerprint(const std::filesystem::path& path
         return std::nullopt;
     }
     auto opened = ReadOnlyFile::open(path);
-    if (!opened || opened->size() < through) {
+    if (!opened) {
         return std::nullopt;
     }
-    constexpr int64_t kWindow = 4096;
-    std::string material = std::to_string(through);
-    const int64_t headLength = std::min(kWindow, through);
-    const int64_t tailStart = std::max(kWindow, through - kWindow);
-    const int64_t tailLength = through > kWindow ? through - tailStart : 0;
-    const std::size_t prefix = material.size();
-    material.resize(prefix + static_cast<std::size_t>(headLength + tailLength));
-    if (!opened->readFully(material.data() + prefix, static_cast<std::size_t>(headLength), 0) ||
-        !opened->readFully(material.data() + prefix + headLength,
-                           static_cast<std::size_t>(tailLength), tailStart)) {
-        return std::nullopt;
-    }
-
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int digestLength = 0;
-    if (EVP_Digest(material.data(), material.size(), digest, &digestLength, EVP_sha256(),
-                   nullptr) != 1) {
-        return std::nullopt;
-    }
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex;
-    hex.reserve(digestLength * 2);
-    for (unsigned int i = 0; i < digestLength; ++i) {
-        hex += kHex[digest[i] >> 4];
-        hex += kHex[digest[i] & 15];
-    }
-    return hex;
+    return fingerprintOf(*opened, through);
 }
 
 std::optional<uint64_t> inode(const std::filesystem::path& path) {

@@ -31,6 +31,10 @@ struct ReadEnd {
     std::optional<int64_t> partialStart;
     int64_t lines = 0;           // complete lines delivered
     int64_t oversizedLines = 0;  // complete lines longer than the limit, skipped undelivered
+    // Filled by forEachCompleteLineSealed only: the file's inode and the boundary fingerprint at
+    // `nextOffset`, taken through the file as it was opened for the read.
+    std::optional<uint64_t> inode;
+    std::optional<std::string> fingerprint;
 };
 
 // Lines longer than this are skipped (and counted) instead of being held in memory whole.
@@ -54,6 +58,12 @@ int64_t offsetAfter(std::string_view line, int64_t offset);
 std::expected<ReadEnd, FileError> forEachCompleteLine(
     const std::filesystem::path& path, int64_t from, const LineHandler& onLine,
     std::size_t chunkSize = std::size_t{1} << 20, std::size_t maxLineBytes = kDefaultMaxLineBytes);
+
+// As forEachCompleteLine, and fills the result's `inode` and `fingerprint` through the same open
+// file: what a checkpoint after the read needs, without opening the file again.
+std::expected<ReadEnd, FileError> forEachCompleteLineSealed(const std::filesystem::path& path,
+                                                            int64_t from,
+                                                            const LineHandler& onLine);
 
 // Reads the complete lines from `from` into memory. For small files and tests; scans of large
 // files use forEachCompleteLine.

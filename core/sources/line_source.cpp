@@ -9,34 +9,66 @@
 #include "core/sources/jsonl.hpp"
 
 namespace kestrel::LineSource {
+namespace {
+
+SourceCheckpoint lineCheckpoint(AgentSource source, int64_t parserVersion,
+                                const std::filesystem::path& file, int64_t nextOffset,
+                                std::optional<int64_t> partialStart) {
+    SourceCheckpoint cp;
+    cp.source = source;
+    cp.stableID = SourceCheckpoint::stableIDFor(file);
+    cp.pathHint = file.string();
+    cp.inode = JSONL::inode(file);
+    cp.byteOffset = nextOffset;
+    cp.partialLineStart = partialStart;
+    cp.contentFingerprint = JSONL::boundaryFingerprint(file, nextOffset);
+    cp.parserVersion = parserVersion;
+    return cp;
+}
+
+}  // namespace
 
 std::expected<IngestResult, FileError> read(AgentSource source, int64_t parserVersion,
                                             const std::filesystem::path& file,
                                             const std::optional<SourceCheckpoint>& checkpoint,
-                                            const LineParser& parse) {
+                                            const LineParser& parse, const HandOver& handOver) {
     const int64_t start = checkpoint && checkpoint->byteOffset ? *checkpoint->byteOffset : 0;
+    const std::string previousContext = checkpoint ? checkpoint->parserContext : std::string();
+    const SourceReadContext* ingestor =
+        handOver.context != nullptr && handOver.context->wantsHandOver && handOver.context->handOver
+            ? handOver.context
+            : nullptr;
     IngestResult result;
     int64_t usable = 0, unreadable = 0;
-    auto end = JSONL::forEachCompleteLine(file, start, [&](std::string_view line, int64_t offset) {
-        ++result.stats.lines;
-        switch (parse(line, offset)) {
-            case LineKind::usage:
-                ++usable;
-                break;
-            case LineKind::noUsage:
-                ++result.stats.withoutUsage;
-                break;
-            case LineKind::malformed:
-                ++result.stats.malformed;
-                break;
-            case LineKind::unreadableUsage:
-                ++result.stats.malformed;
-                ++unreadable;
-                break;
-            case LineKind::blank:
-                break;
-        }
-    });
+    // Sealed: the final checkpoint's inode and fingerprint come through the file as it was read.
+    auto end =
+        JSONL::forEachCompleteLineSealed(file, start, [&](std::string_view line, int64_t offset) {
+            ++result.stats.lines;
+            switch (parse(line, offset)) {
+                case LineKind::usage:
+                    ++usable;
+                    break;
+                case LineKind::noUsage:
+                    ++result.stats.withoutUsage;
+                    break;
+                case LineKind::malformed:
+                    ++result.stats.malformed;
+                    break;
+                case LineKind::unreadableUsage:
+                    ++result.stats.malformed;
+                    ++unreadable;
+                    break;
+                case LineKind::blank:
+                    break;
+            }
+            if (ingestor != nullptr && (!handOver.ready || handOver.ready()) &&
+                ingestor->wantsHandOver()) {
+                auto cp = lineCheckpoint(source, parserVersion, file,
+                                         JSONL::offsetAfter(line, offset), std::nullopt);
+                cp.parserContext = handOver.state ? handOver.state() : previousContext;
+                ingestor->handOver(std::move(cp));
+            }
+        });
     if (!end) {
         return std::unexpected(end.error());
     }
@@ -46,17 +78,15 @@ std::expected<IngestResult, FileError> read(AgentSource source, int64_t parserVe
     result.formatChanged = start == 0 && unreadable > 0 && usable == 0;
 
     SourceCheckpoint& cp = result.checkpoint;
-    if (checkpoint) {
-        cp.parserContext = checkpoint->parserContext;
-    }
     cp.source = source;
     cp.stableID = SourceCheckpoint::stableIDFor(file);
     cp.pathHint = file.string();
-    cp.inode = JSONL::inode(file);
+    cp.inode = end->inode;
     cp.byteOffset = end->nextOffset;
     cp.partialLineStart = end->partialStart;
-    cp.contentFingerprint = JSONL::boundaryFingerprint(file, end->nextOffset);
+    cp.contentFingerprint = std::move(end->fingerprint);
     cp.parserVersion = parserVersion;
+    cp.parserContext = previousContext;
     return result;
 }
 

@@ -368,11 +368,13 @@ std::expected<IngestResult, FileError> ingestLines(
     }
     LineReader reader;
     const double fallbackTime = modificationTime(file);
-    auto result = LineSource::read(source, parserVersion, file, checkpoint,
-                                   [&](std::string_view line, int64_t offset) {
-                                       return consume(reader, line, JSONL::kLinePadding, offset,
-                                                      source, session, context.sink, fallbackTime);
-                                   });
+    auto result =
+        LineSource::read(source, parserVersion, file, checkpoint,
+                         [&](std::string_view line, int64_t offset) {
+                             return consume(reader, line, JSONL::kLinePadding, offset, source,
+                                            session, context.sink, fallbackTime);
+                         },
+                         {.context = &context, .state = [&] { return session.encode(); }});
     if (result) {
         result->checkpoint.parserContext = session.encode();
     }

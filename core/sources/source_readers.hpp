@@ -44,10 +44,11 @@ struct SourceReadContext {
     // Receives the events in file order as they are read. Readers that collect a store's rows
     // first may instead return them in the result's `events`.
     SourceEventSink sink;
-    // When set, a reader that can resume at any line boundary (one that keeps no state between
-    // lines) asks it after each line whether to hand over; when it answers true, the reader
-    // calls `handOver` with the checkpoint of everything read so far, the events of which it
-    // has all passed to `sink`. Lets one huge file be committed in parts.
+    // When set, a reader that can resume at a line boundary (a JSON-lines reader, its state
+    // between lines kept in the checkpoint) asks it after each line whether to hand over; when
+    // it answers true, the reader calls `handOver` with the checkpoint of everything read so
+    // far, the events of which it has all passed to `sink`. Lets one huge file be committed in
+    // parts.
     std::function<bool()> wantsHandOver;
     std::function<void(SourceCheckpoint&&)> handOver;
 };

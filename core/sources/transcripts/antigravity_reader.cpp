@@ -149,11 +149,11 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
                 "}";
             sink(buildEvent(d));
             return LineSource::LineKind::usage;
-        });
+        },
+        {.context = &context,
+         .state = [&] { return TranscriptLines::contextWith(state, "model", model); }});
     if (result) {
-        state["model"] = model;
-        result->checkpoint.parserContext =
-            state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+        result->checkpoint.parserContext = TranscriptLines::contextWith(state, "model", model);
     }
     return result;
 }

@@ -255,8 +255,8 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
         sink(buildEvent(d));
         return LineSource::LineKind::usage;
     };
-    auto result = LineSource::read(source, parserVersion, transcript, context.checkpoint, parse);
-    return result;
+    return LineSource::read(source, parserVersion, transcript, context.checkpoint, parse,
+                            {.context = &context});
 }
 
 SourceReader reader() {

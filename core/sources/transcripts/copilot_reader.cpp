@@ -400,7 +400,8 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
                 return shutdown(*record, offset, facts, sink);
             }
             return spans(*record, offset, facts, sink);
-        });
+        },
+        {.context = &context});
 }
 
 SourceReader reader() {

@@ -153,7 +153,8 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
                                     return LineKind::blank;
                                 }
                                 return readHeader(line, file, context.sink);
-                            });
+                            },
+                            {.context = &context});
 }
 
 SourceReader reader() {

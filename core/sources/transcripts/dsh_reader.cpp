@@ -141,7 +141,8 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
         sink(buildEvent(d));
         return LineKind::usage;
     };
-    auto result = LineSource::read(AgentSource::deepseekHarness, parserVersion, file, from, parse);
+    auto result = LineSource::read(AgentSource::deepseekHarness, parserVersion, file, from, parse,
+                                   {.context = &context, .state = [&] { return totals.encode(); }});
     if (!result) {
         return result;
     }

@@ -217,9 +217,10 @@ std::expected<IngestResult, FileError> ingestLegacy(const std::filesystem::path&
     return result;
 }
 
-std::expected<IngestResult, FileError> ingestLines(
-    const std::filesystem::path& file, const std::optional<SourceCheckpoint>& checkpoint,
-    const SourceEventSink& sink) {
+std::expected<IngestResult, FileError> ingestLines(const SourceReadContext& context) {
+    const auto& file = context.file;
+    const auto& checkpoint = context.checkpoint;
+    const auto& sink = context.sink;
     // The session id is on the first line only; later reads find it in the context.
     auto state = TranscriptLines::decodeContext(checkpoint ? checkpoint->parserContext : "");
     SessionFacts facts;
@@ -228,7 +229,8 @@ std::expected<IngestResult, FileError> ingestLines(
     facts.mtime = TranscriptLines::modificationTime(file);
     TranscriptLines::ObjectParser parser;
     auto result = LineSource::read(
-        AgentSource::gemini, parserVersion, file, checkpoint, [&](std::string_view line, int64_t) {
+        AgentSource::gemini, parserVersion, file, checkpoint,
+        [&](std::string_view line, int64_t) {
             if (JsonFields::isBlank(line)) {
                 return LineSource::LineKind::blank;
             }
@@ -262,11 +264,13 @@ std::expected<IngestResult, FileError> ingestLines(
                     break;
             }
             return LineSource::LineKind::unreadableUsage;
-        });
+        },
+        {.context = &context, .state = [&] {
+             return TranscriptLines::contextWith(state, "sessionId", facts.sessionID);
+         }});
     if (result) {
-        state["sessionId"] = facts.sessionID;
         result->checkpoint.parserContext =
-            state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+            TranscriptLines::contextWith(state, "sessionId", facts.sessionID);
     }
     return result;
 }
@@ -293,13 +297,10 @@ std::vector<std::filesystem::path> discover(const std::filesystem::path& root,
 }
 
 std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) {
-    const auto& file = context.file;
-    const auto& checkpoint = context.checkpoint;
-    const auto& sink = context.sink;
-    if (isLegacy(file)) {
-        return ingestLegacy(file, sink);
+    if (isLegacy(context.file)) {
+        return ingestLegacy(context.file, context.sink);
     }
-    return ingestLines(file, checkpoint, sink);
+    return ingestLines(context);
 }
 
 SourceReader reader() {

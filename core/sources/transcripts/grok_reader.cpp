@@ -274,7 +274,8 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
             }
             sink(buildEvent(d));
             return LineKind::usage;
-        });
+        },
+        {.context = &context});
     if (result) {
         const int64_t start = checkpoint && checkpoint->byteOffset ? *checkpoint->byteOffset : 0;
         // A whole file of envelopes none of which carries usage: the usage moved elsewhere.

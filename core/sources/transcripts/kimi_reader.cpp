@@ -347,22 +347,27 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
     const auto& sink = context.sink;
     const LogFacts facts = factsOf(file);
     LineReader lines(facts, defaultModel.empty() ? std::string(kUnknownModel) : defaultModel);
-    auto result = LineSource::read(AgentSource::kimi, parserVersion, file, checkpoint,
-                                   [&](std::string_view line, int64_t) {
-                                       auto kind = lines.read(line);
-                                       // Kimi CLI logs have no fork marker: nothing to hold.
-                                       if (!facts.kimiCode) {
-                                           for (auto& e : lines.events) {
-                                               sink(std::move(e));
-                                           }
-                                           lines.events.clear();
-                                       }
-                                       return kind;
-                                   });
-    if (result) {
+    const auto flush = [&] {
         for (auto& e : lines.events) {
             sink(std::move(e));
         }
+        lines.events.clear();
+    };
+    auto result =
+        LineSource::read(AgentSource::kimi, parserVersion, file, checkpoint,
+                         [&](std::string_view line, int64_t) {
+                             auto kind = lines.read(line);
+                             // Kimi CLI logs have no fork marker: nothing to hold.
+                             if (!facts.kimiCode) {
+                                 flush();
+                             }
+                             return kind;
+                         },
+                         // A Kimi Code log holds its events until its end, where no fork marker can
+                         // follow that would drop them: it is not handed over in the middle.
+                         {.context = &context, .ready = [&] { return !facts.kimiCode; }});
+    if (result) {
+        flush();
     }
     return result;
 }

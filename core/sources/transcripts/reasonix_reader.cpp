@@ -128,7 +128,8 @@ std::expected<IngestResult, FileError> ingest(const SourceReadContext& context) 
         sink(buildEvent(d));
         return LineKind::usage;
     };
-    return LineSource::read(AgentSource::reasonix, parserVersion, log, checkpoint, parse);
+    return LineSource::read(AgentSource::reasonix, parserVersion, log, checkpoint, parse,
+                            {.context = &context});
 }
 
 SourceReader reader() {

@@ -112,4 +112,9 @@ std::string contextString(const nlohmann::json& state, const char* key, std::str
     return it->get<std::string>();
 }
 
+std::string contextWith(nlohmann::json state, const char* key, const std::string& value) {
+    state[key] = value;
+    return state.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 }  // namespace kestrel::TranscriptLines

@@ -53,5 +53,7 @@ using LineSource::modificationTime;
 nlohmann::json decodeContext(const std::string& context);
 // A string kept in that state; `fallback` when missing or not a string.
 std::string contextString(const nlohmann::json& state, const char* key, std::string fallback);
+// `state` with the string `key` set to `value`, written out as a parser context.
+std::string contextWith(nlohmann::json state, const char* key, const std::string& value);
 
 }  // namespace kestrel::TranscriptLines
