@@ -14,6 +14,7 @@
 #include <memory>
 
 #include "app/pages/page_format.hpp"
+#include "app/progress_relay.hpp"
 #include "app/ui_text.hpp"
 #include "core/model/calendar.hpp"
 #include "core/model/timestamp.hpp"
@@ -115,8 +116,8 @@ PricesPage::PricesPage(PageHost& host, QWidget* parent) : Page(host, parent), te
     form_->addRow(buttons);
 
     busy_ = new QProgressBar(this);
-    busy_->setRange(0, 0);  // a reprice does not report its progress: a busy bar
-    busy_->setTextVisible(false);
+    busy_->setObjectName(QStringLiteral("repriceProgress"));
+    busy_->setFormat(QStringLiteral("%v / %m  (%p%)"));
     busy_->hide();
     status_ = new QLabel(this);
     status_->setObjectName(QStringLiteral("status"));
@@ -256,6 +257,19 @@ QString PricesPage::inputErrorText(const PriceInputError& error) const {
                  {{"field", text_(fieldKey(error.field)).toStdString()}, {"text", error.text}});
 }
 
+UsageStore::RepriceProgress PricesPage::startProgress() {
+    busy_->setRange(0, 0);  // until the reprice has counted what it will look at
+    busy_->show();
+    save_->setEnabled(false);
+    remove_->setEnabled(false);
+    status_->setText(text_("pages.prices.repricing"));
+    return relayProgress(this, [this](int64_t done, int64_t total) {
+        busy_->setRange(0, static_cast<int>(std::min<int64_t>(total, INT_MAX)));
+        busy_->setValue(static_cast<int>(std::min<int64_t>(done, INT_MAX)));
+        emit repriceProgressed(done, total);
+    });
+}
+
 void PricesPage::finish(bool ok, const QString& message) {
     busy_->hide();
     save_->setEnabled(true);
@@ -274,11 +288,10 @@ void PricesPage::saveOverride(const PriceOverrideInput& input) {
     auto& session = host().session();
     auto result = std::make_shared<std::expected<PriceChange, PriceChangeError>>(
         std::unexpected(PriceChangeError{}));
-    busy_->show();
-    save_->setEnabled(false);
-    remove_->setEnabled(false);
-    status_->setText(text_("pages.prices.repricing"));
-    host().runInBackground([&session, input, result] { *result = savePriceOverride(session, input); },
+    const auto progress = startProgress();
+    host().runInBackground([&session, input, result, progress] {
+                               *result = savePriceOverride(session, input, progress);
+                           },
                            [self = QPointer<PricesPage>(this), result, match = input.match] {
                                if (!self) {
                                    return;
@@ -302,13 +315,10 @@ void PricesPage::removeOverride(const QString& match) {
     auto& session = host().session();
     auto result = std::make_shared<std::expected<RepriceOutcome, PriceChangeError>>(
         std::unexpected(PriceChangeError{}));
-    busy_->show();
-    save_->setEnabled(false);
-    remove_->setEnabled(false);
-    status_->setText(text_("pages.prices.repricing"));
+    const auto progress = startProgress();
     host().runInBackground(
-        [&session, m = match.trimmed().toStdString(), result] {
-            *result = removePriceOverride(session, m);
+        [&session, m = match.trimmed().toStdString(), result, progress] {
+            *result = removePriceOverride(session, m, progress);
         },
         [self = QPointer<PricesPage>(this), result, m = match.trimmed().toStdString()] {
             if (!self) {

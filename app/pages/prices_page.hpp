@@ -43,9 +43,13 @@ class PricesPage : public Page {
   signals:
     // After a save or removal finished (or was refused); `message` is what the status line says.
     void changeFinished(bool ok, const QString& message);
+    // As a reprice goes: observations looked at, of `total`.
+    void repriceProgressed(qint64 done, qint64 total);
 
   private:
     void fillTable();
+    // Shows the bar and hands back what the worker reports progress through.
+    UsageStore::RepriceProgress startProgress();
     void finish(bool ok, const QString& message);
     QString inputErrorText(const PriceInputError& error) const;
 
@@ -66,7 +70,7 @@ class PricesPage : public Page {
     QLineEdit* to_ = nullptr;
     QPushButton* save_ = nullptr;
     QPushButton* remove_ = nullptr;
-    QProgressBar* busy_ = nullptr;
+    QProgressBar* busy_ = nullptr;  // the reprice's progress
     QLabel* status_ = nullptr;
 };
 

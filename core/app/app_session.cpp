@@ -90,7 +90,7 @@ void AppSession::onSettingsChanged(SettingsListener listener) {
     listeners_.push_back(std::move(listener));
 }
 
-RepriceOutcome AppSession::reloadPrices() {
+RepriceOutcome AppSession::reloadPrices(const UsageStore::RepriceProgress& progress) {
     auto prices = PriceTable::resolved(*store_);
     BillingMode billing;
     {
@@ -99,7 +99,7 @@ RepriceOutcome AppSession::reloadPrices() {
         billing = settings_.billingMode;
     }
     ingestor_->setPrices(prices);
-    return store_->repriceIfFingerprintChanged(prices, billing);
+    return store_->repriceIfFingerprintChanged(prices, billing, progress);
 }
 
 UsageWatch& AppSession::watch(const WatchOptions& options, WatchCallbacks callbacks) {

@@ -93,7 +93,7 @@ class AppSession {
 
     // Resolves the prices again (after the user's overrides changed), hands them to the
     // ingestor and reprices the ledger when they moved.
-    RepriceOutcome reloadPrices();
+    RepriceOutcome reloadPrices(const UsageStore::RepriceProgress& progress = {});
 
     // Starts following the agents' folders (see UsageWatch). The watch belongs to the session:
     // at most one at a time, stopped by stopWatching() or when the session is destroyed.

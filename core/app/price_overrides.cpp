@@ -97,8 +97,9 @@ std::expected<PriceRow, PriceInputError> priceOverrideRow(const PriceOverrideInp
     return row;
 }
 
-std::expected<PriceChange, PriceChangeError> savePriceOverride(AppSession& session,
-                                                               const PriceOverrideInput& input) {
+std::expected<PriceChange, PriceChangeError> savePriceOverride(
+    AppSession& session, const PriceOverrideInput& input,
+    const UsageStore::RepriceProgress& progress) {
     auto row = priceOverrideRow(input, session.prices(), epochNow());
     if (!row) {
         return std::unexpected(
@@ -113,7 +114,7 @@ std::expected<PriceChange, PriceChangeError> savePriceOverride(AppSession& sessi
             PriceChangeError{PriceChangeError::Kind::saveFailed, {}, e.what(), {}});
     }
     try {
-        change.repriced = session.reloadPrices();
+        change.repriced = session.reloadPrices(progress);
     } catch (const std::exception& e) {
         return std::unexpected(
             PriceChangeError{PriceChangeError::Kind::repriceFailed, {}, e.what(), change.row});
@@ -121,8 +122,9 @@ std::expected<PriceChange, PriceChangeError> savePriceOverride(AppSession& sessi
     return change;
 }
 
-std::expected<RepriceOutcome, PriceChangeError> removePriceOverride(AppSession& session,
-                                                                    const std::string& match) {
+std::expected<RepriceOutcome, PriceChangeError> removePriceOverride(
+    AppSession& session, const std::string& match,
+    const UsageStore::RepriceProgress& progress) {
     try {
         if (!session.store().deletePriceOverride(match)) {
             return std::unexpected(PriceChangeError{PriceChangeError::Kind::notFound, {}, {}, {}});
@@ -132,7 +134,7 @@ std::expected<RepriceOutcome, PriceChangeError> removePriceOverride(AppSession& 
             PriceChangeError{PriceChangeError::Kind::saveFailed, {}, e.what(), {}});
     }
     try {
-        return session.reloadPrices();
+        return session.reloadPrices(progress);
     } catch (const std::exception& e) {
         return std::unexpected(
             PriceChangeError{PriceChangeError::Kind::repriceFailed, {}, e.what(), {}});

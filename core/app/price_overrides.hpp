@@ -84,9 +84,12 @@ struct PriceChangeError {
     PriceRow row;                          // repriceFailed after a save: the override saved
 };
 
-std::expected<PriceChange, PriceChangeError> savePriceOverride(AppSession& session,
-                                                               const PriceOverrideInput& input);
-std::expected<RepriceOutcome, PriceChangeError> removePriceOverride(AppSession& session,
-                                                                    const std::string& match);
+// Both reprice the ledger when the change moved any price; `progress` hears how far that got.
+std::expected<PriceChange, PriceChangeError> savePriceOverride(
+    AppSession& session, const PriceOverrideInput& input,
+    const UsageStore::RepriceProgress& progress = {});
+std::expected<RepriceOutcome, PriceChangeError> removePriceOverride(
+    AppSession& session, const std::string& match,
+    const UsageStore::RepriceProgress& progress = {});
 
 }  // namespace kestrel

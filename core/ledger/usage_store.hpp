@@ -101,16 +101,22 @@ class UsageStore : public IntegrationInstanceRepository, public PriceOverrideSou
     // Whether a first import is under way (or was cut short and not yet finished).
     bool firstImportPending();
 
+    // Hears (observations looked at, observations to look at) as a reprice goes, on its thread.
+    using RepriceProgress = std::function<void(int64_t done, int64_t total)>;
+
     // Recomputes the cost of every stored observation and its ledger event; returns how many
     // observations were repriced.
-    int64_t repriceLedger(const PriceTable& prices, BillingMode billing);
+    int64_t repriceLedger(const PriceTable& prices, BillingMode billing,
+                          const RepriceProgress& progress = {});
 
     // As repriceLedger; with `allEvents` false only the observations that have no cost yet
     // (for instance after a price was added for a model that had none).
-    int64_t reprice(const PriceTable& prices, BillingMode billing, bool allEvents);
+    int64_t reprice(const PriceTable& prices, BillingMode billing, bool allEvents,
+                    const RepriceProgress& progress = {});
 
     // Reprices only when the stored price fingerprint differs from the current one.
-    RepriceOutcome repriceIfFingerprintChanged(const PriceTable& prices, BillingMode billing);
+    RepriceOutcome repriceIfFingerprintChanged(const PriceTable& prices, BillingMode billing,
+                                               const RepriceProgress& progress = {});
 
     // --- File checkpoints (table `checkpoints`) ----------------------------------------------
 

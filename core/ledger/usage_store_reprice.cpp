@@ -56,11 +56,13 @@ ObservedCost storedCost(const UsageEvent& e) {
 
 }  // namespace
 
-int64_t UsageStore::repriceLedger(const PriceTable& prices, BillingMode billing) {
-    return reprice(prices, billing, true);
+int64_t UsageStore::repriceLedger(const PriceTable& prices, BillingMode billing,
+                                  const RepriceProgress& progress) {
+    return reprice(prices, billing, true, progress);
 }
 
-int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool allEvents) {
+int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool allEvents,
+                            const RepriceProgress& progress) {
     std::lock_guard repricing(state_->repricingLock);
     std::lock_guard guard(state_->lock);
     sqlite3* db = state_->connection();
@@ -99,8 +101,17 @@ int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool 
         "  severity, origin, diagnostic_code, detected_at, resolved_at\n"
         ") VALUES(?,?,?,NULL,?,?,?,'validation',NULL,?,NULL);");
 
+    const std::string only = allEvents ? "" : " WHERE cost_usd_micros IS NULL";
+    int64_t total = 0;
+    if (progress) {
+        sqlite::Statement count(db, "SELECT COUNT(*) FROM usage_observations" + only + ";");
+        total = count.step() ? count.int64(0) : 0;
+        progress(0, total);
+    }
+
     const double now = epochNow();
     int64_t repriced = 0;
+    int64_t seen = 0;
     std::string after;  // keyset paging: ids above the last one seen
     for (;;) {
         page.reset();
@@ -154,6 +165,10 @@ int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool 
             }
             ++repriced;
         }
+        seen += rows;
+        if (progress) {
+            progress(std::min(seen, total), total);
+        }
         if (rows < kPageSize) {
             break;
         }
@@ -166,12 +181,13 @@ int64_t UsageStore::reprice(const PriceTable& prices, BillingMode billing, bool 
 }
 
 RepriceOutcome UsageStore::repriceIfFingerprintChanged(const PriceTable& prices,
-                                                       BillingMode billing) {
+                                                       BillingMode billing,
+                                                       const RepriceProgress& progress) {
     const std::string fingerprint = PriceFingerprint::make(prices, billing, priceOverrides(), {});
     if (setting(kFingerprintKey) == fingerprint) {
         return RepriceOutcome::skippedOutcome();
     }
-    const int64_t count = repriceLedger(prices, billing);
+    const int64_t count = repriceLedger(prices, billing, progress);
     setSetting(kFingerprintKey, fingerprint);
     return RepriceOutcome::updated(count);
 }

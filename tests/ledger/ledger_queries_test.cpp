@@ -284,9 +284,20 @@ TEST_F(LedgerQueriesTest, EveryViewAgreesWithAFullAggregationThroughWrites) {
     commit(kept, "run-3", AgentSource::codex);
     expectAgreement(rng, "after a replacement");
 
-    // Repricing rewrites every cost row.
-    store.repriceLedger(PriceTable::bundled(), BillingMode::apiEquivalent);
+    // Repricing rewrites every cost row, telling its progress from nothing to all of them.
+    std::vector<std::pair<int64_t, int64_t>> steps;
+    store.repriceLedger(PriceTable::bundled(), BillingMode::apiEquivalent,
+                        [&](int64_t done, int64_t total) { steps.emplace_back(done, total); });
     expectAgreement(rng, "after repricing");
+    ASSERT_GE(steps.size(), 2u);
+    const int64_t total = steps.front().second;
+    EXPECT_GE(total, static_cast<int64_t>(kept.size()));
+    EXPECT_EQ(steps.front().first, 0);
+    EXPECT_EQ(steps.back(), std::make_pair(total, total));
+    for (std::size_t i = 1; i < steps.size(); ++i) {
+        EXPECT_GE(steps[i].first, steps[i - 1].first);
+        EXPECT_EQ(steps[i].second, total);
+    }
 }
 
 // A reader cannot rebuild the rollups. After a scan's small commit it takes the quarter hours

@@ -2,6 +2,7 @@
 // editor repricing the ledger.
 #include <QLabel>
 #include <QLineEdit>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QTableWidget>
 #include <nlohmann/json.hpp>
@@ -63,6 +64,7 @@ TEST_F(PricesPageTest, ListsTheRowsTheCommandLineLists) {
 TEST_F(PricesPageTest, AnOverrideRepricesTheLedgerAndRemovingItRestoresTheCost) {
     PricesPage page(*host);
     SignalLog finished(&page, &PricesPage::changeFinished);
+    SignalLog progressed(&page, &PricesPage::repriceProgressed);
     const auto before = haikuCost();
     ASSERT_TRUE(before);
     ASSERT_GT(*before, 0);
@@ -85,6 +87,13 @@ TEST_F(PricesPageTest, AnOverrideRepricesTheLedgerAndRemovingItRestoresTheCost) 
     EXPECT_EQ(host->backgroundRuns, 1);
     // 100,000 input at $10 and 200,000 output at $20 per million: $1 + $4.
     EXPECT_EQ(haikuCost(), 5'000'000);
+    // The bar followed the reprice to its end.
+    QCoreApplication::processEvents();
+    ASSERT_GE(progressed.count(), 1);
+    const auto& last = progressed[progressed.count() - 1];
+    EXPECT_GT(last[1].toLongLong(), 0);
+    EXPECT_EQ(last[0].toLongLong(), last[1].toLongLong());
+    EXPECT_EQ(page.findChild<QProgressBar*>("repriceProgress")->value(), last[0].toLongLong());
     const int marked = rowOf(table, "claude-haiku-4-5");
     ASSERT_GE(marked, 0);
     EXPECT_FALSE(table->item(marked, 8)->text().isEmpty());
