@@ -100,12 +100,6 @@ void MainWindow::retranslate() {
     bannerClose_->setToolTip(text_("desktop.banner.close"));
 }
 
-void MainWindow::reloadPages() {
-    for (Page* p : pages_) {
-        p->reload();
-    }
-}
-
 void MainWindow::showBanner(const QString& message) {
     bannerLabel_->setText(message);
     banner_->show();

@@ -31,7 +31,6 @@ class MainWindow : public QMainWindow {
 
     // Every text again in the current language, the pages' included.
     void retranslate();
-    void reloadPages();
 
     // A note across the top of the window until the user closes it.
     void showBanner(const QString& message);
