@@ -14,15 +14,10 @@ namespace {
 SourceCheckpoint lineCheckpoint(AgentSource source, int64_t parserVersion,
                                 const std::filesystem::path& file, int64_t nextOffset,
                                 std::optional<int64_t> partialStart) {
-    SourceCheckpoint cp;
-    cp.source = source;
-    cp.stableID = SourceCheckpoint::stableIDFor(file);
-    cp.pathHint = file.string();
-    cp.inode = JSONL::inode(file);
+    SourceCheckpoint cp = wholeFileCheckpoint(source, parserVersion, file);
     cp.byteOffset = nextOffset;
     cp.partialLineStart = partialStart;
     cp.contentFingerprint = JSONL::boundaryFingerprint(file, nextOffset);
-    cp.parserVersion = parserVersion;
     return cp;
 }
 
